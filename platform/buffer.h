@@ -1,0 +1,50 @@
+#pragma once
+
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+#include <new>
+#include <string_view>
+
+namespace marbleway::platform {
+
+/// Bytes in one growing block. Growth goes through `realloc`, which moves the pages of a large
+/// block instead of copying them, so a document takes little more memory than it has bytes.
+class Buffer {
+ public:
+  std::size_t size() const noexcept { return size_; }
+  std::string_view view() const noexcept { return {block_.get(), size_}; }
+
+  void append(std::string_view bytes) {
+    std::memcpy(room(bytes.size()), bytes.data(), bytes.size());
+    size_ += bytes.size();
+  }
+
+  /// Where the next `size` bytes may be written; they count from `grow` on.
+  char* room(std::size_t size) {
+    if (size > capacity_ - size_) enlarge(size);
+    return block_.get() + size_;
+  }
+  /// Counts `size` bytes that were written to the room.
+  void grow(std::size_t size) noexcept { size_ += size; }
+
+ private:
+  struct Free {
+    void operator()(char* block) const noexcept { std::free(block); }
+  };
+
+  void enlarge(std::size_t size) {
+    const std::size_t capacity = (size_ + size) + (size_ + size) / 2 + 4096;
+    auto* block = static_cast<char*>(std::realloc(block_.get(), capacity));
+    if (block == nullptr) throw std::bad_alloc();
+    (void)block_.release();  // `realloc` took the old block
+    block_.reset(block);
+    capacity_ = capacity;
+  }
+
+  std::unique_ptr<char, Free> block_;
+  std::size_t size_ = 0;
+  std::size_t capacity_ = 0;
+};
+
+}  // namespace marbleway::platform

@@ -1,0 +1,15 @@
+#pragma once
+
+#include <chrono>
+
+namespace marbleway::platform {
+
+/// The wall clock, which stamps rows and measures a session's idleness. It may be set back.
+/// Thread: any.
+class [[gnu::visibility("default")]] Clock {
+ public:
+  virtual ~Clock() = default;
+  virtual std::chrono::system_clock::time_point now() = 0;
+};
+
+}  // namespace marbleway::platform

@@ -1,0 +1,48 @@
+#pragma once
+
+#include <memory>
+#include <mutex>
+#include <utility>
+
+namespace marbleway {
+
+/// The lock behind every `Guarded` value. Held for a copy or an assignment, never across a call.
+/// One for all, so that a fork can hold it still (see platform/hooks.h).
+inline constinit std::mutex guardedLock;
+
+/// Room for a process-wide object that is never torn down: threads may touch it at exit.
+template <class T>
+union Lasting {
+  template <class... Arguments>
+  constexpr explicit Lasting(Arguments&&... arguments)
+      : value(std::forward<Arguments>(arguments)...) {}
+  Lasting(const Lasting&) = delete;
+  Lasting& operator=(const Lasting&) = delete;
+  constexpr ~Lasting() {}  // leaves `value` alive
+
+  T value;
+};
+
+/// One value that any thread reads and writes whole.
+template <class T>
+class Guarded {
+ public:
+  constexpr Guarded() = default;
+
+  T load() const {
+    const std::scoped_lock lock(guardedLock);
+    return held_.value;
+  }
+  void store(T value) { exchange(std::move(value)); }
+  /// Puts `value` in and hands out what was there.
+  T exchange(T value) {
+    const std::scoped_lock lock(guardedLock);
+    std::swap(held_.value, value);
+    return value;
+  }
+
+ private:
+  Lasting<T> held_{};
+};
+
+}  // namespace marbleway

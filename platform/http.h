@@ -1,0 +1,41 @@
+#pragma once
+
+#include <functional>
+#include <optional>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "platform/buffer.h"
+
+namespace marbleway::platform {
+
+/// Bytes of an answer that are kept at most; the rest is dropped as it comes.
+inline constexpr std::size_t kLongestAnswer = 1U << 20U;
+
+/// One POST.
+struct HttpRequest {
+  std::string url;                                           // http or https
+  std::vector<std::pair<std::string, std::string>> headers;  // name and value, in order
+  Buffer body;
+  std::size_t answerLimit = kLongestAnswer;  // bytes of the answer's body that are wanted
+};
+
+/// An answer whose transfer is complete.
+struct HttpAnswer {
+  long status = 0;
+  std::string body;
+};
+
+/// The network. It verifies certificates and host names, follows no redirect and sends no "Expect".
+class [[gnu::visibility("default")]] HttpClient {
+ public:
+  virtual ~HttpClient() = default;
+
+  /// Posts `request` and returns at once; requests overlap. `done` runs exactly once, never on the
+  /// caller's thread; it is given nothing when no answer came (no network, 60 s without a byte,
+  /// refused, cut off), whatever the reason. At the process's end it may not run any more.
+  virtual void post(HttpRequest request, std::function<void(std::optional<HttpAnswer>)> done) = 0;
+};
+
+}  // namespace marbleway::platform

@@ -1,0 +1,23 @@
+#pragma once
+
+#include <optional>
+#include <string>
+#include <string_view>
+
+namespace marbleway::platform {
+
+/// Texts and flags kept between launches. Thread: any.
+class [[gnu::visibility("default")]] UserDefaults {
+ public:
+  virtual ~UserDefaults() = default;
+  /// Absent when there is no text under `key`.
+  virtual std::optional<std::string> text(std::string_view key) = 0;
+  virtual void setText(std::string_view key, std::string_view text) = 0;
+  virtual void setFlag(std::string_view key, bool flag) = 0;
+  virtual void remove(std::string_view key) = 0;
+  /// Writes out what has changed, if anything has; a failure is silent and leaves it to be written
+  /// by the next call.
+  virtual void synchronize() = 0;
+};
+
+}  // namespace marbleway::platform
