@@ -38,23 +38,29 @@ class Members {
   explicit Members(std::span<const std::string_view> known) : known_(known) {}
 
   /// The position of `key` among the known ones; refuses an unknown one and one given twice.
-  std::size_t admit(const std::string& place, std::string_view key) {
+  /// `place()` names the object, and is called only then.
+  std::size_t admit(std::string_view key, const auto& place) {
     const auto found = std::find(known_.begin(), known_.end(), key);
-    if (found == known_.end()) throw Refusal(400, place + ": key " + quoted(key) + " is not known");
+    if (found == known_.end()) refuse(key, "is not known", place());
     const auto position = static_cast<std::size_t>(found - known_.begin());
-    if (has(position)) throw Refusal(400, place + ": key " + quoted(key) + " is given twice");
+    if (has(position)) refuse(key, "is given twice", place());
     given_ |= std::uint32_t{1} << position;
     return position;
   }
 
   /// Refuses an object that ends before it had all its keys.
-  void requireAll(const std::string& place) const {
+  void requireAll(const auto& place) const {
     for (std::size_t i = 0; i < known_.size(); ++i) {
-      if (!has(i)) throw Refusal(400, place + ": key " + quoted(known_[i]) + " is missing");
+      if (!has(i)) refuse(known_[i], "is missing", place());
     }
   }
 
  private:
+  [[noreturn]] static void refuse(std::string_view key, const char* fault,
+                                  const std::string& place) {
+    throw Refusal(400, place + ": key " + inQuotes(key) + " " + fault);
+  }
+
   bool has(std::size_t position) const { return ((given_ >> position) & 1U) != 0; }
 
   std::span<const std::string_view> known_;  // at most 32

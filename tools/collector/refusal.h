@@ -1,5 +1,6 @@
 #pragma once
 
+#include <algorithm>
 #include <stdexcept>
 #include <string>
 #include <string_view>
@@ -14,9 +15,17 @@ struct Refusal : std::runtime_error {
 
 /// What a client sent, fit for a line of its own: ASCII, without control characters ('?' stands
 /// for any other byte), at most 80 characters.
-std::string printable(std::string_view sent);
+inline std::string printable(std::string_view sent) {
+  constexpr std::size_t kLongest = 80;
+  std::string line(sent.substr(0, kLongest));
+  std::replace_if(
+      line.begin(), line.end(), [](char c) { return c < ' ' || c > '~'; }, '?');
+  if (sent.size() > kLongest) line.replace(kLongest - 3, 3, "...");
+  return line;
+}
 
-/// The same between double quotes.
-std::string quoted(std::string_view sent);
+inline std::string inQuotes(std::string_view sent) {
+  return std::string("\"").append(printable(sent)).append("\"");
+}
 
 }  // namespace collector
