@@ -1,0 +1,339 @@
+#include "tools/collector/collector.h"
+
+#include <gmock/gmock.h>
+#include <httplib.h>
+#include <sqlite3.h>
+
+#include <filesystem>
+#include <fstream>
+#include <memory>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "tools/collector/arguments.h"
+
+namespace {
+
+using namespace std::string_literals;
+using collector::Collector;
+using collector::Settings;
+using testing::HasSubstr;
+
+constexpr auto kInit = "/v2/mobile/init";
+constexpr auto kBatch = "/v2/mobile/batch";
+const httplib::Headers kHeaders{{"Accept", "application/json"}, {"mrbw-project-token", "T-2"}};
+
+/// A batch document with `rows` under `kind` and fifteen empty arrays.
+std::string batch(const std::string& kind, const std::string& rows) {
+  std::string document;
+  for (const char* each :
+       {"Sessions", "Users", "UserAttributes", "Companies", "CompanyAttributes", "Events",
+        "ScreenViews", "Crashes", "Errors", "NetworkRequests", "CPUUsage", "MEMUsage",
+        "BatteryUsage", "Ads", "Messages", "DeepLinks"}) {
+    document += document.empty() ? "{\"BatchData\": {" : ", ";
+    document += "\""s + each + "\": [" + (each == kind ? rows : "") + "]";
+  }
+  return document + "}}\n";
+}
+
+std::string event(const std::string& id, const std::string& name = "opened",
+                  const std::string& time = "2026-01-02 00:00:00.005") {
+  return R"({"id": ")" + id + R"(", "SessionID": "S", "EventName": ")" + name +
+         R"(", "EventAttributes": "", "UTCTimeStamp": ")" + time + "\"}";
+}
+
+class CollectorTest : public testing::Test {
+ protected:
+  CollectorTest() {
+    std::string pattern = testing::TempDir() + "collector-XXXXXX";
+    directory_ = mkdtemp(pattern.data());
+    settings.dataFile = directory_ / "data.sqlite";
+    settings.tokens = {"T-1", "T-2"};
+  }
+  ~CollectorTest() override {
+    server.reset();
+    std::filesystem::remove_all(directory_);
+  }
+
+  /// The server, under `settings`; an earlier one ends first.
+  void start() {
+    server.reset();
+    server = std::make_unique<Collector>(settings, log_);
+    lastLine();
+  }
+
+  /// The status of the answer and the one line that the request left.
+  std::string send(const std::string& path, const std::string& body,
+                   const httplib::Headers& headers = kHeaders) {
+    httplib::Client client("127.0.0.1", server->port());
+    client.set_read_timeout(120);
+    const auto answer = client.Post(path, headers, body, "application/json");
+    if (!answer) return "no answer: " + httplib::to_string(answer.error());
+    body_ = answer->body;
+    const std::string line = lastLine();
+    EXPECT_THAT(line, testing::StartsWith("POST " + path + " " + std::to_string(answer->status)));
+    return line.substr(std::min(line.size(), path.size() + 6));
+  }
+
+  std::string lastLine() {
+    const std::string lines = log_.str();
+    log_.str("");
+    return lines.substr(0, lines.find('\n'));
+  }
+
+  /// The rows that `sql` finds, each as a|b|c and a line's end.
+  std::string find(const std::string& sql) {
+    const auto add = [](void* rows, int count, char** texts, char**) {
+      for (int i = 0; i < count; ++i) {
+        static_cast<std::string*>(rows)->append(texts[i]).append(i + 1 < count ? "|" : "\n");
+      }
+      return 0;
+    };
+    std::string rows;
+    sqlite3* database = nullptr;
+    sqlite3_open(settings.dataFile.c_str(), &database);
+    EXPECT_EQ(sqlite3_exec(database, sql.c_str(), add, &rows, nullptr), SQLITE_OK) << sql;
+    sqlite3_close(database);
+    return rows;
+  }
+
+  std::string write(const std::string& text) {
+    const std::filesystem::path file = directory_ / "config.json";
+    std::ofstream(file) << text;
+    return file;
+  }
+
+  Settings settings;
+  std::unique_ptr<Collector> server;
+  std::string body_;
+  std::ostringstream log_;
+  std::filesystem::path directory_;
+};
+
+TEST_F(CollectorTest, KeepsEachRowOnceAndCountsHowOftenItCame) {
+  start();
+  EXPECT_EQ(send(kBatch, batch("Events", event("1", "\\u0000\xC3\xA9\\/") + "," + event("-2"))),
+            "200 2 rows, 2 new, 0 seen again");
+  EXPECT_EQ(find("SELECT length(CAST(EventName AS BLOB)) FROM Events WHERE id = 1"), "4\n");
+  start();  // what is kept outlives the server
+  const std::string changed = event("-2", "closed") + "," + event("-2", "opened", "");
+  EXPECT_EQ(send(kBatch, batch("Events", event("-2") + "," + changed + "," + event("3"))),
+            "200 4 rows, 3 new, 1 seen again");
+  EXPECT_EQ(find("SELECT * FROM Events WHERE id = -2 ORDER BY TimesReceived, UTCTimeStamp"),
+            "-2|S|opened|||1\n-2|S|closed||2026-01-02 00:00:00.005|1\n"
+            "-2|S|opened||2026-01-02 00:00:00.005|2\n");
+  EXPECT_EQ(find("SELECT Method, Path, Status, Rows, NewRows, Bytes > 100, Fault FROM Requests"),
+            "POST|/v2/mobile/batch|200|2|2|1|\nPOST|/v2/mobile/batch|200|4|3|1|\n");
+}
+
+TEST_F(CollectorTest, KeepsTheKindsThatDifferFromTheirTables) {
+  start();
+  EXPECT_EQ(send(kBatch, batch("Messages", R"({"UTCTimeStamp": "", "UserID": "U", "id": "7",
+                "OperatingSystem": "", "MessageID": "M", "PlatformDeviceID": "D"})")),
+            "200 1 rows, 1 new, 0 seen again");
+  EXPECT_EQ(find("SELECT * FROM Messages"), "7|M|U|D|||1\n");
+  EXPECT_EQ(send(kBatch, batch("Sessions", R"({"id": "7", "AdvertisingID": ""})")),
+            R"(400 Sessions[0]: key "AdvertisingID" is not known)");
+}
+
+TEST_F(CollectorTest, RefusesABatchAtItsFirstFaultAndKeepsNothingOfIt) {
+  start();
+  const std::string deep(200'000, '[');
+  const std::string end = std::to_string(batch("Events", event("1")).size());
+  const std::vector<std::pair<std::string, std::string>> cases{
+      {"", "byte 0: The document is empty."},
+      {"[]", "document: not an object"},
+      {"{}", R"(document: key "BatchData" is missing)"},
+      {R"({"BatchData": null})", "BatchData: not an object"},
+      {R"({"BatchData": {}})", R"(BatchData: key "Sessions" is missing)"},
+      {R"({"BatchData": {"Events": [], "Events": []}})",
+       R"(BatchData: key "Events" is given twice)"},
+      {R"({"BatchData": {"events\n": []}})", R"(BatchData: key "events?" is not known)"},
+      {R"({"BatchData": {"Ads": {}}})", "Ads: not an array"},
+      {R"({"BatchData": {"Ads": )" + deep, "Ads[0]: not an object"},
+      {deep, "document: not an object"},
+      {batch("Events", "").replace(0, 1, R"({"Version": 1, )"),
+       R"(document: key "Version" is not known)"},
+      {batch("Events", event("1")) + "x",
+       "byte " + end + ": The document root must not be followed by other values."},
+      {batch("Events", event("1")) + "\0x"s, "byte " + end + ": NUL after the document"},
+      {batch("Events", event("1") + ", 5"), "Events[1]: not an object"},
+      {batch("Events", event("1") + R"(, {"id": 2)"), "Events[1].id: not text"},
+      {batch("Events", R"({"id": "1", "id": "1"})"), R"(Events[0]: key "id" is given twice)"},
+      {batch("Events", event("1") + R"(, {"id": "2", "SessionID": "S", "UTCTimeStamp": ""})"),
+       R"(Events[1]: key "EventName" is missing)"},
+      {batch("Events", event("1", R"(\udc00)")), "Events[0].EventName: half of a surrogate pair"},
+  };
+  for (const auto& [document, fault] : cases) {
+    EXPECT_EQ(send(kBatch, document), "400 " + fault) << document.substr(0, 200);
+  }
+  for (const char* id : {"", "x", "+1", "01", "-0", "1 ", "1.0", "2147483648"}) {
+    EXPECT_EQ(send(kBatch, batch("Events", event("1") + "," + event(id))),
+              "400 Events[1].id: \""s + id + "\" is not an id");
+  }
+  for (const char* time :
+       {"2026-01-02", "2026-01-02T00:00:00.005", "2026-01-02 00:00:00.0055",
+        "2026-02-29 00:00:00.000", "2026-01-02 24:00:00.000", "2026-01-02 00:00:60.000"}) {
+    EXPECT_THAT(send(kBatch, batch("Events", event("1") + "," + event("2", "n", time))),
+                HasSubstr("400 Events[1].UTCTimeStamp: \""s + time + "\" is not a time"));
+  }
+  for (const char* bytes : {"\x80", "\xC0\x80", "\xE0\x80\x80", "\xED\xA0\x80", "\xF4\x90\x80\x80",
+                            "\xF5\x80\x80\x80", "\xFF", "\xC3", "\xE2\x82"}) {
+    EXPECT_THAT(send(kBatch, batch("Events", event("1") + "," + event("2", bytes))),
+                HasSubstr("Invalid encoding in string"));
+  }
+  EXPECT_EQ(find("SELECT count(*) FROM Events"), "0\n");
+}
+
+TEST_F(CollectorTest, ChecksTheHandshake) {
+  start();
+  const std::string good = R"({"OS": "iOS", "BundleID": "com.example.todo"})";
+  const std::vector<std::tuple<std::string, httplib::Headers, std::string>> cases{
+      {good, kHeaders, R"(200 "com.example.todo" on "iOS")"},
+      {good, {{"mrbw-project-token", "T-2"}}, R"(400 header "Accept" is not "application/json")"},
+      {good, {}, R"(401 header "mrbw-project-token" is not given exactly once)"},
+      {"{",
+       {{"mrbw-project-token", "T"}},
+       R"(401 header "mrbw-project-token" holds an unknown token)"},
+      {"[]", kHeaders, "400 document: not an object"},
+      {R"({"OS": 1})", kHeaders, "400 OS: not text"},
+      {R"({"OS": "iOS"})", kHeaders, R"(400 document: key "BundleID" is missing)"},
+      {R"({"OS": "", "X": ""})", kHeaders, R"(400 document: key "X" is not known)"},
+      {std::string(64'001, ' '), kHeaders, "413 the document is too long"},
+  };
+  for (const auto& [document, headers, line] : cases) {
+    EXPECT_EQ(send(kInit, document, headers), line);
+    EXPECT_THAT(body_, testing::StartsWith(line[0] == '2' ? "{\"Data\":{" : "{\"Error\":\""));
+  }
+}
+
+TEST_F(CollectorTest, AnswersWithItsConfigurationAndAlwaysWithASessionTimeout) {
+  const std::string noNetwork =
+      R"("NetworkMonitoring":{"NetworkMonitoringEnabled":false,"Blacklist":[]})";
+  const std::vector<std::pair<std::string, std::string>> cases{
+      {"{}",
+       R"({"Data":{"Config":{"PrivacyMode":false,"AdvertisingID":false,"SessionTimeout":300},)" +
+           noNetwork + "}}"},
+      {R"({"Config": {"SessionTimeout": 60.5, "PrivacyMode": true, "More": [1]}})",
+       R"({"Data":{"Config":{"SessionTimeout":60.5,"PrivacyMode":true,"More":[1],"AdvertisingID":false},)" +
+           noNetwork + "}}"},
+      {R"({"Config": {"SessionTimeout": 59}})", "at least 60"},
+      {R"({"Config": {"SessionTimeout": "90"}})", "at least 60"},
+      {R"({"Config": null})", "\"Config\" is no object"},
+      {"[]", "not a JSON object"},
+      {"{", "byte 1"},
+      {"", "cannot be read"},
+  };
+  for (const auto& [file, expected] : cases) {
+    settings.configFile = write(file);
+    try {
+      start();
+      send(kInit, R"({"BundleID": "b", "OS": "iOS"})");
+      EXPECT_EQ(body_, expected);
+    } catch (const std::runtime_error& error) {
+      EXPECT_THAT(error.what(), HasSubstr(expected));
+    }
+  }
+}
+
+TEST_F(CollectorTest, TurnsAwayOtherPathsAndMethods) {
+  start();
+  const std::vector<std::tuple<std::string, std::string, int>> cases{
+      {"GET", "/", 200},       {"POST", "/", 405},   {"GET", kInit, 405},
+      {"DELETE", kBatch, 405}, {"PUT", kInit, 405},  {"PATCH", kBatch, 405},
+      {"OPTIONS", kInit, 405}, {"GET", "/v2/", 404}, {"POST", "/v2/mobile/batch/", 404}};
+  for (const auto& [method, path, status] : cases) {
+    httplib::Client client("127.0.0.1", server->port());
+    httplib::Request request;
+    request.method = method;
+    request.path = path;
+    const auto answer = client.send(request);
+    ASSERT_TRUE(answer) << method << " " << path;
+    EXPECT_EQ(answer->status, status) << method << " " << path;
+    EXPECT_THAT(lastLine(),
+                testing::StartsWith(method + " " + path + " " + std::to_string(status)));
+  }
+  send(kBatch, batch("Events", event("1") + "," + event("2")));
+  EXPECT_THAT(httplib::Client("127.0.0.1", server->port()).Get("/")->body,
+              HasSubstr("Companies           0\nCompanyAttributes   0\nEvents              2\n"));
+}
+
+TEST_F(CollectorTest, RefusesTheFirstBatchesWhenAsked) {
+  settings.failBatches = 2;
+  start();
+  for (const char* line :
+       {"503 refused as asked", "503 refused as asked", "200 1 rows, 1 new, 0 seen again"}) {
+    EXPECT_EQ(send(kBatch, batch("Events", event("1"))), line);
+  }
+}
+
+TEST_F(CollectorTest, TakesAHundredMegabytes) {
+  start();
+  std::string rows;
+  for (int i = 1; i <= 105; ++i) {
+    rows.append(i == 1 ? "" : ",");
+    rows.append(event(std::to_string(i), std::string(1'000'000, 'x')));
+  }
+  EXPECT_EQ(send(kBatch, batch("Events", rows)), "200 105 rows, 105 new, 0 seen again");
+}
+
+TEST_F(CollectorTest, OverlappingBatchesLoseAndDoubleNothing) {
+  start();
+  const auto sendTwenty = [&](const std::string& name) {
+    for (int i = 1; i <= 20; ++i) {
+      httplib::Client client("127.0.0.1", server->port());
+      const std::string id = std::to_string(i);
+      const std::string rows = event(id, name).append(",").append(event(id));
+      const auto answer = client.Post(kBatch, kHeaders, batch("Events", rows), "application/json");
+      EXPECT_TRUE(answer && answer->status == 200);
+    }
+  };
+  std::vector<std::thread> clients;
+  for (const char* name : {"a", "b", "c", "d", "e", "f"}) clients.emplace_back(sendTwenty, name);
+  for (std::thread& client : clients) client.join();
+  EXPECT_EQ(find("SELECT count(*), sum(TimesReceived), sum(TimesReceived = 6) FROM Events"),
+            "140|240|20\n");
+  EXPECT_EQ(find("SELECT sum(Rows), sum(NewRows) FROM Requests"), "240|140\n");
+}
+
+TEST_F(CollectorTest, SaysWhichFileOrPortCannotBeUsed) {
+  start();
+  settings.port = server->port();
+  EXPECT_THAT([&] { Collector(settings, log_); },
+              testing::ThrowsMessage<std::runtime_error>(HasSubstr("cannot listen on 127.0.0.1")));
+  for (const std::string& file : {directory_.string(), write("no database, though long enough")}) {
+    settings.dataFile = file;
+    EXPECT_THAT([&] { Collector(settings, log_); },
+                testing::ThrowsMessage<std::runtime_error>(HasSubstr("the data file " + file)));
+  }
+  settings.dataFile = directory_ / "data.sqlite";
+}
+
+TEST(CollectorArgumentsTest, AreReadOrRefused) {
+  using collector::readArguments;
+  const std::vector<const char*> all{"--token",        "a", "--port",   "8080", "--data", "f",
+                                     "--token",        "b", "--config", "c",    "--host", "h",
+                                     "--fail-batches", "2"};
+  const Settings settings = readArguments(all).value();
+  EXPECT_EQ(settings.tokens, (std::vector<std::string>{"a", "b"}));
+  EXPECT_EQ(std::tie(settings.port, settings.failBatches), std::make_tuple(8080, 2));
+  EXPECT_EQ(settings.dataFile + settings.configFile + settings.host, "fch");
+  EXPECT_FALSE(readArguments(std::vector<const char*>{"--help"}));
+
+  const std::vector<std::pair<std::vector<const char*>, std::string>> refused{
+      {{}, "--data FILE is required"},
+      {{"--data", "f"}, "--token TOKEN is required"},
+      {{"--data"}, "--data needs a value"},
+      {{"data", "f"}, "unknown argument \"data\""},
+      {{"--port", "65536"}, "\"65536\" is not a number from 0 to 65535"},
+      {{"--fail-batches", "-1"}, "\"-1\" is not a number from 0 to 1000000"},
+  };
+  for (const auto& each : refused) {
+    EXPECT_THAT([&] { readArguments(each.first); },
+                testing::ThrowsMessage<collector::UsageError>(each.second));
+  }
+}
+
+}  // namespace
