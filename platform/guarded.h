@@ -41,6 +41,15 @@ class Guarded {
     return value;
   }
 
+  /// Puts `value` in if what is there satisfies `condition`, which must not call out; true if so.
+  template <class Condition>
+  bool storeIf(Condition condition, T value) {
+    const std::scoped_lock lock(guardedLock);
+    if (!condition(std::as_const(held_.value))) return false;
+    std::swap(held_.value, value);
+    return true;
+  }
+
  private:
   Lasting<T> held_{};
 };
