@@ -1,0 +1,94 @@
+#include "Marbleway/store/statement.h"
+
+#include <sqlite3.h>
+
+#include <atomic>
+#include <string>
+#include <utility>
+
+#include "Marbleway/startup/state.h"
+#include "platform/platform.h"
+#include "platform/utf8.h"
+
+namespace marbleway {
+namespace {
+
+using std::chrono::steady_clock;
+
+constexpr std::chrono::seconds kLongestWait{2};
+
+constinit std::atomic<int> openFiles{0};
+constinit std::atomic<bool> areAbandoned{false};
+
+}  // namespace
+
+std::filesystem::path pathOf(Store store) {
+  return platform::documentsDirectory() / (store == Store::event ? DBFileName : HTTPDBFileName);
+}
+
+void abandonBusyStores() noexcept {
+  if (openFiles > 0) areAbandoned = true;
+}
+
+StoreFile::StoreFile(const std::filesystem::path& path, Missing missing) {
+  ++openFiles;
+  if (areAbandoned) return;
+  // One thread uses the connection, so it needs no lock of its own.
+  const int flags = SQLITE_OPEN_READWRITE | SQLITE_OPEN_NOMUTEX |
+                    (missing == Missing::isMade ? SQLITE_OPEN_CREATE : 0);
+  if (sqlite3_open_v2(path.c_str(), &connection_, flags, nullptr) != SQLITE_OK) {
+    sqlite3_close(std::exchange(connection_, nullptr));
+    return;
+  }
+  sqlite3_busy_handler(connection_, &StoreFile::nap, this);
+}
+
+StoreFile::~StoreFile() {
+  sqlite3_close(connection_);
+  --openFiles;
+}
+
+// Short naps: with SQLite's own, ever longer ones, eight busy threads starve each other.
+int StoreFile::nap(void* file, int naps) {
+  auto& self = *static_cast<StoreFile*>(file);
+  if (naps == 0) self.waitingSince_ = steady_clock::now();
+  if (steady_clock::now() - self.waitingSince_ >= kLongestWait) return 0;
+  sqlite3_sleep(1);
+  return 1;
+}
+
+bool StoreFile::execute(const char* sql) {
+  return connection_ != nullptr &&
+         sqlite3_exec(connection_, sql, nullptr, nullptr, nullptr) == SQLITE_OK;
+}
+
+Statement::Statement(Store store, const char* sql, Journal journal) : file_(pathOf(store)) {
+  if (file_.connection_ == nullptr) return;
+  if (journal == Journal::kept) file_.execute("PRAGMA journal_mode=PERSIST");
+  sqlite3_prepare_v2(file_.connection_, sql, -1, &statement_, nullptr);
+}
+
+Statement::~Statement() { sqlite3_finalize(statement_); }
+
+void Statement::bind(int index, const Text& text) {
+  if (text.isAbsent()) {
+    sqlite3_bind_null(statement_, index);
+  } else if (const auto bytes = text.view(); validPrefix(bytes) == bytes.size()) {
+    sqlite3_bind_text64(statement_, index, bytes.data(), bytes.size(), SQLITE_TRANSIENT,
+                        SQLITE_UTF8);
+  } else {
+    bind(index, repaired(bytes));
+  }
+}
+
+bool Statement::step() { return statement_ != nullptr && sqlite3_step(statement_) == SQLITE_ROW; }
+
+std::string_view Statement::text(int index) const {
+  const auto* bytes = reinterpret_cast<const char*>(sqlite3_column_text(statement_, index));
+  if (bytes == nullptr) return "";
+  return {bytes, static_cast<std::size_t>(sqlite3_column_bytes(statement_, index))};
+}
+
+int Statement::integer(int index) const { return sqlite3_column_int(statement_, index); }
+
+}  // namespace marbleway

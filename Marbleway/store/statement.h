@@ -1,0 +1,116 @@
+#pragma once
+
+#include <algorithm>
+#include <chrono>
+#include <filesystem>
+#include <string_view>
+
+#include "Marbleway/store/schema.h"
+#include "platform/value.h"
+
+struct sqlite3;
+struct sqlite3_stmt;
+
+namespace marbleway {
+
+/// Where a store's file lies: the documents directory and the store's file name.
+std::filesystem::path pathOf(Store store);
+
+/// One connection to a store's file, for one statement or one schema. A file that another
+/// connection holds is waited for, two seconds at most. Every failure is silent: what is then asked
+/// of the connection does nothing.
+class StoreFile {
+ public:
+  enum class Missing { fails, isMade };
+
+  explicit StoreFile(const std::filesystem::path& path, Missing missing = Missing::fails);
+  StoreFile(const StoreFile&) = delete;
+  StoreFile& operator=(const StoreFile&) = delete;
+  ~StoreFile();
+
+  /// Runs `sql` to its end; false when any of it failed.
+  bool execute(const char* sql);
+
+ private:
+  friend class Statement;
+  static int nap(void* file, int naps);
+
+  sqlite3* connection_ = nullptr;  // null when it could not be opened
+  std::chrono::steady_clock::time_point waitingSince_;
+};
+
+/// One SQL statement on a file of its own: opened and prepared by the constructor, finalized and
+/// closed by the destructor.
+class Statement {
+ public:
+  /// How a commit ends the journal: by deleting it, or by clearing its head and keeping the file,
+  /// which is as safe and much faster, and for rows, whose journals are small.
+  enum class Journal { deleted, kept };
+
+  Statement(Store store, const char* sql, Journal journal = Journal::deleted);
+  Statement(const Statement&) = delete;
+  Statement& operator=(const Statement&) = delete;
+  ~Statement();
+
+  /// Binds parameter `index` (from 1): valid UTF-8, or NULL when `text` is absent.
+  void bind(int index, const Text& text);
+  /// True while there is a row. False at the end and at any failure, which are not told apart.
+  bool step();
+  /// Column `index` of the row (from 0), "" for NULL; valid until the next step.
+  std::string_view text(int index) const;
+  /// The low 32 bits of column `index`.
+  int integer(int index) const;
+
+ private:
+  StoreFile file_;
+  sqlite3_stmt* statement_ = nullptr;  // null when it could not be prepared
+};
+
+/// Called in the child of a fork. If a connection was open in the parent at that moment, locks of
+/// SQLite's may be held here for ever: no store is opened any more, and rows are lost in silence.
+void abandonBusyStores() noexcept;
+
+/// The text of an INSERT that names `id` and every other column of one table, in order, with a "?"
+/// for each. Any other text does not compile.
+class InsertText {
+ public:
+  consteval InsertText(const char* sql) : sql_(sql) {
+    std::string_view rest(sql);
+    if (!skip(rest, "insert into ")) throw "an insert begins with 'insert into '";
+    const std::string_view name = rest.substr(0, rest.find(' '));
+    const auto* table =
+        std::find_if(std::begin(kTables), std::end(kTables),
+                     [&](const Table& candidate) { return candidate.name == name; });
+    if (table == std::end(kTables)) throw "no such table";
+    rest.remove_prefix(name.size());
+    if (!skip(rest, " (id")) throw "the first column is id";
+    for (const std::string_view column : table->columns) {
+      if (!skip(rest, ", ")) throw "a column is missing";
+      while (skip(rest, " ")) {
+      }
+      if (!skip(rest, column)) throw "a column is missing or out of its place";
+    }
+    if (!skip(rest, ") VALUES (?")) throw "one column too many";
+    for (std::size_t i = 0; i < table->columns.size(); ++i) {
+      if (!skip(rest, ", ?")) throw "a '?' is missing";
+    }
+    if (rest != ")") throw "one '?' too many";
+    size_ = table->columns.size();
+  }
+
+  constexpr const char* c_str() const { return sql_; }
+  /// The number of values, `id` left out.
+  constexpr std::size_t size() const { return size_; }
+
+ private:
+  static constexpr bool skip(std::string_view& rest, std::string_view word) {
+    if (!rest.starts_with(word)) return false;
+    rest.remove_prefix(word.size());
+    return true;
+  }
+
+  const char* sql_;
+  std::size_t size_ = 0;
+};
+
+}  // namespace marbleway
