@@ -1,0 +1,42 @@
+#pragma once
+
+#include <string_view>
+
+#include "Marbleway/store/statement.h"
+#include "platform/buffer.h"
+
+namespace marbleway {
+
+/// The batch document, written text by text while the rows are read: no row outlives its writing.
+///
+/// {"BatchData":{"Events":[{"id":"17","SessionID":"...", ...}, ...], ...}}, compact, valid UTF-8.
+class Document {
+ public:
+  Document() { buffer_.append(R"({"BatchData":{)"); }
+
+  /// Opens the array of `table`, whose rows follow.
+  void beginArray(const Table& table);
+  /// Writes the row at which `statement` stands.
+  void addRow(const Table& table, const Statement& statement);
+  void endArray() { buffer_.append("]"); }
+
+  bool hasRows() const { return hasRows_; }
+  /// Closes the document and hands it out.
+  platform::Buffer take() {
+    buffer_.append("}}");
+    return std::move(buffer_);
+  }
+
+ private:
+  void addMember(std::string_view key, std::string_view text);
+
+  platform::Buffer buffer_;
+  bool hasRows_ = false;
+  bool isFirstArray_ = true, isFirstRow_ = true;
+};
+
+/// Appends `text` as the inside of a JSON string: quotes, backslashes and controls escaped, each
+/// byte that belongs to no valid UTF-8 sequence replaced by U+FFFD.
+void appendEscaped(platform::Buffer& buffer, std::string_view text);
+
+}  // namespace marbleway
