@@ -1,0 +1,86 @@
+#include "Marbleway/startup/handshake.h"
+
+#include <functional>
+#include <optional>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "Marbleway/session/session.h"
+#include "Marbleway/startup/configuration.h"
+#include "Marbleway/startup/pending.h"
+#include "Marbleway/startup/quietly.h"
+#include "Marbleway/startup/readings.h"
+#include "Marbleway/startup/state.h"
+#include "Marbleway/upload/dispatch.h"
+#include "platform/json.h"
+#include "platform/platform.h"
+
+namespace marbleway {
+namespace {
+
+// The member `key` of an answer; null when there is none, or `value` is no object.
+const Value* member(const Value* value, std::string_view key) {
+  const auto* object = value != nullptr ? value->as<Dictionary>() : nullptr;
+  return object != nullptr ? object->find(key) : nullptr;
+}
+
+// The texts of a list; absent when `value` is no list.
+std::optional<std::vector<std::string>> textsOf(const Value* value) {
+  const auto* list = value != nullptr ? value->as<Array>() : nullptr;
+  if (list == nullptr) return std::nullopt;
+  std::vector<std::string> texts;
+  for (const Value& entry : *list) {
+    if (const auto* text = entry.as<std::string>()) texts.push_back(*text);
+  }
+  return texts;
+}
+
+void continueOffline() {
+  isConnectedToInternet = false;
+  isSDKValid = true;
+  startSession();
+}
+
+// The server's values replace the host's, whatever they are: a missing one reads as false or 0.
+void continueAccepted(const std::optional<Value>& body) {
+  const Value* data = member(body ? &*body : nullptr, "Data");
+  const Value* config = member(data, "Config");
+  const Value* monitoring = member(data, "NetworkMonitoring");
+  isPrivacyMode = booleanReading(member(config, "PrivacyMode"));
+  isAdvertisingID = booleanReading(member(config, "AdvertisingID"));
+  SessionTimeout = floatReading(member(config, "SessionTimeout"));
+  isNetworkMonitoringEnabled = booleanReading(member(monitoring, "NetworkMonitoringEnabled"));
+  networkBlacklist.store(textsOf(member(monitoring, "Blacklist")));
+  isSDKValid = true;
+  startSession();
+}
+
+void continueRefused() {
+  isSDKValid = false;
+  isValidSession = false;
+}
+
+std::function<void()> continuationAfter(const std::optional<platform::HttpAnswer>& answer) {
+  if (!answer) return continueOffline;
+  isConnectedToInternet = true;
+  if (answer->status != 200) return continueRefused;
+  return [body = valueFromJSON(answer->body)] { continueAccepted(body); };
+}
+
+}  // namespace
+
+void launchHandshake() {
+  const Dictionary body{{"OS", "iOS"}, {"BundleID", configuration()->bundleIdentifier}};
+  platform::HttpRequest request = requestTo("mobile/init");
+  request.body.append(json::toPrettyJSON(body).value_or("{}"));
+
+  const auto services = platform::current();
+  services->httpClient->post(std::move(request), [loop = services->mainLoop,
+                                                  pending = Pending::begin()](const auto& answer) {
+    quietly(
+        [&] { loop->post([pending, proceed = continuationAfter(answer)] { quietly(proceed); }); });
+  });
+}
+
+}  // namespace marbleway
