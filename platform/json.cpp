@@ -85,8 +85,9 @@ class Traversal {
  public:
   explicit Traversal(Writer& writer) : writer_(writer) {}
 
-  // False when the value holds a number that is not finite.
-  bool write(const Value& root) {
+  // False when `root` holds a number that is not finite.
+  template <class Root>
+  bool write(const Root& root) {
     if (!begin(root)) return false;
     while (!open_.empty()) {
       if (!advance()) return false;
@@ -125,11 +126,16 @@ class Traversal {
       writer_.StartArray();
       open_.push_back({array, nullptr, 0});
     } else if (const auto* dictionary = value.as<Dictionary>()) {
-      writer_.StartObject();
-      open_.push_back({nullptr, dictionary, 0});
+      return begin(*dictionary);
     } else {
       writer_.Null();
     }
+    return true;
+  }
+
+  bool begin(const Dictionary& dictionary) {
+    writer_.StartObject();
+    open_.push_back({nullptr, &dictionary, 0});
     return true;
   }
 
@@ -158,8 +164,8 @@ class Traversal {
   std::vector<Level> open_;
 };
 
-template <class Writer>
-std::optional<std::string> written(const Value& value) {
+template <class Writer, class Root>
+std::optional<std::string> written(const Root& value) {
   rj::StringBuffer buffer;
   Writer writer(buffer);
   if (!Traversal<Writer>(writer).write(value)) return std::nullopt;
@@ -183,6 +189,10 @@ std::optional<std::string> toJSON(const Value& value) {
 }
 
 namespace json {
+
+std::optional<std::string> toJSON(const Dictionary& dictionary) {
+  return written<rj::Writer<rj::StringBuffer>>(dictionary);
+}
 
 std::optional<std::string> toPrettyJSON(const Value& value) {
   return written<rj::PrettyWriter<rj::StringBuffer>>(value);

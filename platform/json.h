@@ -7,7 +7,10 @@
 
 namespace marbleway::json {
 
-/// Like `toJSON`, with line breaks and indentation.
+/// Like `marbleway::toJSON`, without a copy.
+std::optional<std::string> toJSON(const Dictionary& dictionary);
+
+/// Like `marbleway::toJSON`, with line breaks and indentation.
 std::optional<std::string> toPrettyJSON(const Value& value);
 
 /// The shortest text that reads back as the same number: 5, 2.5, 1e+300.
