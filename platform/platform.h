@@ -43,6 +43,9 @@ struct Platform {
 /// started, opened or read before it is first used.
 Platform makePlatform();
 
+/// Makes the documents directory, with mode 0700, where it is missing. A failure is silent.
+void makeDocumentsDirectory();
+
 /// The directory of the stores and of the settings, absolute. Thread: any.
 std::filesystem::path documentsDirectory();
 void setDocumentsDirectory(std::filesystem::path directory);
