@@ -1,0 +1,146 @@
+#include "tests/support/fixture.h"
+
+#include <sqlite3.h>
+
+#include <cstdlib>
+#include <memory>
+#include <stdexcept>
+
+namespace marbleway::testing {
+namespace {
+
+// Installed where tests must not have a real crash hook.
+class NoCrashHook : public platform::CrashHook {
+ public:
+  void install(void (*)(const platform::Failure&)) override {}
+};
+
+// No status bar, as on a machine without a screen.
+class NoStatusBar : public platform::StatusBar {
+ public:
+  std::shared_ptr<const platform::View> view() override { return nullptr; }
+};
+
+// Puts every process-wide variable back to its start value.
+void resetState() {
+  for (auto* text : {&sessionID, &SessionStartTime, &SessionTime, &internalProjectToken, &apiURL}) {
+    text->store(std::nullopt);
+  }
+  networkBlacklist.store(std::nullopt);
+  for (auto* flag :
+       {&isValidSession, &isSDKValid, &isConnectedToInternet, &isAdvertisingID, &isLoggingEnabled,
+        &isSDKDebuggingEnabled, &isTrackingEnabled, &isUploadingEnabled, &isPrivacyMode,
+        &isPerformanceMonitoringEnabled, &isNetworkMonitoringEnabled}) {
+    *flag = false;
+  }
+  DispatchTime = 0;
+  SessionTimeout = 0;
+  for (auto* timer : {&TimerTask, &SessionTask, &CPUTask, &MemoryTask, &BatteryTask}) {
+    timer->store(nullptr);
+  }
+  mrbwLocationManager.store(nullptr);
+}
+
+struct CloseDatabase {
+  void operator()(sqlite3* database) const { sqlite3_close(database); }
+};
+struct Finalize {
+  void operator()(sqlite3_stmt* statement) const { sqlite3_finalize(statement); }
+};
+
+}  // namespace
+
+TemporaryDirectory::TemporaryDirectory() {
+  std::string name = (std::filesystem::temp_directory_path() / "marbleway-test-XXXXXX").string();
+  if (mkdtemp(name.data()) == nullptr) throw std::runtime_error("no temporary directory");
+  path_ = name;
+}
+
+TemporaryDirectory::~TemporaryDirectory() {
+  std::error_code error;
+  std::filesystem::remove_all(path_, error);
+}
+
+std::vector<std::string> query(const std::filesystem::path& path, const std::string& sql) {
+  sqlite3* opened = nullptr;
+  const int result = sqlite3_open_v2(path.c_str(), &opened, SQLITE_OPEN_READWRITE, nullptr);
+  const std::unique_ptr<sqlite3, CloseDatabase> database(opened);
+  sqlite3_busy_timeout(opened, 10000);
+  sqlite3_stmt* prepared = nullptr;
+  if (result != SQLITE_OK ||
+      sqlite3_prepare_v2(opened, sql.c_str(), -1, &prepared, nullptr) != SQLITE_OK) {
+    throw std::runtime_error(sql + ": " + sqlite3_errmsg(opened));
+  }
+  const std::unique_ptr<sqlite3_stmt, Finalize> statement(prepared);
+  std::vector<std::string> rows;
+  while (sqlite3_step(prepared) == SQLITE_ROW) {
+    std::string row;
+    for (int i = 0; i < sqlite3_column_count(prepared); ++i) {
+      const auto* text = reinterpret_cast<const char*>(sqlite3_column_text(prepared, i));
+      row.append(i > 0 ? "|" : "").append(text != nullptr ? text : "NULL");
+    }
+    rows.push_back(std::move(row));
+  }
+  return rows;
+}
+
+MarblewayTest::MarblewayTest() {
+  resetState();
+  configure({.documentsDirectory = directory.path(),
+             .bundleIdentifier = "org.example.app",
+             .appVersion = "3.1",
+             .sites = {{{1.5, 2.5}, {3.5, 4.5}, {5.5, 6.5}}}});
+  platform::install({.console = console,
+                     .clock = time,
+                     .mainLoop = time->mainLoop(),
+                     .httpClient = http,
+                     .userDefaults = defaults,
+                     .device = device,
+                     .statusBar = std::make_shared<NoStatusBar>(),
+                     .userInterface = interface,
+                     .locationService = location,
+                     .networkCapture = capture,
+                     .crashHook = std::make_shared<NoCrashHook>()});
+}
+
+MarblewayTest::~MarblewayTest() { resetState(); }
+
+void MarblewayTest::beginSession() {
+  Marbleway::initMarbleway("token");
+  answer(200, R"({"Data":{"Config":{"SessionTimeout":300}}})");
+  console->take();
+}
+
+void MarblewayTest::answer(long status, std::string body) {
+  ASSERT_TRUE(http->answer({.status = status, .body = std::move(body)}));
+  time->advance(std::chrono::nanoseconds(0));
+}
+
+void MarblewayTest::failRequest() {
+  ASSERT_TRUE(http->fail());
+  time->advance(std::chrono::nanoseconds(0));
+}
+
+std::filesystem::path MarblewayTest::storePath(Store store) const {
+  return directory.path() / (store == Store::event ? DBFileName : HTTPDBFileName);
+}
+
+std::vector<std::string> MarblewayTest::rows(const std::string& table) const {
+  for (const Table& known : kTables) {
+    if (known.name != table) continue;
+    std::string columns;
+    for (const std::string_view column : known.columns) {
+      columns.append(columns.empty() ? "" : ", ").append(column);
+    }
+    return query(storePath(known.store), "SELECT " + columns + " FROM " + table + " ORDER BY id");
+  }
+  throw std::runtime_error("no table " + table);
+}
+
+int MarblewayTest::rowCount() const {
+  std::size_t count = 0;
+  for (const Table& table : kTables) count += rows(std::string(table.name)).size();
+  return static_cast<int>(count);
+}
+
+}  // namespace marbleway::testing

@@ -1,0 +1,91 @@
+#pragma once
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "Marbleway/Host.h"
+#include "Marbleway/Marbleway.h"
+#include "Marbleway/startup/state.h"
+#include "Marbleway/store/schema.h"
+#include "platform/platform.h"
+#include "platform/testing/fake_time.h"
+#include "platform/testing/fixed_device.h"
+#include "platform/testing/held_http.h"
+#include "platform/testing/memory_defaults.h"
+#include "platform/testing/recording_capture.h"
+#include "platform/testing/recording_console.h"
+#include "platform/testing/recording_interface.h"
+#include "platform/testing/recording_location.h"
+
+namespace marbleway::testing {
+
+/// A folder of its own, gone with this object.
+class TemporaryDirectory {
+ public:
+  TemporaryDirectory();
+  TemporaryDirectory(const TemporaryDirectory&) = delete;
+  TemporaryDirectory& operator=(const TemporaryDirectory&) = delete;
+  ~TemporaryDirectory();
+
+  const std::filesystem::path& path() const { return path_; }
+
+ private:
+  std::filesystem::path path_;
+};
+
+/// Runs `sql` on the file at `path` and hands out its rows, columns joined by "|", NULL as "NULL".
+std::vector<std::string> query(const std::filesystem::path& path, const std::string& sql);
+
+/// The library as a fresh process finds it, on a fresh device of fakes: virtual time, a network in
+/// the test's hand, a real SQLite directory. Identifiers count up from 1; the first is the session
+/// that start-up makes.
+class MarblewayTest : public ::testing::Test {
+ protected:
+  static constexpr const char* kFirstSession = "00000000-0000-0000-0000-000000000001";
+  static constexpr const char* kStart = "2026-01-02 00:00:00.000";
+
+  MarblewayTest();
+  ~MarblewayTest() override;
+
+  /// Starts with the options of `initMarbleway` alone and lets the server accept the project: a
+  /// session of 300 s runs, nothing is private, and the lines so far are forgotten.
+  void beginSession();
+  /// Answers the oldest request and runs what that posted to the main loop.
+  void answer(long status, std::string body = "{}");
+  /// Ends the oldest request without an answer and runs what that posted to the main loop.
+  void failRequest();
+
+  std::filesystem::path storePath(Store store = Store::event) const;
+  /// The rows of a table without their ids, columns joined by "|", NULL as "NULL".
+  std::vector<std::string> rows(const std::string& table) const;
+  /// The number of rows of all sixteen tables.
+  int rowCount() const;
+  /// The lines since the last call.
+  std::vector<std::string> lines() { return console->take(); }
+
+  TemporaryDirectory directory;
+  std::shared_ptr<platform::testing::FakeTime> time =
+      std::make_shared<platform::testing::FakeTime>();
+  std::shared_ptr<platform::testing::HeldHttp> http =
+      std::make_shared<platform::testing::HeldHttp>();
+  std::shared_ptr<platform::testing::RecordingConsole> console =
+      std::make_shared<platform::testing::RecordingConsole>();
+  std::shared_ptr<platform::testing::MemoryDefaults> defaults =
+      std::make_shared<platform::testing::MemoryDefaults>();
+  std::shared_ptr<platform::testing::FixedDevice> device =
+      std::make_shared<platform::testing::FixedDevice>();
+  std::shared_ptr<platform::testing::RecordingInterface> interface =
+      std::make_shared<platform::testing::RecordingInterface>();
+  std::shared_ptr<platform::testing::RecordingLocation> location =
+      std::make_shared<platform::testing::RecordingLocation>();
+  std::shared_ptr<platform::testing::RecordingCapture> capture =
+      std::make_shared<platform::testing::RecordingCapture>();
+};
+
+}  // namespace marbleway::testing
