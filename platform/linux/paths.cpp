@@ -1,6 +1,7 @@
 #include "platform/linux/paths.h"
 
 #include <pwd.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -8,6 +9,8 @@
 #include <string_view>
 #include <system_error>
 #include <vector>
+
+#include "platform/platform.h"
 
 namespace marbleway::platform {
 namespace {
@@ -46,6 +49,14 @@ std::filesystem::path defaultDataDirectory() {
   if (auto data = absolutePathIn("XDG_DATA_HOME"); !data.empty()) return data;
   const auto home = absolutePathIn("HOME");
   return (home.empty() ? homeOnRecord() : home) / ".local/share";
+}
+
+void makeDocumentsDirectory() {
+  std::filesystem::path made;
+  for (const auto& part : documentsDirectory()) {
+    made /= part;
+    mkdir(made.c_str(), S_IRWXU);  // for what is there already this does nothing
+  }
 }
 
 }  // namespace marbleway::platform
