@@ -1,0 +1,35 @@
+# Installation: headers under an include root of their own, a CMake package, a pkg-config file.
+include(GNUInstallDirs)
+include(CMakePackageConfigHelpers)
+
+set(include_root ${CMAKE_INSTALL_INCLUDEDIR}/marbleway-${PROJECT_VERSION_MAJOR})
+set(package_dir ${CMAKE_INSTALL_LIBDIR}/cmake/Marbleway)
+
+target_include_directories(marbleway INTERFACE $<INSTALL_INTERFACE:${include_root}>)
+install(TARGETS marbleway EXPORT MarblewayTargets
+  LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
+  ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR})
+install(FILES Marbleway/Marbleway.h Marbleway/Host.h DESTINATION ${include_root}/Marbleway)
+install(DIRECTORY platform/ DESTINATION ${include_root}/platform
+  FILES_MATCHING PATTERN "*.h" PATTERN "linux" EXCLUDE)
+
+set_target_properties(marbleway PROPERTIES EXPORT_NAME Marbleway)
+install(EXPORT MarblewayTargets NAMESPACE Marbleway:: DESTINATION ${package_dir})
+configure_package_config_file(cmake/marbleway-config.cmake.in MarblewayConfig.cmake
+  INSTALL_DESTINATION ${package_dir})
+write_basic_package_version_file(MarblewayConfigVersion.cmake COMPATIBILITY SameMajorVersion)
+install(FILES
+  ${CMAKE_CURRENT_BINARY_DIR}/MarblewayConfig.cmake
+  ${CMAKE_CURRENT_BINARY_DIR}/MarblewayConfigVersion.cmake
+  DESTINATION ${package_dir})
+
+# A static library's user links what it is made with; the shared one's does not.
+if(BUILD_SHARED_LIBS)
+  set(MARBLEWAY_PC_REQUIRES Requires.private)
+else()
+  set(MARBLEWAY_PC_REQUIRES Requires)
+  set(MARBLEWAY_PC_STATIC_LIBS "-lstdc++ -lpthread -ldl")
+endif()
+configure_file(cmake/marbleway.pc.in marbleway.pc @ONLY)
+install(FILES ${CMAKE_CURRENT_BINARY_DIR}/marbleway.pc
+  DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
