@@ -21,29 +21,31 @@ std::string_view belowZones(std::string_view path) {
   return path;
 }
 
-/// Area and place, as in "America/Argentina/Salta": a name even where the zones are not installed.
-bool looksLikeZone(std::string_view name) {
+/// Whether `name` is an installed zone, or has an area and a place as in "Europe/Berlin": then it
+/// is a name even where no zones are installed.
+bool isZone(std::string_view name, const fs::path& root) {
   constexpr std::string_view kCharacters =
       "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789/_+-";
+  if (name.find_first_not_of(kCharacters) != std::string_view::npos) return false;
   const std::size_t slash = name.find('/');
-  return name.find_first_not_of(kCharacters) == std::string_view::npos && slash != 0 &&
-         slash < name.size() - 1;
+  std::error_code error;
+  return (slash != 0 && slash < name.size() - 1) ||
+         fs::is_regular_file(root / "usr/share/zoneinfo" / name, error);
 }
 
-std::string nameIn(std::string_view setting, const fs::path& root) {
+/// The name that the variable TZ holds; empty when it holds none.
+std::string_view nameIn(std::string_view setting, const fs::path& root) {
   if (setting.starts_with(':')) setting.remove_prefix(1);
-  if (setting.starts_with('/')) return std::string(belowZones(setting));
   if (setting.empty()) return "UTC";
-  std::error_code error;
-  const bool isInstalled = fs::is_regular_file(root / "usr/share/zoneinfo" / setting, error);
-  return isInstalled || looksLikeZone(setting) ? std::string(setting) : std::string();
+  if (setting.starts_with('/')) return belowZones(setting);
+  return isZone(setting, root) ? setting : std::string_view();
 }
 
 }  // namespace
 
 std::string timeZoneName(const char* setting, const fs::path& root) {
   if (setting != nullptr) {
-    if (std::string name = nameIn(setting, root); !name.empty()) return name;
+    if (const auto name = nameIn(setting, root); !name.empty()) return std::string(name);
   }
   std::error_code error;
   const std::string link = fs::read_symlink(root / "etc/localtime", error).string();
