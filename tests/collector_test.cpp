@@ -252,8 +252,7 @@ TEST_F(CollectorTest, TurnsAwayOtherPathsAndMethods) {
     const auto answer = client.send(request);
     ASSERT_TRUE(answer) << method << " " << path;
     EXPECT_EQ(answer->status, status) << method << " " << path;
-    EXPECT_THAT(lastLine(),
-                testing::StartsWith(method + " " + path + " " + std::to_string(status)));
+    EXPECT_THAT(lastLine(), testing::StartsWith(request.method.append(" ") + path + " "));
   }
   send(kBatch, batch("Events", event("1") + "," + event("2")));
   EXPECT_THAT(httplib::Client("127.0.0.1", server->port()).Get("/")->body,
