@@ -143,4 +143,27 @@ int MarblewayTest::rowCount() const {
   return static_cast<int>(count);
 }
 
+std::vector<std::string> MarblewayTest::takeRows() {
+  constexpr std::string_view kPrefix = "mrbw_v2_";
+  std::vector<std::string> taken;
+  for (const Table& table : kTables) {
+    const std::string name(table.name);
+    const auto written = rows(name);
+    if (!written.empty()) query(storePath(table.store), "DELETE FROM " + name);
+    for (const std::string& row : written) {
+      taken.push_back(name.substr(kPrefix.size()).append("|").append(row));
+    }
+  }
+  return taken;
+}
+
+std::string MarblewayTest::rowOf(std::string_view table, std::string_view columns) {
+  std::string row(table);
+  for (const std::string_view part :
+       {std::string_view(kFirstSession), columns, std::string_view(kStart)}) {
+    row.append("|").append(part);
+  }
+  return row;
+}
+
 }  // namespace marbleway::testing

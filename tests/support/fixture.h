@@ -66,6 +66,11 @@ class MarblewayTest : public ::testing::Test {
   std::vector<std::string> rows(const std::string& table) const;
   /// The number of rows of all sixteen tables.
   int rowCount() const;
+  /// The rows of all tables since the last call, which deletes them: the table without its prefix,
+  /// then the columns as in `rows`.
+  std::vector<std::string> takeRows();
+  /// Such a row, with the first session before `columns` and the time of the start after them.
+  static std::string rowOf(std::string_view table, std::string_view columns);
   /// The lines since the last call.
   std::vector<std::string> lines() { return console->take(); }
 
