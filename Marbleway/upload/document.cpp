@@ -1,6 +1,8 @@
 #include "Marbleway/upload/document.h"
 
+#include <algorithm>
 #include <array>
+#include <bit>
 #include <charconv>
 #include <cstdint>
 #include <cstring>
@@ -15,14 +17,20 @@ constexpr std::size_t kLongestEscape = 6;
 
 constexpr std::uint64_t eightTimes(unsigned char byte) { return 0x0101010101010101U * byte; }
 
-// True when none of the eight bytes is a control, a quote, a backslash or beyond ASCII. A byte that
-// differs from zero keeps its top bit clear in `(x - 1) & ~x`, unless a zero byte stands below it.
-bool areAllPlain(std::uint64_t eight) {
-  const auto holdsZero = [](std::uint64_t x) { return (x - eightTimes(1)) & ~x; };
+// The top bit of each of the eight bytes that is a control, a quote, a backslash or beyond ASCII.
+// The lowest bit that is set is right; bits above it may be set in vain, by a borrow from below.
+std::uint64_t specialBytes(std::uint64_t eight) {
+  const auto zeroBytes = [](std::uint64_t x) { return (x - eightTimes(1)) & ~x; };
   const std::uint64_t controls = (eight - eightTimes(0x20)) & ~eight;
-  return ((eight | controls | holdsZero(eight ^ eightTimes('"')) |
-           holdsZero(eight ^ eightTimes('\\'))) &
-          eightTimes(0x80)) == 0;
+  return (eight | controls | zeroBytes(eight ^ eightTimes('"')) |
+          zeroBytes(eight ^ eightTimes('\\'))) &
+         eightTimes(0x80);
+}
+
+// The number of bytes before the first special one, in the order of memory.
+std::size_t plainBytes(std::uint64_t special) {
+  static_assert(std::endian::native == std::endian::little);
+  return static_cast<std::size_t>(std::countr_zero(special)) / 8;
 }
 
 char* put(char* out, std::string_view bytes) {
@@ -66,26 +74,21 @@ void appendEscaped(platform::Buffer& buffer, std::string_view text) {
   const char* in = text.data();
   const char* const end = in + text.size();
   while (in != end) {
-    const auto left = static_cast<std::size_t>(end - in);
-    std::uint64_t eight = 0;
-    if (left >= sizeof eight) {
+    if (std::uint64_t eight = 0; end - in >= static_cast<std::ptrdiff_t>(sizeof eight)) {
       std::memcpy(&eight, in, sizeof eight);
-      if (areAllPlain(eight)) {
-        std::memcpy(out, &eight, sizeof eight);
-        in += sizeof eight;
-        out += sizeof eight;
-        continue;
-      }
+      std::memcpy(out, &eight, sizeof eight);  // what is special in it is written over
+      const std::size_t plain = plainBytes(specialBytes(eight));
+      in += plain;
+      out += plain;
+      if (plain == sizeof eight) continue;
     }
-    if (const std::size_t length = sequenceLength(in, left); length == 1) {
-      out = putASCII(out, *in++);
-    } else if (length > 1) {
-      out = put(out, {in, length});
-      in += length;
+    const std::size_t length = sequenceLength(in, static_cast<std::size_t>(end - in));
+    if (length == 1) {
+      out = putASCII(out, *in);
     } else {
-      out = put(out, kReplacement);
-      ++in;
+      out = put(out, length > 1 ? std::string_view(in, length) : kReplacement);
     }
+    in += std::max<std::size_t>(length, 1);
   }
   buffer.grow(static_cast<std::size_t>(out - start));
 }
@@ -98,24 +101,20 @@ void Document::beginArray(const Table& table) {
   isFirstRow_ = true;
 }
 
-void Document::addMember(std::string_view key, std::string_view text) {
-  buffer_.append(key);
-  buffer_.append("\":\"");
-  appendEscaped(buffer_, text);
-}
-
 void Document::addRow(const Table& table, const Statement& statement) {
   std::array<char, 12> digits{};
   const char* const last =
       std::to_chars(digits.data(), digits.data() + digits.size(), statement.integer(0)).ptr;
 
-  buffer_.append(isFirstRow_ ? "{\"" : ",{\"");
-  addMember("id", {digits.data(), last});
+  buffer_.append(isFirstRow_ ? R"({"id":")" : R"(,{"id":")");
+  buffer_.append({digits.data(), last});
   for (std::size_t i = 0; i < table.keys.size(); ++i) {
-    buffer_.append("\",\"");
-    addMember(table.keys[i], statement.text(static_cast<int>(i) + 1));
+    buffer_.append(R"(",")");
+    buffer_.append(table.keys[i]);
+    buffer_.append(R"(":")");
+    appendEscaped(buffer_, statement.text(static_cast<int>(i) + 1));
   }
-  buffer_.append("\"}");
+  buffer_.append(R"("})");
   isFirstRow_ = false;
   hasRows_ = true;
 }

@@ -28,8 +28,6 @@ class Document {
   }
 
  private:
-  void addMember(std::string_view key, std::string_view text);
-
   platform::Buffer buffer_;
   bool hasRows_ = false;
   bool isFirstArray_ = true, isFirstRow_ = true;
