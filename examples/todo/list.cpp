@@ -1,0 +1,78 @@
+#include "examples/todo/list.h"
+
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <cstdlib>
+#include <fstream>
+#include <memory>
+
+namespace todo {
+namespace {
+
+constexpr std::string_view kOpen = "- [ ] ", kDone = "- [x] ";
+
+struct Close {
+  void operator()(std::FILE* file) const { std::fclose(file); }
+};
+
+/// Makes a new file of the name `name`, whose last six letters it chooses. False: it is not whole.
+bool writeNew(std::string& name, std::string_view content) {
+  const int descriptor = mkstemp(name.data());
+  if (descriptor < 0) return false;
+  const std::unique_ptr<std::FILE, Close> file(fdopen(descriptor, "w"));
+  return file && std::fwrite(content.data(), 1, content.size(), file.get()) == content.size() &&
+         std::fflush(file.get()) == 0 && fsync(descriptor) == 0;
+}
+
+}  // namespace
+
+std::size_t openItems(const List& list) {
+  return static_cast<std::size_t>(
+      std::count_if(list.begin(), list.end(), [](const Item& item) { return !item.isDone; }));
+}
+
+std::string oneLine(std::string_view text) {
+  std::string line(text);
+  const auto isControl = [](unsigned char c) { return c < 0x20 || c == 0x7F; };
+  std::replace_if(line.begin(), line.end(), isControl, ' ');
+  const std::size_t first = line.find_first_not_of(' ');
+  if (first == std::string::npos) return {};
+  return line.substr(first, line.find_last_not_of(' ') - first + 1);
+}
+
+List readList(const std::filesystem::path& file) {
+  std::ifstream stream(file);
+  if (!stream) throw Problem("the file cannot be read");
+  List list;
+  int number = 0;
+  for (std::string line; std::getline(stream, line);) {
+    ++number;
+    line = oneLine(line);
+    if (line.empty()) continue;
+    const bool isDone = line.starts_with(kDone);
+    if (!isDone && !line.starts_with(kOpen)) {
+      throw Problem("line " + std::to_string(number) + " of the file is no to-do");
+    }
+    list.push_back({oneLine(line.substr(kOpen.size())), isDone});
+  }
+  if (stream.bad()) throw Problem("the file cannot be read to its end");
+  return list;
+}
+
+void writeList(const std::filesystem::path& file, const List& list) {
+  std::string content;
+  for (const Item& item : list) {
+    content.append(item.isDone ? kDone : kOpen).append(item.text).append("\n");
+  }
+  std::error_code ignored;  // what fails here, fails below
+  const auto target = std::filesystem::weakly_canonical(file, ignored);  // a link stays one
+  std::filesystem::create_directories(target.parent_path(), ignored);
+  std::string fresh = target.string() + ".XXXXXX";
+  if (writeNew(fresh, content) && std::rename(fresh.c_str(), target.c_str()) == 0) return;
+  std::remove(fresh.c_str());
+  throw Problem("the list cannot be written and stays as it was");
+}
+
+}  // namespace todo
