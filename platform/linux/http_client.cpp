@@ -1,0 +1,146 @@
+#include "platform/linux/http_client.h"
+
+#include <curl/curl.h>
+#include <pthread.h>
+
+#include <atomic>
+#include <csignal>
+#include <cstdlib>
+#include <list>
+#include <mutex>
+#include <system_error>
+#include <thread>
+#include <utility>
+#include <vector>
+
+#include "platform/guarded.h"
+#include "platform/linux/transfer_loop.h"
+
+namespace marbleway::platform {
+namespace {
+
+/// A loop and its thread, which has a share in it: a thread that the end of the process leaves
+/// standing never finds it gone.
+struct Runner {
+  explicit Runner(std::chrono::milliseconds silence) : loop(silence) {}
+
+  TransferLoop loop;
+  std::thread thread;
+};
+
+/// The runners whose threads are at work in this process.
+struct Runners {
+  std::mutex lock;
+  std::vector<Runner*> all;
+  bool knowsProcess = false;
+  std::atomic<bool> areHeldForEver{false};
+};
+
+constinit Lasting<Runners> everRunning;
+
+Runners& runners() { return everRunning.value; }
+
+/// A thread in TLS while the process takes TLS down would crash it: none gets there from here on.
+void atExit() {
+  const std::scoped_lock lock(runners().lock);
+  runners().areHeldForEver = true;
+  for (Runner* runner : std::exchange(runners().all, {})) runner->loop.hold();
+}
+
+// A fork happens while no thread is in libcurl, so that the child finds none of its locks taken.
+void beforeFork() {
+  runners().lock.lock();
+  for (Runner* runner : runners().all) runner->loop.hold();
+}
+void inParent() {
+  for (Runner* runner : runners().all) runner->loop.release();
+  runners().lock.unlock();
+}
+void inChild() {
+  runners().all.clear();  // their threads are the parent's
+  runners().lock.unlock();
+}
+
+/// Once in a process. TLS has its own exit handler by then, so that this one runs before it.
+void getToKnowProcess() {
+  if (std::exchange(runners().knowsProcess, true)) return;
+  (void)curl_global_init(CURL_GLOBAL_DEFAULT);  // a failure shows when no handle can be had
+  (void)pthread_atfork(beforeFork, inParent, inChild);
+  (void)std::atexit(atExit);
+}
+
+/// Blocks every signal in the calling thread, and so in those that it starts.
+class SignalsBlocked {
+ public:
+  SignalsBlocked() {
+    sigset_t all;
+    sigfillset(&all);
+    pthread_sigmask(SIG_SETMASK, &all, &before_);
+  }
+  SignalsBlocked(const SignalsBlocked&) = delete;
+  SignalsBlocked& operator=(const SignalsBlocked&) = delete;
+  ~SignalsBlocked() { pthread_sigmask(SIG_SETMASK, &before_, nullptr); }
+
+ private:
+  sigset_t before_{};
+};
+
+void live(const std::shared_ptr<Runner>& runner) {
+  runner->loop.run();
+  const std::scoped_lock lock(runners().lock);
+  std::erase(runners().all, runner.get());
+}
+
+/// Makes sure that the runner's thread is at work. False: the process ends or has no thread left.
+bool start(const std::shared_ptr<Runner>& runner) {
+  if (runners().areHeldForEver) return false;
+  const std::scoped_lock lock(runners().lock);
+  if (runners().areHeldForEver) return false;  // since a moment ago
+  if (runner->thread.joinable()) return true;
+  getToKnowProcess();
+  runners().all.reserve(runners().all.size() + 1);
+  try {
+    const SignalsBlocked blocked;
+    runner->thread = std::thread([runner] { live(runner); });
+  } catch (const std::system_error&) {
+    return false;
+  }
+  runners().all.push_back(runner.get());
+  return true;
+}
+
+class CurlClient : public HttpClient {
+ public:
+  explicit CurlClient(std::chrono::milliseconds silence)
+      : runner_(std::make_shared<Runner>(silence)) {}
+  CurlClient(const CurlClient&) = delete;
+  CurlClient& operator=(const CurlClient&) = delete;
+  ~CurlClient() override;
+
+  void post(HttpRequest request, Transfer::Done done) override {
+    std::list<Transfer> one;
+    one.emplace_back(std::move(request), std::move(done));
+    if (start(runner_)) runner_->loop.take(std::move(one));
+  }
+
+ private:
+  const std::shared_ptr<Runner> runner_;
+};
+
+CurlClient::~CurlClient() {
+  if (runners().areHeldForEver || !runner_->thread.joinable()) return;
+  runner_->loop.stop();
+  if (runner_->thread.get_id() == std::this_thread::get_id()) {
+    runner_->thread.detach();  // a `done` held the last share in the client
+  } else {
+    runner_->thread.join();
+  }
+}
+
+}  // namespace
+
+std::shared_ptr<HttpClient> makeCurlClient(std::chrono::milliseconds silence) {
+  return std::make_shared<CurlClient>(silence);
+}
+
+}  // namespace marbleway::platform

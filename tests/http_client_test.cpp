@@ -1,0 +1,358 @@
+#include "platform/linux/http_client.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/resource.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <csignal>
+#include <cstdlib>
+#include <future>
+#include <list>
+#include <memory>
+#include <ostream>
+#include <stdexcept>
+#include <string>
+
+#include "tests/support/loopback_server.h"
+
+namespace marbleway::tests {
+namespace {
+
+using namespace std::chrono_literals;
+using platform::HttpAnswer;
+using platform::HttpClient;
+using platform::HttpRequest;
+using platform::kLongestAnswer;
+using platform::makeCurlClient;
+using ::testing::ExitedWithCode;
+using ::testing::SizeIs;
+using Result = std::optional<HttpAnswer>;
+using Clock = std::chrono::steady_clock;
+
+/// What became of one request.
+struct Call {
+  std::atomic<int> runs = 0;
+  std::promise<Result> promise;
+  std::future<Result> future = promise.get_future();
+
+  Result answer() {
+    if (future.wait_for(10s) == std::future_status::ready) return future.get();
+    ADD_FAILURE() << "done has not run";
+    return HttpAnswer{.status = -1, .body = "done has not run"};
+  }
+};
+
+HttpRequest requestTo(std::string url, std::string_view body = "{}") {
+  HttpRequest request{.url = std::move(url), .headers = {}, .body = {}};
+  if (!body.empty()) request.body.append(body);
+  return request;
+}
+
+class HttpClientTest : public ::testing::Test {
+ protected:
+  Call& post(HttpRequest request) {
+    Call& call = calls.emplace_back();
+    client->post(std::move(request), [&call](Result answer) {
+      if (++call.runs == 1) call.promise.set_value(std::move(answer));
+    });
+    return call;
+  }
+  Result answerTo(HttpRequest request) { return post(std::move(request)).answer(); }
+
+  void TearDown() override {
+    client.reset();
+    for (const Call& call : calls) EXPECT_EQ(call.runs, 1);
+  }
+
+  LoopbackServer server;
+  std::shared_ptr<HttpClient> client = makeCurlClient();
+  std::list<Call> calls;
+};
+
+TEST_F(HttpClientTest, SendsWhatItIsGivenAndNothingElse) {
+  const std::string host = server.url().substr(7, server.url().find('/', 7) - 7);
+  for (const std::string& body : {std::string(), std::string("{}"), std::string(3 << 20, '\0')}) {
+    SCOPED_TRACE(body.size());
+    server.answer({});
+    HttpRequest request = requestTo(server.url() + "mobile/init", body);
+    request.headers = {
+        {"Accept", "application/json"}, {"Content-Type", "application/json"}, {"mrbw", ""}};
+    EXPECT_TRUE(answerTo(std::move(request)));
+    const Received received = server.requests().back();
+    EXPECT_EQ(received.head,
+              "POST /v2/mobile/init HTTP/1.1\r\nHost: " + host +
+                  "\r\nAccept: application/json\r\nContent-Type: application/json\r\nmrbw:\r\n"
+                  "Content-Length: " +
+                  std::to_string(body.size()) + "\r\n\r\n");
+    EXPECT_TRUE(received.body == body);
+  }
+}
+
+TEST_F(HttpClientTest, LeavesOutAHeaderWithControlCharacters) {
+  using namespace std::string_literals;
+  const Headers unfit[] = {{{"token", "a\r\nX-Smuggled: 1"}},
+                           {{"token", "a\nX-Smuggled: 1"}},
+                           {{"token", "a\r\n\r\nPOST /v2/x HTTP/1.1\r\n\r\n"}},
+                           {{"token", "a\0b"s}},
+                           {{"token", "\x7F"}},
+                           {{"tok\r\nX-Smuggled", "1"}}};
+  for (const Headers& headers : unfit) {
+    server.answer({});
+    HttpRequest request = requestTo(server.url());
+    request.headers = headers;
+    EXPECT_TRUE(answerTo(std::move(request)));
+    const Headers sent = server.requests().back().headers;
+    ASSERT_THAT(sent, SizeIs(2));
+    EXPECT_EQ(sent[0].first, "Host");
+    EXPECT_EQ(sent[1].first, "Content-Length");
+  }
+}
+
+TEST_F(HttpClientTest, GivesAnAnswerThatIsComplete) {
+  struct Case {
+    Answer answer;
+    long status;
+    std::string body;
+  };
+  const Case cases[] = {
+      {{.body = "{}"}, 200, "{}"},
+      {{}, 200, ""},
+      {{.status = 204}, 204, ""},
+      {{.status = 401, .body = "no"}, 401, "no"},
+      {{.status = 500, .body = "oh"}, 500, "oh"},
+      {{.raw = "HTTP/1.1 100 Continue\r\n\r\nHTTP/1.1 200 OK\r\n\r\nto the end"},
+       200,
+       "to the end"},
+      {{.raw = "HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n2\r\n{}\r\n0\r\n\r\n"},
+       200,
+       "{}"},
+  };
+  for (const Case& each : cases) {
+    SCOPED_TRACE(each.answer.raw + std::to_string(each.status));
+    server.answer(each.answer);
+    const Result answer = answerTo(requestTo(server.url()));
+    ASSERT_TRUE(answer);
+    EXPECT_EQ(answer->status, each.status);
+    EXPECT_EQ(answer->body, each.body);
+  }
+}
+
+TEST_F(HttpClientTest, TakesNothingForAnAnswerThatIsNotComplete) {
+  const Answer broken[] = {
+      {.manner = Manner::cut, .body = "0123456789"},
+      {.manner = Manner::reset, .body = "0123456789"},
+      {.manner = Manner::cut},
+      {.manner = Manner::reset},
+      {.raw = "HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\nff\r\n{}"},
+      {.raw = "garbage\r\n\r\n"},
+  };
+  for (const Answer& answer : broken) {
+    SCOPED_TRACE(answer.raw + std::to_string(static_cast<int>(answer.manner)));
+    server.answer(answer);
+    EXPECT_FALSE(answerTo(requestTo(server.url())));
+  }
+  EXPECT_THAT(server.requests(), SizeIs(std::size(broken)));  // none was posted again
+  const RefusingPort refusing;
+  for (const std::string& url : {refusing.url(), server.url("ftp"), std::string("file:///"),
+                                 std::string("http://"), std::string()}) {
+    EXPECT_FALSE(answerTo(requestTo(url))) << url;
+  }
+}
+
+TEST_F(HttpClientTest, EndsAnExchangeAfterSilence) {
+  client = makeCurlClient(200ms);
+  server.answer({.manner = Manner::never});
+  const auto began = Clock::now();
+  Call& unanswered = post(requestTo(server.url()));
+  Call& inHandshake = post(requestTo(server.url("https")));
+  EXPECT_FALSE(unanswered.answer());
+  EXPECT_FALSE(inHandshake.answer());
+  EXPECT_GE(Clock::now() - began, 200ms);
+}
+
+TEST_F(HttpClientTest, HasPatienceWithAnAnswerThatTrickles) {
+  client = makeCurlClient(500ms);
+  const std::string body(60, 'x');  // 600 ms
+  server.answer({.manner = Manner::trickled, .body = body, .pause = 10ms});
+  const Result answer = answerTo(requestTo(server.url()));
+  ASSERT_TRUE(answer);
+  EXPECT_EQ(answer->body, body);
+}
+
+TEST_F(HttpClientTest, FollowsNoRedirect) {
+  LoopbackServer other;
+  server.answer(redirectTo(other.url()));
+  HttpRequest request = requestTo(server.url());
+  request.headers = {{"mrbw-project-token", "secret"}};
+  const Result answer = answerTo(std::move(request));
+  ASSERT_TRUE(answer);
+  EXPECT_EQ(answer->status, 307);
+  EXPECT_FALSE(other.waitForConnections(1, 0ms));
+}
+
+TEST_F(HttpClientTest, AsksNoProxyForLoopback) {
+  LoopbackServer proxy;
+  setenv("http_proxy", proxy.url().c_str(), 1);
+  server.answer({});
+  EXPECT_TRUE(answerTo(requestTo(server.url())));
+  unsetenv("http_proxy");
+  EXPECT_FALSE(proxy.waitForConnections(1, 0ms));
+}
+
+TEST_F(HttpClientTest, KeepsAsMuchOfAnAnswerAsIsWanted) {
+  const std::pair<std::size_t, std::size_t> limits[] = {
+      {kLongestAnswer, kLongestAnswer}, {SIZE_MAX, kLongestAnswer}, {5, 5}, {0, 0}};
+  for (const auto& [limit, kept] : limits) {
+    server.answer({.body = std::string(1 << 20, 'x'), .times = 50});
+    HttpRequest request = requestTo(server.url());
+    request.answerLimit = limit;
+    const Result answer = answerTo(std::move(request));
+    ASSERT_TRUE(answer);
+    EXPECT_EQ(answer->status, 200);
+    EXPECT_EQ(answer->body.size(), kept);
+  }
+}
+
+TEST_F(HttpClientTest, RequestsOverlap) {
+  server.answerWith([&](const Received& request) {
+    server.waitForRequests(8);
+    return Answer{.body = request.body};
+  });
+  for (int i = 0; i < 8; ++i) post(requestTo(server.url(), std::to_string(i)));
+  for (int i = 0; Call & call : calls) EXPECT_EQ(call.answer()->body, std::to_string(i++));
+}
+
+TEST_F(HttpClientTest, TheSixtyFifthAtOnceEndsTheOldest) {
+  server.answerWith([](const Received&) { return Answer{.manner = Manner::never}; });
+  for (int i = 0; i < 65; ++i) post(requestTo(server.url()));
+  EXPECT_FALSE(calls.front().answer());
+  EXPECT_EQ(std::next(calls.begin())->runs, 0);
+}
+
+TEST_F(HttpClientTest, DoneMayPostAndThrowAndLetTheClientGo) {
+  server.answerWith([](const Received& request) { return Answer{.body = request.body}; });
+  std::promise<std::string> second;
+  client->post(requestTo(server.url()), [&, client = client](const Result&) mutable {
+    client->post(requestTo(server.url(), "2"), [&,
+                                                client = std::exchange(client, {})](Result answer) {
+      sigset_t blocked;
+      pthread_sigmask(SIG_BLOCK, nullptr, &blocked);
+      second.set_value(answer->body + (sigismember(&blocked, SIGTERM) == 1 ? "" : " unblocked"));
+    });
+    throw std::runtime_error("from done");
+  });
+  client.reset();
+  EXPECT_EQ(second.get_future().get(), "2");
+}
+
+TEST_F(HttpClientTest, GoesOnOnceThereAreDescriptorsAgain) {
+  rlimit before{};
+  getrlimit(RLIMIT_NOFILE, &before);
+  const int lowestFree = dup(STDERR_FILENO);
+  close(lowestFree);
+  const rlimit none{.rlim_cur = static_cast<rlim_t>(lowestFree), .rlim_max = before.rlim_max};
+  server.answerWith([](const Received&) { return Answer{}; });
+  EXPECT_TRUE(answerTo(requestTo(server.url())));
+  for (const bool hasBegun : {true, false}) {
+    SCOPED_TRACE(hasBegun);
+    if (!hasBegun) client = makeCurlClient();
+    setrlimit(RLIMIT_NOFILE, &none);
+    EXPECT_FALSE(answerTo(requestTo(server.url())));
+    setrlimit(RLIMIT_NOFILE, &before);
+    EXPECT_TRUE(answerTo(requestTo(server.url())));
+  }
+}
+
+struct Scheme {
+  const char* name;
+  std::chrono::milliseconds exit;  // at most
+};
+
+void PrintTo(Scheme scheme, std::ostream* out) { *out << scheme.name; }
+
+Clock::time_point latestExit;
+
+void exitWithARequestInFlight(Scheme scheme) {
+  alarm(20);
+  // Runs after the client's own handler; the process has then been held up as long as it ever is.
+  (void)std::atexit([] {
+    if (Clock::now() > latestExit) _exit(1);
+  });
+  static const std::shared_ptr<HttpClient> client = makeCurlClient();
+  LoopbackServer server;
+  server.answer({.manner = Manner::never});
+  client->post(requestTo(server.url(scheme.name)), [](const Result&) {});
+  server.waitForConnections(1);
+  latestExit = Clock::now() + scheme.exit;
+  std::exit(0);
+}
+
+/// True when a child of a fork has sent a request of its own, got its answer and ended well.
+bool aChildGetsItsAnswer(const std::string& url) {
+  const pid_t child = fork();
+  if (child == 0) {
+    alarm(20);
+    const std::shared_ptr<HttpClient> client = makeCurlClient();
+    std::promise<Result> answer;
+    client->post(requestTo(url, "child"),
+                 [&](Result given) { answer.set_value(std::move(given)); });
+    std::exit(answer.get_future().get() ? 0 : 1);
+  }
+  int status = -1;
+  waitpid(child, &status, 0);
+  return status == 0;
+}
+
+/// True when the children's requests arrive, each once, and the parent's goes on unharmed.
+bool forkWithARequestInFlight(Scheme scheme) {
+  alarm(20);
+  LoopbackServer server;
+  server.answerWith([](const Received& request) {
+    return Answer{.manner = request.body == "child" ? Manner::whole : Manner::never};
+  });
+  std::atomic<int> runs = 0;
+  const std::shared_ptr<HttpClient> client = makeCurlClient();
+  client->post(requestTo(server.url(scheme.name)), [&](const Result&) { ++runs; });
+  server.waitForConnections(1);
+  int children = 0;
+  while (children < 5 && aChildGetsItsAnswer(server.url())) ++children;
+  const std::vector<Received> requests = server.requests();
+  const auto sent = std::ranges::count(requests, "child", &Received::body);
+  return children == 5 && sent == 5 && requests.size() <= 6 && runs == 0;
+}
+
+class HttpClientDeathTest : public ::testing::TestWithParam<Scheme> {
+ protected:
+  void SetUp() override {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    // In a fork's child the sanitizers neither know of the threads that held memory nor like new
+    // ones.
+    setenv("ASAN_OPTIONS", "detect_leaks=0", 1);
+    setenv("TSAN_OPTIONS", "die_after_fork=0:atexit_sleep_ms=0", 1);
+  }
+  void TearDown() override {
+    unsetenv("ASAN_OPTIONS");
+    unsetenv("TSAN_OPTIONS");
+  }
+};
+
+TEST_P(HttpClientDeathTest, TheProcessExitsAtOnceWithARequestInFlight) {
+  for (int run = 0; run < 10; ++run) {
+    EXPECT_EXIT(exitWithARequestInFlight(GetParam()), ExitedWithCode(0), "");
+  }
+}
+
+TEST_P(HttpClientDeathTest, AChildOfAForkSendsItsOwnRequestsOnly) {
+  EXPECT_EXIT(std::exit(forkWithARequestInFlight(GetParam()) ? 0 : 1), ExitedWithCode(0), "");
+}
+
+// With https the exit finds the client reading the certificates, 20 ms of work without sanitizers.
+INSTANTIATE_TEST_SUITE_P(Schemes, HttpClientDeathTest,
+                         ::testing::Values(Scheme{"http", 100ms}, Scheme{"https", 2s}));
+
+}  // namespace
+}  // namespace marbleway::tests
