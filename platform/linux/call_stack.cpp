@@ -10,20 +10,12 @@
 #include <cstdlib>
 #include <iterator>
 #include <memory>
+#include <string_view>
 
 #include "platform/linux/call_stack.h"
 
 namespace marbleway::platform {
 namespace {
-
-std::string hexadecimal(std::uintptr_t number, std::size_t digits = 1) {
-  std::string text;
-  for (; number != 0 || text.size() < digits; number /= 16) {
-    text.push_back("0123456789abcdef"[number % 16]);
-  }
-  std::ranges::reverse(text);
-  return text.insert(0, "0x");
-}
 
 /// The file's name without its folders.
 std::string moduleName(const Dl_info& place) {
@@ -31,9 +23,23 @@ std::string moduleName(const Dl_info& place) {
   return path.substr(path.rfind('/') + 1);
 }
 
+/// The source form of a function's name. One of C, such as "f", is not taken for a type.
+std::string functionName(std::string_view symbol) {
+  return symbol.starts_with("_Z") ? demangled(symbol.data()) : std::string(symbol);
+}
+
 std::uintptr_t addressOf(const void* pointer) { return reinterpret_cast<std::uintptr_t>(pointer); }
 
 }  // namespace
+
+std::string hexadecimal(std::uintptr_t number, std::size_t digits) {
+  std::string text;
+  for (; number != 0 || text.size() < digits; number /= 16) {
+    text.push_back("0123456789abcdef"[number % 16]);
+  }
+  std::ranges::reverse(text);
+  return text.insert(0, "0x");
+}
 
 std::string demangled(const char* name) {
   struct Free {
@@ -57,7 +63,7 @@ std::string frameLine(std::size_t number, std::uintptr_t address, AddressKind ki
 
   const bool isNamed = place.dli_sname != nullptr;
   const void* start = isNamed ? place.dli_saddr : place.dli_fbase;
-  line.append(" ").append(isNamed ? demangled(place.dli_sname) : module);
+  line.append(" ").append(isNamed ? functionName(place.dli_sname) : module);
   return line.append(" + ").append(hexadecimal(address - addressOf(start)));
 }
 
