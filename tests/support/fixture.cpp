@@ -143,21 +143,26 @@ int MarblewayTest::rowCount() const {
   return static_cast<int>(count);
 }
 
-std::vector<std::string> MarblewayTest::takeRows() {
+void RecordingTest::SetUp() {
+  beginSession();
+  outcome();
+}
+
+std::vector<std::string> RecordingTest::outcome() {
   constexpr std::string_view kPrefix = "mrbw_v2_";
-  std::vector<std::string> taken;
+  std::vector<std::string> outcome = lines();
   for (const Table& table : kTables) {
     const std::string name(table.name);
     const auto written = rows(name);
     if (!written.empty()) query(storePath(table.store), "DELETE FROM " + name);
-    for (const std::string& row : written) {
-      taken.push_back(name.substr(kPrefix.size()).append("|").append(row));
+    for (const std::string& columns : written) {
+      outcome.push_back(name.substr(kPrefix.size()).append("|").append(columns));
     }
   }
-  return taken;
+  return outcome;
 }
 
-std::string MarblewayTest::rowOf(std::string_view table, std::string_view columns) {
+std::string RecordingTest::row(std::string_view table, std::string_view columns) {
   std::string row(table);
   for (const std::string_view part :
        {std::string_view(kFirstSession), columns, std::string_view(kStart)}) {

@@ -66,11 +66,6 @@ class MarblewayTest : public ::testing::Test {
   std::vector<std::string> rows(const std::string& table) const;
   /// The number of rows of all sixteen tables.
   int rowCount() const;
-  /// The rows of all tables since the last call, which deletes them: the table without its prefix,
-  /// then the columns as in `rows`.
-  std::vector<std::string> takeRows();
-  /// Such a row, with the first session before `columns` and the time of the start after them.
-  static std::string rowOf(std::string_view table, std::string_view columns);
   /// The lines since the last call.
   std::vector<std::string> lines() { return console->take(); }
 
@@ -91,6 +86,18 @@ class MarblewayTest : public ::testing::Test {
       std::make_shared<platform::testing::RecordingLocation>();
   std::shared_ptr<platform::testing::RecordingCapture> capture =
       std::make_shared<platform::testing::RecordingCapture>();
+};
+
+/// A running session whose start is forgotten.
+class RecordingTest : public MarblewayTest {
+ protected:
+  void SetUp() override;
+
+  /// What was done since the last call: the lines, then the rows of all tables, each as the table
+  /// without its prefix and the columns as in `rows`. Deletes the rows.
+  std::vector<std::string> outcome();
+  /// Such a row, with the first session before `columns` and the time of the start after them.
+  static std::string row(std::string_view table, std::string_view columns);
 };
 
 }  // namespace marbleway::testing
