@@ -53,7 +53,8 @@ class [[gnu::visibility("default")]] Marbleway {
   /// identifier is absent or empty, or is no e-mail address where one is told.
   static void linkUser(marbleway::Text userIdentifier, marbleway::Text identifierType) noexcept;
 
-  /// Forgets the linked user and ends the session. Writes no row and no line.
+  /// Forgets the linked user and ends the session, whatever the state. Writes no row, and no line
+  /// but that of the session's end.
   static void unlinkUser() noexcept;
 
   /// Sets an attribute of the user: a row in `mrbw_v2_user_attributes`.
