@@ -143,22 +143,28 @@ int MarblewayTest::rowCount() const {
   return static_cast<int>(count);
 }
 
-void RecordingTest::SetUp() {
-  beginSession();
-  outcome();
-}
-
-std::vector<std::string> RecordingTest::outcome() {
+std::vector<std::string> MarblewayTest::takeRows() {
   constexpr std::string_view kPrefix = "mrbw_v2_";
-  std::vector<std::string> outcome = lines();
+  std::vector<std::string> taken;
   for (const Table& table : kTables) {
     const std::string name(table.name);
     const auto written = rows(name);
     if (!written.empty()) query(storePath(table.store), "DELETE FROM " + name);
     for (const std::string& columns : written) {
-      outcome.push_back(name.substr(kPrefix.size()).append("|").append(columns));
+      taken.push_back(name.substr(kPrefix.size()).append("|").append(columns));
     }
   }
+  return taken;
+}
+
+void RecordingTest::SetUp() {
+  beginSession();
+  takeRows();
+}
+
+std::vector<std::string> RecordingTest::outcome() {
+  std::vector<std::string> outcome = lines();
+  for (std::string& row : takeRows()) outcome.push_back(std::move(row));
   return outcome;
 }
 

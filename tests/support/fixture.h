@@ -66,6 +66,9 @@ class MarblewayTest : public ::testing::Test {
   std::vector<std::string> rows(const std::string& table) const;
   /// The number of rows of all sixteen tables.
   int rowCount() const;
+  /// The rows of all tables, which are then deleted: the table without its prefix, then the columns
+  /// as in `rows`.
+  std::vector<std::string> takeRows();
   /// The lines since the last call.
   std::vector<std::string> lines() { return console->take(); }
 
@@ -93,10 +96,9 @@ class RecordingTest : public MarblewayTest {
  protected:
   void SetUp() override;
 
-  /// What was done since the last call: the lines, then the rows of all tables, each as the table
-  /// without its prefix and the columns as in `rows`. Deletes the rows.
+  /// What was done since the last call: the lines, then the rows.
   std::vector<std::string> outcome();
-  /// Such a row, with the first session before `columns` and the time of the start after them.
+  /// A row as `takeRows` tells it, the first session before `columns` and the start after them.
   static std::string row(std::string_view table, std::string_view columns);
 };
 
