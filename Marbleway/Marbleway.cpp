@@ -3,10 +3,10 @@
 #include "Marbleway/location/location.h"
 #include "Marbleway/session/session.h"
 #include "Marbleway/startup/options.h"
-#include "Marbleway/startup/quietly.h"
 #include "Marbleway/startup/start.h"
 #include "Marbleway/startup/state.h"
 #include "Marbleway/tracking/operations.h"
+#include "platform/quietly.h"
 
 // The way in: every operation is the free function of its name, from which no exception gets out.
 

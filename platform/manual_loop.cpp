@@ -8,6 +8,7 @@
 #include <mutex>
 #include <utility>
 
+#include "platform/quietly.h"
 #include "platform/schedule.h"
 
 namespace marbleway::platform {

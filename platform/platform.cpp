@@ -7,8 +7,8 @@
 
 #include "platform/fork.h"
 #include "platform/guarded.h"
-#include "platform/linux/paths.h"
-#include "platform/schedule.h"
+#include "platform/paths.h"
+#include "platform/quietly.h"
 
 namespace marbleway::platform {
 namespace {

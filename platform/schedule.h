@@ -2,13 +2,12 @@
 
 #include <algorithm>
 #include <chrono>
-#include <utility>
 
 #include "platform/main_loop.h"
 
 namespace marbleway::platform {
 
-/// What the main loops share: when a timer fires next, and what becomes of an exception.
+/// What the main loops share: when a timer fires next.
 using SteadyTime = std::chrono::steady_clock::time_point;
 
 /// The time of a firing that lies beyond what the clock can count.
@@ -20,15 +19,6 @@ inline SteadyTime nextFiring(SteadyTime due, std::chrono::nanoseconds period, St
   period = std::max(period, kShortestPeriod);
   const SteadyTime last = due + (now - due) / period * period;
   return last > kNever - period ? kNever : last + period;
-}
-
-/// Runs `task`; an exception ends here, unseen.
-template <class Task>
-void quietly(Task&& task) noexcept {
-  try {
-    std::forward<Task>(task)();
-  } catch (...) {
-  }
 }
 
 }  // namespace marbleway::platform

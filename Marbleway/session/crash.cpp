@@ -1,11 +1,11 @@
 #include "Marbleway/session/crash.h"
 
 #include "Marbleway/startup/console.h"
-#include "Marbleway/startup/quietly.h"
 #include "Marbleway/startup/state.h"
 #include "Marbleway/store/store.h"
 #include "Marbleway/store/timestamp.h"
 #include "Marbleway/tracking/guard.h"
+#include "platform/quietly.h"
 
 namespace marbleway {
 namespace {

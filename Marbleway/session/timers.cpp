@@ -4,11 +4,11 @@
 
 #include "Marbleway/session/session.h"
 #include "Marbleway/startup/console.h"
-#include "Marbleway/startup/quietly.h"
 #include "Marbleway/startup/state.h"
 #include "Marbleway/store/timestamp.h"
 #include "Marbleway/upload/batch.h"
 #include "platform/platform.h"
+#include "platform/quietly.h"
 
 namespace marbleway {
 namespace {

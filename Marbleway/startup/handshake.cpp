@@ -9,12 +9,12 @@
 #include "Marbleway/session/session.h"
 #include "Marbleway/startup/configuration.h"
 #include "Marbleway/startup/pending.h"
-#include "Marbleway/startup/quietly.h"
 #include "Marbleway/startup/readings.h"
 #include "Marbleway/startup/state.h"
 #include "Marbleway/upload/dispatch.h"
 #include "platform/json.h"
 #include "platform/platform.h"
+#include "platform/quietly.h"
 
 namespace marbleway {
 namespace {

@@ -4,10 +4,10 @@
 
 #include "Marbleway/startup/console.h"
 #include "Marbleway/startup/pending.h"
-#include "Marbleway/startup/quietly.h"
 #include "Marbleway/startup/state.h"
 #include "Marbleway/store/store.h"
 #include "platform/platform.h"
+#include "platform/quietly.h"
 
 namespace marbleway {
 namespace {

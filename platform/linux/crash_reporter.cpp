@@ -16,7 +16,7 @@
 #include "platform/linux/alternate_stack.h"
 #include "platform/linux/attempt.h"
 #include "platform/linux/background_thread.h"
-#include "platform/schedule.h"
+#include "platform/quietly.h"
 
 namespace marbleway::platform {
 namespace {

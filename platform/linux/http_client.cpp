@@ -4,7 +4,6 @@
 #include <pthread.h>
 
 #include <atomic>
-#include <csignal>
 #include <cstdlib>
 #include <list>
 #include <mutex>
@@ -14,6 +13,7 @@
 #include <vector>
 
 #include "platform/guarded.h"
+#include "platform/linux/background_thread.h"
 #include "platform/linux/transfer_loop.h"
 
 namespace marbleway::platform {
@@ -69,22 +69,6 @@ void getToKnowProcess() {
   (void)std::atexit(atExit);
 }
 
-/// Blocks every signal in the calling thread, and so in those that it starts.
-class SignalsBlocked {
- public:
-  SignalsBlocked() {
-    sigset_t all;
-    sigfillset(&all);
-    pthread_sigmask(SIG_SETMASK, &all, &before_);
-  }
-  SignalsBlocked(const SignalsBlocked&) = delete;
-  SignalsBlocked& operator=(const SignalsBlocked&) = delete;
-  ~SignalsBlocked() { pthread_sigmask(SIG_SETMASK, &before_, nullptr); }
-
- private:
-  sigset_t before_{};
-};
-
 void live(const std::shared_ptr<Runner>& runner) {
   runner->loop.run();
   const std::scoped_lock lock(runners().lock);
@@ -100,8 +84,7 @@ bool start(const std::shared_ptr<Runner>& runner) {
   getToKnowProcess();
   runners().all.reserve(runners().all.size() + 1);
   try {
-    const SignalsBlocked blocked;
-    runner->thread = std::thread([runner] { live(runner); });
+    runner->thread = startBackgroundThread([runner] { live(runner); });
   } catch (const std::system_error&) {
     return false;
   }

@@ -11,6 +11,7 @@
 #include <utility>
 
 #include "platform/linux/background_thread.h"
+#include "platform/quietly.h"
 #include "platform/schedule.h"
 
 namespace marbleway::platform {

@@ -1,4 +1,4 @@
-#include "platform/linux/paths.h"
+#include "platform/paths.h"
 
 #include <pwd.h>
 #include <sys/stat.h>

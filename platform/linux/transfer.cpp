@@ -9,6 +9,8 @@
 #include <string_view>
 #include <utility>
 
+#include "platform/quietly.h"
+
 namespace marbleway::platform {
 namespace {
 
@@ -126,10 +128,7 @@ void Transfer::end(bool complete) noexcept {
 
 void Transfer::tell() noexcept {
   const Done done = std::exchange(done_, nullptr);
-  try {
-    done(isComplete_ ? std::optional(std::move(answer_)) : std::nullopt);
-  } catch (...) {  // whose it is has had its answer
-  }
+  quietly([&] { done(isComplete_ ? std::optional(std::move(answer_)) : std::nullopt); });
 }
 
 Transfer::Time Transfer::lastByte(Time now) noexcept {

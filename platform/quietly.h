@@ -1,14 +1,16 @@
 #pragma once
 
+#include <utility>
+
 namespace marbleway {
 
 /// Runs `work`; an exception that leaves it (no memory, a host's service that throws) ends it and
-/// nothing else. Every way into the library goes through here, so that none leads a host to its
-/// end.
+/// nothing else. Every way into the library and every task of its threads goes through here, so
+/// that none leads a host to its end.
 template <class Work>
-void quietly(Work work) noexcept {
+void quietly(Work&& work) noexcept {
   try {
-    work();
+    std::forward<Work>(work)();
   } catch (...) {  // what was being done is lost in silence
   }
 }
