@@ -49,11 +49,12 @@ StoreFile::~StoreFile() {
 }
 
 // Short naps: with SQLite's own, ever longer ones, eight busy threads starve each other.
-int StoreFile::nap(void* file, int naps) {
+int StoreFile::nap(void* file, int /*naps*/) {
   auto& self = *static_cast<StoreFile*>(file);
-  if (naps == 0) self.waitingSince_ = steady_clock::now();
-  if (steady_clock::now() - self.waitingSince_ >= kLongestWait) return 0;
+  if (self.waited_ >= kLongestWait) return 0;
+  const auto start = steady_clock::now();
   sqlite3_sleep(1);
+  self.waited_ += steady_clock::now() - start;
   return 1;
 }
 

@@ -17,8 +17,8 @@ namespace marbleway {
 std::filesystem::path pathOf(Store store);
 
 /// One connection to a store's file, for one statement or one schema. A file that another
-/// connection holds is waited for, two seconds at most. Every failure is silent: what is then asked
-/// of the connection does nothing.
+/// connection holds is waited for, two seconds at most in the connection's whole life. Every
+/// failure is silent: what is then asked of the connection does nothing.
 class StoreFile {
  public:
   enum class Missing { fails, isMade };
@@ -36,7 +36,7 @@ class StoreFile {
   static int nap(void* file, int naps);
 
   sqlite3* connection_ = nullptr;  // null when it could not be opened
-  std::chrono::steady_clock::time_point waitingSince_;
+  std::chrono::steady_clock::duration waited_{};
 };
 
 /// One SQL statement on a file of its own: opened and prepared by the constructor, finalized and
