@@ -128,11 +128,11 @@ std::filesystem::path MarblewayTest::storePath(Store store) const {
 std::vector<std::string> MarblewayTest::rows(const std::string& table) const {
   for (const Table& known : kTables) {
     if (known.name != table) continue;
-    std::string columns;
+    std::string sql;
     for (const std::string_view column : known.columns) {
-      columns.append(columns.empty() ? "" : ", ").append(column);
+      sql.append(sql.empty() ? "SELECT " : ", ").append(column);
     }
-    return query(storePath(known.store), "SELECT " + columns + " FROM " + table + " ORDER BY id");
+    return query(storePath(known.store), sql.append(" FROM ").append(table).append(" ORDER BY id"));
   }
   throw std::runtime_error("no table " + table);
 }
