@@ -40,7 +40,7 @@ Dictionary detailsOf(const ErrorReport& report) {
 ErrorReport reportOf(const std::exception& exception) {
   ErrorReport report;
   report.name = platform::demangled(typeid(exception).name());
-  report.reason = exception.what();
+  report.reason = Text(exception.what()).copy();  // a null one is absent
   report.callStackReturnAddresses = platform::returnAddresses();
   report.callStackSymbols = platform::symbolsOf(*report.callStackReturnAddresses);
   return report;
