@@ -233,20 +233,34 @@ TEST_F(HttpClientTest, TheSixtyFifthAtOnceEndsTheOldest) {
   EXPECT_EQ(std::next(calls.begin())->runs, 0);
 }
 
-TEST_F(HttpClientTest, DoneMayPostAndThrowAndLetTheClientGo) {
-  server.answerWith([](const Received& request) { return Answer{.body = request.body}; });
-  std::promise<std::string> second;
-  client->post(requestTo(server.url()), [&, client = client](const Result&) mutable {
-    client->post(requestTo(server.url(), "2"), [&,
-                                                client = std::exchange(client, {})](Result answer) {
-      sigset_t blocked;
-      pthread_sigmask(SIG_BLOCK, nullptr, &blocked);
-      second.set_value(answer->body + (sigismember(&blocked, SIGTERM) == 1 ? "" : " unblocked"));
-    });
+TEST_F(HttpClientTest, DoneMayThrowAndPostAndLetTheClientGo) {
+  server.answerWith([](const Received&) { return Answer{}; });
+  std::promise<Result> third;
+  client->post(requestTo(server.url()), [&, own = client](const Result&) mutable {
+    own->post(
+        requestTo(server.url()), [&, own = std::exchange(own, {})](const Result& second) mutable {
+          EXPECT_TRUE(second);
+          own->post(requestTo(server.url()), [&](const Result& given) { third.set_value(given); });
+          own.reset();  // the last share
+        });
     throw std::runtime_error("from done");
   });
   client.reset();
-  EXPECT_EQ(second.get_future().get(), "2");
+  EXPECT_FALSE(third.get_future().get());  // the client went before it could be sent
+}
+
+TEST_F(HttpClientTest, BlocksEverySignalInItsThread) {
+  server.answer({});
+  std::promise<sigset_t> blocked;
+  client->post(requestTo(server.url()), [&](const Result&) {
+    sigset_t own;
+    pthread_sigmask(SIG_BLOCK, nullptr, &own);
+    blocked.set_value(own);
+  });
+  const sigset_t inThread = blocked.get_future().get();
+  for (const int signal : {SIGTERM, SIGINT, SIGPIPE, SIGCHLD, SIGPROF}) {
+    EXPECT_EQ(sigismember(&inThread, signal), 1) << signal;
+  }
 }
 
 TEST_F(HttpClientTest, GoesOnOnceThereAreDescriptorsAgain) {
