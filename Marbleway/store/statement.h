@@ -7,6 +7,7 @@
 
 #include "Marbleway/store/schema.h"
 #include "platform/value.h"
+#include "platform/write_guard.h"
 
 struct sqlite3;
 struct sqlite3_stmt;
@@ -35,6 +36,7 @@ class StoreFile {
   friend class Statement;
   static int nap(void* file, int naps);
 
+  platform::WriteGuard guard_;     // outlives the connection
   sqlite3* connection_ = nullptr;  // null when it could not be opened
   std::chrono::steady_clock::duration waited_{};
 };
