@@ -5,6 +5,7 @@
 #include <memory>
 #include <new>
 #include <string_view>
+#include <utility>
 
 namespace marbleway::platform {
 
@@ -12,10 +13,19 @@ namespace marbleway::platform {
 /// block instead of copying them, so a document takes little more memory than it has bytes.
 class Buffer {
  public:
+  Buffer() noexcept = default;
+  Buffer(Buffer&& other) noexcept { swap(other); }
+  Buffer& operator=(Buffer&& other) noexcept {
+    Buffer(std::move(other)).swap(*this);
+    return *this;
+  }
+  ~Buffer() = default;
+
   std::size_t size() const noexcept { return size_; }
   std::string_view view() const noexcept { return {block_.get(), size_}; }
 
   void append(std::string_view bytes) {
+    if (bytes.empty()) return;
     std::memcpy(room(bytes.size()), bytes.data(), bytes.size());
     size_ += bytes.size();
   }
@@ -32,6 +42,12 @@ class Buffer {
   struct Free {
     void operator()(char* block) const noexcept { std::free(block); }
   };
+
+  void swap(Buffer& other) noexcept {
+    std::swap(block_, other.block_);
+    std::swap(size_, other.size_);
+    std::swap(capacity_, other.capacity_);
+  }
 
   void enlarge(std::size_t size) {
     const std::size_t capacity = (size_ + size) + (size_ + size) / 2 + 4096;

@@ -18,7 +18,8 @@ union Lasting {
       : value(std::forward<Arguments>(arguments)...) {}
   Lasting(const Lasting&) = delete;
   Lasting& operator=(const Lasting&) = delete;
-  constexpr ~Lasting() {}  // leaves `value` alive
+  // Leaves `value` alive; a union's default would not compile.
+  constexpr ~Lasting() {}  // NOLINT(modernize-use-equals-default)
 
   T value;
 };
