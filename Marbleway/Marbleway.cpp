@@ -91,7 +91,8 @@ void Marbleway::logError(Text errorName, Text errorMessage,
 }
 void Marbleway::logError(Text errorName, Text errorMessage,
                          const std::exception& exception) noexcept {
-  quietly([&] { marbleway::logError(errorName, errorMessage, exception); });
+  const void* caller = __builtin_return_address(0);
+  quietly([&] { marbleway::logError(errorName, errorMessage, exception, caller); });
 }
 
 bool Marbleway::getTrackingEnabled() noexcept { return isTrackingEnabled; }

@@ -1,6 +1,8 @@
+#include <algorithm>
 #include <string>
 #include <typeinfo>
 #include <utility>
+#include <vector>
 
 #include "Marbleway/session/session.h"
 #include "Marbleway/startup/console.h"
@@ -36,12 +38,20 @@ Dictionary detailsOf(const ErrorReport& report) {
   return details;
 }
 
-// A report of `exception` with the call stack of this call.
-ErrorReport reportOf(const std::exception& exception) {
+// The call stack from the one on who called the library, which goes on at `caller`.
+std::vector<std::uintptr_t> callStackFrom(const void* caller) {
+  std::vector<std::uintptr_t> addresses = platform::returnAddresses();
+  const auto first =
+      std::find(addresses.begin(), addresses.end(), reinterpret_cast<std::uintptr_t>(caller));
+  if (first != addresses.end()) addresses.erase(addresses.begin(), first);
+  return addresses;
+}
+
+ErrorReport reportOf(const std::exception& exception, const void* caller) {
   ErrorReport report;
   report.name = platform::demangled(typeid(exception).name());
   report.reason = Text(exception.what()).copy();  // a null one is absent
-  report.callStackReturnAddresses = platform::returnAddresses();
+  report.callStackReturnAddresses = callStackFrom(caller);
   report.callStackSymbols = platform::symbolsOf(*report.callStackReturnAddresses);
   return report;
 }
@@ -64,8 +74,10 @@ void logError(const Text& errorName, const Text& errorMessage,
   if (admits(guards::logError)) insertError(errorName, errorMessage, exception);
 }
 
-void logError(const Text& errorName, const Text& errorMessage, const std::exception& exception) {
-  if (admits(guards::logError)) insertError(errorName, errorMessage, reportOf(exception));
+void logError(const Text& errorName, const Text& errorMessage, const std::exception& exception,
+              const void* caller) {
+  if (!admits(guards::logError)) return;
+  insertError(errorName, errorMessage, reportOf(exception, caller));
 }
 
 }  // namespace marbleway

@@ -33,7 +33,9 @@ void trackAdConversion(const Dictionary& adDetails, const Dictionary& conversion
 void trackDeepLink(const Text& url);
 void logError(const Text& errorName, const Text& errorMessage,
               const std::optional<ErrorReport>& exception);
-void logError(const Text& errorName, const Text& errorMessage, const std::exception& exception);
+/// `caller` is the address to which the application's call returns.
+void logError(const Text& errorName, const Text& errorMessage, const std::exception& exception,
+              const void* caller);
 
 void setDeviceToken(const std::optional<std::span<const std::uint8_t>>& deviceToken);
 void trackPushNotification(const Dictionary& userInfo);
