@@ -99,7 +99,7 @@ std::optional<ManualLoop::Time> ManualLoop::nextDue() {
 bool ManualLoop::pumpFor(std::chrono::milliseconds atMost) {
   const Time start = std::chrono::steady_clock::now();
   const auto longest = std::chrono::floor<std::chrono::milliseconds>(kNever - start);
-  const Time end = start + std::min(atMost, longest);
+  const Time end = start + std::clamp(atMost, std::chrono::milliseconds(0), longest);
   bool ran = runDue() > 0;
   while (std::chrono::steady_clock::now() < end) {
     if (runOne(now_())) {
