@@ -1,0 +1,70 @@
+#pragma once
+
+#include <cstddef>
+#include <filesystem>
+#include <memory>
+#include <string>
+
+#include "Marbleway/store/schema.h"
+#include "platform/platform.h"
+
+// The library under measurement and the bare program's files beside its own.
+namespace marbleway::bench {
+
+/// Where files lie: a disk, and a file system in memory.
+struct Places {
+  std::filesystem::path disk, memory;
+};
+
+/// The parts of the table; each prints its lines.
+void measureRecording(const Places& places);
+void measureRefusals(const Places& places);
+void measureBatches(const Places& places);
+void measureStartUp(const Places& places);
+void measureFootprint(const Places& places);
+
+/// A network that costs nothing: it drops batches, and answers the handshake at once or never.
+class NoNetwork : public platform::HttpClient {
+ public:
+  enum class Handshake { answered, unanswered };
+  explicit NoNetwork(Handshake handshake) : handshake_(handshake) {}
+
+  void post(platform::HttpRequest request,
+            std::function<void(std::optional<platform::HttpAnswer>)> done) override;
+
+  /// The size of the latest document.
+  std::size_t documentBytes() const { return documentBytes_; }
+
+ private:
+  Handshake handshake_;
+  std::size_t documentBytes_ = 0;
+};
+
+/// Starts the library in `directory`: no network, no logging, and a main loop that stands still, so
+/// that no timer comes in between. `replacement` holds what else is to be replaced.
+std::shared_ptr<NoNetwork> startLibrary(const std::filesystem::path& directory,
+                                        NoNetwork::Handshake handshake,
+                                        platform::Platform replacement = {});
+
+/// The bare program's stores: copies of the library's, which exist by now, beside them.
+class BareStores {
+ public:
+  explicit BareStores(std::filesystem::path directory);
+
+  std::string file(Store store) const;
+  /// The sixteen readings; the number of rows.
+  std::size_t readAll() const;
+  /// The sixteen deletions of start-up.
+  void purge() const;
+
+ private:
+  std::filesystem::path directory_;
+};
+
+/// An event with seven attributes as a row: session, name, attributes, time.
+extern const char* const kEventRow[4];
+
+/// Adds as many of these to the events of `file`, in one transaction, of the present time.
+void addEvents(const std::string& file, int count);
+
+}  // namespace marbleway::bench

@@ -1,0 +1,81 @@
+#include <memory>
+#include <stdexcept>
+
+#include "Marbleway/Marbleway.h"
+#include "Marbleway/store/statement.h"
+#include "bench/bare.h"
+#include "bench/measure.h"
+#include "bench/setting.h"
+#include "platform/testing/memory_defaults.h"
+
+namespace marbleway::bench {
+namespace {
+
+constexpr int kBlocks = 7;
+constexpr int kOperations = 20;
+
+void start() { Marbleway::initMarbleway("bench", {{"LoggingEnabled", false}}); }
+
+// Adds a row of long ago to each table that lies in the files.
+void addOldRows(const std::string& events, const std::string& network) {
+  std::string sql;
+  for (const Table& table : kTables) {
+    const std::string row = std::string("INSERT INTO ")
+                                .append(table.name)
+                                .append(" (UTCTimeStamp) VALUES ('2020-01-01 00:00:00.000')");
+    const std::string& file = table.store == Store::event ? events : network;
+    if (bareRun(file.c_str(), row.c_str(), nullptr, 0) == 0) {
+      throw std::runtime_error("no old row was added");
+    }
+  }
+}
+
+// Start-ups without an answer, so that none uploads; with `old`, every table has a row to purge.
+void compareStartUps(const std::string& name, const BareStores& bare, bool old) {
+  const std::string events = pathOf(Store::event), network = pathOf(Store::network);
+  Operation ours{.run = start}, theirs{.run = [&] { bare.purge(); }};
+  if (old) {
+    ours.prepare = [&] { addOldRows(events, network); };
+    theirs.prepare = [&] { addOldRows(bare.file(Store::event), bare.file(Store::network)); };
+  }
+  print(name, 1.1, compare(kBlocks, kOperations, ours, theirs));
+}
+
+void measureWith(const std::filesystem::path& place, const std::string& suffix,
+                 const platform::Platform& replacement) {
+  const WorkDirectory directory(place);
+  startLibrary(directory.path(), NoNetwork::Handshake::unanswered, replacement);
+  const BareStores bare(directory.path());
+  compareStartUps("start-up, nothing to purge" + suffix, bare, false);
+  compareStartUps("start-up, 16 rows to purge" + suffix, bare, true);
+}
+
+// What start-up does to the settings file: the session's new identifier, on disk.
+void measureSettings(const std::filesystem::path& place) {
+  const WorkDirectory directory(place);
+  startLibrary(directory.path(), NoNetwork::Handshake::unanswered);
+  const auto settings = platform::current()->userDefaults;
+  int number = 0;
+  const Spread time =
+      measure(kBlocks, kOperations, {.run = [&] {
+                settings->setText("Marbleway_SharedSessionID", std::to_string(++number));
+                settings->synchronize();
+              }});
+  print({.name = "writing the settings file, alone",
+         .ours = duration(time.median),
+         .note = duration(time.least).append(" to ").append(duration(time.most))});
+}
+
+}  // namespace
+
+void measureStartUp(const Places& places) {
+  inOwnProcess([&] { measureWith(places.disk, "", {}); });
+  inOwnProcess([&] { measureSettings(places.disk); });
+  inOwnProcess([&] {
+    platform::Platform forgetful;
+    forgetful.userDefaults = std::make_shared<platform::testing::MemoryDefaults>();
+    measureWith(places.disk, ", no settings file", forgetful);
+  });
+}
+
+}  // namespace marbleway::bench
