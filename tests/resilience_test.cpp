@@ -1,0 +1,384 @@
+#include <fcntl.h>
+#include <poll.h>
+#include <sqlite3.h>
+#include <sys/resource.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <atomic>
+#include <clocale>
+#include <condition_variable>
+#include <csignal>
+#include <cstdlib>
+#include <functional>
+#include <locale>
+#include <mutex>
+#include <set>
+#include <thread>
+
+#include "Marbleway/upload/batch.h"
+#include "platform/linux/http_client.h"
+#include "platform/linux/main_loop.h"
+#include "tests/support/fixture.h"
+#include "tests/support/loopback_server.h"
+
+namespace marbleway::testing {
+namespace {
+
+namespace fs = std::filesystem;
+using namespace std::chrono_literals;
+using ::testing::Contains;
+using ::testing::Each;
+using ::testing::ElementsAre;
+using ::testing::ExitedWithCode;
+using ::testing::HasSubstr;
+using ::testing::Not;
+using ::testing::SizeIs;
+using tests::LoopbackServer;
+using tests::Manner;
+using Clock = std::chrono::steady_clock;
+
+// Tells the threads that record from the one that uploads: a day lies between them.
+thread_local bool isTomorrow = false;
+
+class TwoDays : public platform::Clock {
+ public:
+  std::chrono::system_clock::time_point now() override {
+    return std::chrono::sys_days(std::chrono::year(2026) / 1 / (isTomorrow ? 3 : 2)) + 12h;
+  }
+};
+
+class ResilienceTest : public MarblewayTest {
+ protected:
+  ResilienceTest() { time->setWallClock(std::chrono::system_clock::now()); }  // what SQLite goes by
+
+  std::vector<std::string> eventNames() const {
+    return query(storePath(), "SELECT EventName FROM mrbw_v2_events ORDER BY id");
+  }
+  std::set<std::string> files() const {
+    std::set<std::string> names;
+    for (const auto& file : fs::directory_iterator(directory.path())) {
+      names.insert(file.path().filename());
+    }
+    return names;
+  }
+  void expectSoundStores() const {
+    for (const Store store : {Store::event, Store::network}) {
+      EXPECT_THAT(query(storePath(store), "PRAGMA integrity_check"), ElementsAre("ok"));
+    }
+    EXPECT_GE(rowCount(), 0);  // all tables are there
+    EXPECT_THAT(files(), Each(Not(HasSubstr("-new"))));
+  }
+  // How a child of this process ends that does `work` and leaves.
+  static int statusOfChild(const std::function<void()>& work) {
+    const pid_t child = fork();
+    if (child == 0) {
+      alarm(30);
+      work();
+      _exit(::testing::Test::HasFailure() ? 1 : 0);
+    }
+    int status = -1;
+    waitpid(child, &status, 0);
+    return status;
+  }
+};
+
+TEST_F(ResilienceTest, EightThreadsLoseNoRowWhileBatchesAreReadAndAcknowledged) {
+  constexpr int kThreads = 8, kRows = 200;
+  beginSession();
+  takeRows();
+  platform::Platform services;
+  services.clock = std::make_shared<TwoDays>();
+  platform::install(services);
+  const auto sentEvents = [&] {
+    const auto document = valueFromJSON(http->requests().back().body);
+    const auto* arrays = document->as<Dictionary>()->find("BatchData")->as<Dictionary>();
+    return static_cast<int>(arrays->find("Events")->as<Array>()->size());
+  };
+  Marbleway::trackEvent("today");
+
+  std::atomic<int> recording = kThreads;
+  std::vector<std::thread> threads;
+  for (int thread = 0; thread < kThreads; ++thread) {
+    threads.emplace_back([&, thread] {
+      isTomorrow = true;
+      for (int row = 0; row < kRows; ++row) {
+        Marbleway::trackEvent(std::to_string(thread * kRows + row));
+      }
+      --recording;
+    });
+  }
+  int seen = 0;
+  bool sawToday = false;
+  do {
+    batchData();
+    if (http->waiting() == 0) continue;
+    const int events = sentEvents();
+    const bool seesToday = http->requests().back().body.find("\"today\"") != std::string::npos;
+    EXPECT_GE(events, seen);  // no table is read as empty, or in part, because a writer is busy
+    seen = events - (seesToday ? 1 : 0);
+    sawToday = sawToday || seesToday;
+    answer(200);
+  } while (recording > 0);
+  for (std::thread& thread : threads) thread.join();
+
+  EXPECT_TRUE(sawToday);  // delivered, and gone
+  const auto names = eventNames();
+  EXPECT_THAT(names, SizeIs(kThreads * kRows));
+  EXPECT_THAT(std::set<std::string>(names.begin(), names.end()), SizeIs(kThreads * kRows));
+  EXPECT_THAT(names, Not(Contains("today")));
+  batchData();
+  EXPECT_EQ(sentEvents(), kThreads * kRows);
+}
+
+TEST_F(ResilienceTest, AFileThatIsHeldForHalfASecondCostsNoRow) {
+  beginSession();
+  std::mutex lock;
+  std::condition_variable changed;
+  bool isHeld = false;
+  std::thread holder([&] {
+    sqlite3* database = nullptr;
+    sqlite3_open(storePath().c_str(), &database);
+    sqlite3_busy_timeout(database, 10000);
+    EXPECT_EQ(sqlite3_exec(database, "BEGIN EXCLUSIVE", nullptr, nullptr, nullptr), SQLITE_OK);
+    std::unique_lock held(lock);
+    isHeld = true;
+    changed.notify_all();
+    changed.wait_for(held, 500ms, [] { return false; });
+    sqlite3_close(database);
+  });
+  std::unique_lock held(lock);
+  changed.wait(held, [&] { return isHeld; });
+  held.unlock();
+  const auto start = Clock::now();
+  Marbleway::trackEvent("waited for");
+  EXPECT_GE(Clock::now() - start, 300ms);  // the holder may have begun to wait a little before
+  holder.join();
+  EXPECT_THAT(eventNames(), ElementsAre("waited for"));
+}
+
+constexpr std::size_t kMostRows = 2000;
+
+// A first start-up and some rows, told to `told` one by one as each call returns.
+[[noreturn]] void startAndRecord(int told) {
+  Marbleway::initMarbleway("token");
+  for (std::size_t row = 0; row < kMostRows; ++row) {
+    Marbleway::trackEvent(std::to_string(row));
+    (void)!write(told, "", 1);
+  }
+  _exit(0);
+}
+
+// Takes bytes out of `pipe` until there are `most`, its end has come, or the time is over.
+std::size_t bytesFrom(int pipe, std::size_t most, std::chrono::nanoseconds atMost) {
+  const auto deadline = Clock::now() + atMost;
+  std::vector<char> bytes(most);
+  std::size_t count = 0;
+  while (count < most) {
+    const std::chrono::nanoseconds left = std::max(0ns, deadline - Clock::now());
+    const timespec patience{.tv_sec = left / 1s, .tv_nsec = (left % 1s).count()};
+    pollfd wait{.fd = pipe, .events = POLLIN, .revents = 0};
+    if (ppoll(&wait, 1, &patience, nullptr) <= 0) break;
+    const ssize_t got = read(pipe, bytes.data(), most - count);
+    if (got <= 0) break;
+    count += static_cast<std::size_t>(got);
+  }
+  return count;
+}
+
+TEST_F(ResilienceTest, AKilledProcessLeavesEveryRowWhoseCallHadReturned) {
+  constexpr std::array<std::chrono::microseconds, 8> kInstants{0us, 200us, 700us, 2ms,
+                                                               4ms, 8ms,   16ms,  40ms};
+  for (const std::size_t rows : {0U, 1U, 10U}) {  // 0: in the midst of the first start
+    for (const auto instant : kInstants) {
+      SCOPED_TRACE(std::to_string(instant.count()) + " us after row " + std::to_string(rows));
+      for (const auto& name : files()) fs::remove(directory.path() / name);
+      std::array<int, 2> pipe{};
+      ASSERT_EQ(pipe2(pipe.data(), O_CLOEXEC), 0);
+      const pid_t child = fork();
+      if (child == 0) startAndRecord(pipe[1]);
+      close(pipe[1]);
+      std::size_t returned = bytesFrom(pipe[0], rows, 30s);
+      EXPECT_EQ(returned, rows);
+      returned += bytesFrom(pipe[0], kMostRows, instant);
+      kill(child, SIGKILL);
+      waitpid(child, nullptr, 0);
+      returned += bytesFrom(pipe[0], kMostRows, 30s);
+      close(pipe[0]);
+
+      Marbleway::initMarbleway("token");
+      expectSoundStores();
+      const auto names = eventNames();
+      EXPECT_GE(names.size(), returned);
+      EXPECT_LE(names.size(), returned + 1);
+      for (std::size_t i = 0; i < names.size(); ++i) EXPECT_EQ(names[i], std::to_string(i));
+      Marbleway::trackEvent("after");
+      EXPECT_THAT(eventNames(), Contains("after"));
+    }
+  }
+}
+
+// Leaves `left` of a resource to this process while it lives; of descriptors, those that are open
+// and `left` more.
+class Shortage {
+ public:
+  Shortage(__rlimit_resource resource, rlim_t left) : resource_(resource) {
+    getrlimit(resource, &before_);
+    rlimit less = before_;
+    const int lowestFree = dup(STDERR_FILENO);
+    close(lowestFree);
+    less.rlim_cur = left + (resource == RLIMIT_NOFILE ? static_cast<rlim_t>(lowestFree) : 0);
+    setrlimit(resource, &less);
+  }
+  Shortage(const Shortage&) = delete;
+  Shortage& operator=(const Shortage&) = delete;
+  ~Shortage() { setrlimit(resource_, &before_); }
+
+ private:
+  __rlimit_resource resource_;
+  rlimit before_{};
+};
+
+TEST_F(ResilienceTest, WithoutRoomOrDescriptorsTheHostRunsOnAndRecordsOnceThereAreSome) {
+  const auto useUpWhatThereIs = [] {
+    Marbleway::initMarbleway("token");
+    for (int row = 0; row < 20; ++row) Marbleway::trackEvent(std::string(2000, 'x'));
+    batchData();
+  };
+  for (const auto& [resource, left] :
+       {std::pair(RLIMIT_FSIZE, 0U), std::pair(RLIMIT_FSIZE, 5000U),
+        std::pair(RLIMIT_FSIZE, 80000U), std::pair(RLIMIT_NOFILE, 0U), std::pair(RLIMIT_NOFILE, 1U),
+        std::pair(RLIMIT_NOFILE, 2U)}) {
+    for (const bool isFirstStart : {true, false}) {
+      SCOPED_TRACE(std::to_string(left) + (resource == RLIMIT_FSIZE ? " bytes" : " descriptors") +
+                   (isFirstStart ? " at the first start" : " later"));
+      for (const auto& file : files()) fs::remove(directory.path() / file);
+      const int status = statusOfChild([&, resource = resource, left = left] {
+        if (!isFirstStart) Marbleway::initMarbleway("token");
+        {
+          const Shortage shortage(resource, left);
+          useUpWhatThereIs();
+        }
+        lines();
+        Marbleway::initMarbleway("token");
+        Marbleway::trackEvent("after");
+        EXPECT_THAT(lines(), ElementsAre("Marbleway Message: Starting Marbleway SDK",
+                                         "Marbleway Message: Event Tracked"));
+        expectSoundStores();
+        EXPECT_EQ(eventNames().back(), "after");
+      });
+      EXPECT_EQ(status, 0);
+    }
+  }
+}
+
+// A comma for the decimal point, points between thousands.
+struct Foreign : std::numpunct<char> {
+  Foreign() : numpunct(1) {}  // no locale destroys it
+  char do_decimal_point() const override { return ','; }
+  char do_thousands_sep() const override { return '.'; }
+  std::string do_grouping() const override { return "\3"; }
+};
+
+TEST_F(ResilienceTest, AnotherLocaleAndAnotherDirectoryChangeNothing) {
+  const int status = statusOfChild([&] {
+    fs::current_path(directory.path());
+    configure({.documentsDirectory = "data/here",
+               .bundleIdentifier = "org.example.app",
+               .appVersion = "1.0"});
+    setenv("LC_ALL", "xx_YY.UTF-8", 1);  // one that the system does not have
+    (void)std::setlocale(LC_ALL, "de_DE.UTF-8");
+    static Foreign foreign;
+    std::locale::global(std::locale(std::locale(), &foreign));
+    beginSession();
+    fs::current_path("/");
+    time->setWallClock(std::chrono::sys_days(std::chrono::year(2026) / 1 / 2) + 5ms);
+    Marbleway::trackEvent("e", {{"Value", 1234567.5}, {"value", "12.5"}});
+    const auto rows = query(directory.path() / "data/here" / DBFileName,
+                            "SELECT EventAttributes, UTCTimeStamp FROM mrbw_v2_events");
+    EXPECT_THAT(rows, ElementsAre(R"({"Value":1234567.5,"value":"12.5"})"
+                                  "|2026-01-02 00:00:00.005"));
+    query(directory.path() / "data/here" / DBFileName, "UPDATE mrbw_v2_events SET id = 1234567");
+    batchData();
+    EXPECT_THAT(http->requests().back().body, HasSubstr(R"("id":"1234567")"));
+  });
+  EXPECT_EQ(status, 0);
+}
+
+// The library on the real network, its first request under way to a server that never answers.
+void startWithoutAnAnswer(LoopbackServer& server, const fs::path& documents) {
+  server.answerWith([](const tests::Received&) { return tests::Answer{.manner = Manner::never}; });
+  configure({.documentsDirectory = documents,
+             .developmentURL = server.url(),
+             .bundleIdentifier = "org.example.app",
+             .appVersion = "1.0"});
+  platform::Platform services;
+  services.mainLoop = platform::makeAsioLoop();
+  services.httpClient = platform::makeCurlClient();
+  platform::install(services);
+  Marbleway::initMarbleway("token", {{"SDKEnvironment", 1}, {"DispatchTime", 30}});
+  EXPECT_THAT(server.waitForRequests(1), SizeIs(1));
+}
+
+class ResilienceDeathTest : public ResilienceTest {
+ protected:
+  void SetUp() override {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    setenv("ASAN_OPTIONS", "detect_leaks=0", 1);  // the end comes with work under way
+    setenv("TSAN_OPTIONS", "die_after_fork=0:atexit_sleep_ms=0", 1);
+  }
+  void TearDown() override {
+    unsetenv("ASAN_OPTIONS");
+    unsetenv("TSAN_OPTIONS");
+  }
+};
+
+Clock::time_point latestExit;
+
+TEST_F(ResilienceDeathTest, TheProcessEndsAtOnceWithARequestInFlight) {
+  const auto run = [this] {
+    alarm(30);
+    (void)std::atexit([] {  // runs after the library's own handlers
+      if (Clock::now() > latestExit) _exit(1);
+    });
+    LoopbackServer server;
+    startWithoutAnAnswer(server, directory.path());
+    isConnectedToInternet = true;
+    Marbleway::trackEvent("e");
+    batchData();
+    server.waitForRequests(2);
+    latestExit = Clock::now() + 1s;  // 100 ms, and what a sanitizer and a busy machine add
+    std::exit(::testing::Test::HasFailure() ? 1 : 0);
+  };
+  for (int i = 0; i < 5; ++i) EXPECT_EXIT(run(), ExitedWithCode(0), "");
+}
+
+TEST_F(ResilienceDeathTest, AChildOfAForkRecordsAndNeitherHangsNorSends) {
+  const auto run = [this] {
+    alarm(30);
+    LoopbackServer server;
+    startWithoutAnAnswer(server, directory.path());
+    isConnectedToInternet = true;
+    for (int i = 0; i < 5; ++i) {
+      const int status = statusOfChild([] {
+        EXPECT_TRUE(waitUntilIdle(0ms));
+        Marbleway::trackEvent("child's");
+        batchData();
+        Marbleway::stopSession();
+        EXPECT_TRUE(waitUntilIdle(0ms));
+      });
+      EXPECT_EQ(status, 0);
+    }
+    EXPECT_FALSE(waitUntilIdle(0ms));
+    EXPECT_THAT(eventNames(), SizeIs(5));
+    batchData();  // the parent goes on
+    EXPECT_THAT(server.waitForRequests(2), SizeIs(2));
+    _exit(::testing::Test::HasFailure() ? 1 : 0);
+  };
+  EXPECT_EXIT(run(), ExitedWithCode(0), "");
+}
+
+}  // namespace
+}  // namespace marbleway::testing
