@@ -8,6 +8,8 @@
 #include <array>
 #include <cerrno>
 
+#include "platform/write_guard.h"
+
 namespace marbleway::platform {
 namespace {
 
@@ -79,6 +81,7 @@ FileContent readFile(const std::filesystem::path& file) {
 }
 
 bool replaceFile(const std::filesystem::path& file, std::string_view bytes) {
+  const WriteGuard guard;
   // Always the same name: what a killed process leaves there, the next writing takes away.
   const std::filesystem::path name = std::filesystem::path(file) += ".new";
   const Descriptor temporary(
