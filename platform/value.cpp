@@ -33,7 +33,7 @@ bool areEqual(const T& left, const T& right) {
   while (!open.empty()) {
     const auto [one, other] = open.back();
     open.pop_back();
-    if (const Array* array = one->as<Array>(); array != nullptr && other->as<Array>() != nullptr) {
+    if (const auto* array = one->as<Array>(); array != nullptr && other->as<Array>() != nullptr) {
       if (!matches(*array, *other->as<Array>(), open)) return false;
     } else if (const auto* dictionary = one->as<Dictionary>();
                dictionary != nullptr && other->as<Dictionary>() != nullptr) {
