@@ -18,17 +18,17 @@ namespace marbleway::platform {
 
 /// The services that the library asks of its surroundings, one pointer each.
 struct Platform {
-  std::shared_ptr<Console> console;
-  std::shared_ptr<Clock> clock;
-  std::shared_ptr<MainLoop> mainLoop;
-  std::shared_ptr<HttpClient> httpClient;
-  std::shared_ptr<UserDefaults> userDefaults;
-  std::shared_ptr<Device> device;
-  std::shared_ptr<StatusBar> statusBar;
-  std::shared_ptr<UserInterface> userInterface;
-  std::shared_ptr<LocationService> locationService;
-  std::shared_ptr<NetworkCapture> networkCapture;
-  std::shared_ptr<CrashHook> crashHook;
+  std::shared_ptr<Console> console{};
+  std::shared_ptr<Clock> clock{};
+  std::shared_ptr<MainLoop> mainLoop{};
+  std::shared_ptr<HttpClient> httpClient{};
+  std::shared_ptr<UserDefaults> userDefaults{};
+  std::shared_ptr<Device> device{};
+  std::shared_ptr<StatusBar> statusBar{};
+  std::shared_ptr<UserInterface> userInterface{};
+  std::shared_ptr<LocationService> locationService{};
+  std::shared_ptr<NetworkCapture> networkCapture{};
+  std::shared_ptr<CrashHook> crashHook{};
 };
 
 /// Replaces the services that `replacement` holds and leaves the others. Call before
