@@ -10,8 +10,13 @@ install(TARGETS marbleway EXPORT MarblewayTargets
   LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
   ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR})
 install(FILES Marbleway/Marbleway.h Marbleway/Host.h DESTINATION ${include_root}/Marbleway)
-install(DIRECTORY platform/ DESTINATION ${include_root}/platform
-  FILES_MATCHING PATTERN "*.h" PATTERN "linux" EXCLUDE)
+install(FILES
+  platform/buffer.h platform/clock.h platform/console.h platform/device.h platform/hooks.h
+  platform/http.h platform/location.h platform/main_loop.h platform/manual_loop.h
+  platform/platform.h platform/status_bar.h platform/user_defaults.h platform/user_interface.h
+  platform/value.h
+  DESTINATION ${include_root}/platform)
+install(DIRECTORY platform/testing DESTINATION ${include_root}/platform)
 
 set_target_properties(marbleway PROPERTIES EXPORT_NAME Marbleway)
 install(EXPORT MarblewayTargets NAMESPACE Marbleway:: DESTINATION ${package_dir})
@@ -23,6 +28,9 @@ install(FILES
   ${CMAKE_CURRENT_BINARY_DIR}/MarblewayConfigVersion.cmake
   DESTINATION ${package_dir})
 
+# Found from where the file stands, so that an installed tree can be moved.
+file(RELATIVE_PATH MARBLEWAY_PC_PREFIX
+  ${CMAKE_INSTALL_FULL_LIBDIR}/pkgconfig ${CMAKE_INSTALL_PREFIX})
 # A static library's user links what it is made with; the shared one's does not.
 if(BUILD_SHARED_LIBS)
   set(MARBLEWAY_PC_REQUIRES Requires.private)
