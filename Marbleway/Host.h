@@ -18,7 +18,7 @@ struct Configuration {
   /// Holds both stores and the settings; made, mode 0700, when missing. A relative one counts from
   /// the working directory of the call. Empty: $XDG_DATA_HOME or ~/.local/share, then
   /// "marbleway"/bundleIdentifier.
-  std::filesystem::path documentsDirectory;
+  std::filesystem::path documentsDirectory{};
   std::string developmentURL = "http://127.0.0.1:8080/v2/";
   std::string testURL = "https://test.marbleway.invalid/v2/";
   std::string productionURL = "https://collect.marbleway.invalid/v2/";

@@ -189,11 +189,11 @@ class [[gnu::visibility("default")]] Dictionary {
 
 /// An exception that the application caught; what is absent is left out of the error's details.
 struct ErrorReport {
-  std::optional<std::string> name;
-  std::optional<std::string> reason;
-  std::optional<std::vector<std::uintptr_t>> callStackReturnAddresses;
-  std::optional<std::vector<std::string>> callStackSymbols;
-  std::optional<Dictionary> userInfo;
+  std::optional<std::string> name{};
+  std::optional<std::string> reason{};
+  std::optional<std::vector<std::uintptr_t>> callStackReturnAddresses{};
+  std::optional<std::vector<std::string>> callStackSymbols{};
+  std::optional<Dictionary> userInfo{};
 };
 
 /// Reads a JSON text; absent when it is not one, or nests deeper than 512 levels.
