@@ -22,8 +22,8 @@ struct Configuration {
   std::string developmentURL = "http://127.0.0.1:8080/v2/";
   std::string testURL = "https://test.marbleway.invalid/v2/";
   std::string productionURL = "https://collect.marbleway.invalid/v2/";
-  std::string bundleIdentifier;          // empty: the executable's file name
-  std::string appVersion;                // empty: "1.0"
+  std::string bundleIdentifier{};        // empty: the executable's file name
+  std::string appVersion{};              // empty: "1.0"
   std::array<Coordinate, 3> sites = {};  // centres A, B and C of the fixed regions
 };
 
