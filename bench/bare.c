@@ -1,6 +1,7 @@
 #include "bench/bare.h"
 
 #include <sqlite3.h>
+#include <stddef.h>
 
 int bareRun(const char* file, const char* sql, const char* const* texts, int count) {
   sqlite3* connection = NULL;
@@ -17,10 +18,10 @@ int bareRun(const char* file, const char* sql, const char* const* texts, int cou
   return result == SQLITE_DONE;
 }
 
-size_t bareRead(const char* file, const char* sql) {
+long bareRead(const char* file, const char* sql) {
   sqlite3* connection = NULL;
   sqlite3_stmt* statement = NULL;
-  size_t rows = 0;
+  long rows = 0;
   if (sqlite3_open(file, &connection) == SQLITE_OK &&
       sqlite3_prepare_v2(connection, sql, -1, &statement, NULL) == SQLITE_OK) {
     const int columns = sqlite3_column_count(statement);

@@ -1,7 +1,5 @@
 #pragma once
 
-#include <stddef.h>
-
 /* What a plain C program does with SQLite: every call opens its file with SQLite's default
    settings, prepares one statement, steps it to its end and closes the file. Nothing of the library
    takes part. */
@@ -16,7 +14,7 @@ int bareRun(const char* file, const char* sql, const char* const* texts, int cou
 
 /* Reads each column of each row that `sql` selects from `file`, the first one as an integer. The
  * number of rows. */
-size_t bareRead(const char* file, const char* sql);
+long bareRead(const char* file, const char* sql);
 
 #ifdef __cplusplus
 }

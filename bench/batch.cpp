@@ -45,7 +45,7 @@ Comparison timesOfBatch(const std::filesystem::path& directory, int rows, int bl
     addEvents(pathOf(Store::event), rows);
     addEvents(bare.file(Store::event), rows);
     const auto result = compare(blocks, 1, {.run = batchData}, {.run = [&] {
-                                  if (bare.readAll() != static_cast<std::size_t>(rows)) {
+                                  if (bare.readAll() != rows) {
                                     throw std::runtime_error("rows are missing");
                                   }
                                 }});

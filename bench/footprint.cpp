@@ -1,11 +1,11 @@
 #include <curl/curl.h>
-#include <signal.h>
 #include <sqlite3.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <array>
 #include <chrono>
+#include <csignal>
 #include <stdexcept>
 #include <thread>
 #include <utility>

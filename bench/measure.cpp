@@ -25,8 +25,8 @@ double timed(const Operation& operation) {
 
 double medianOfBlock(int operations, const Operation& operation) {
   for (int i = 0; i < std::max(1, operations / 10); ++i) timed(operation);
-  std::vector<double> times;
-  for (int i = 0; i < operations; ++i) times.push_back(timed(operation));
+  std::vector<double> times(static_cast<std::size_t>(operations));
+  for (double& time : times) time = timed(operation);
   return spreadOf(std::move(times)).median;
 }
 
@@ -49,17 +49,17 @@ Spread spreadOf(std::vector<double> numbers) {
 }
 
 Comparison compare(int blocks, int operations, const Operation& ours, const Operation& bare) {
-  std::vector<double> oursOfBlocks, bareOfBlocks;
-  for (int i = 0; i < blocks; ++i) {
-    oursOfBlocks.push_back(medianOfBlock(operations, ours));
-    bareOfBlocks.push_back(medianOfBlock(operations, bare));
+  std::vector<double> oursOfBlocks(static_cast<std::size_t>(blocks)), bareOfBlocks(oursOfBlocks);
+  for (std::size_t i = 0; i < oursOfBlocks.size(); ++i) {
+    oursOfBlocks[i] = medianOfBlock(operations, ours);
+    bareOfBlocks[i] = medianOfBlock(operations, bare);
   }
   return {spreadOf(std::move(oursOfBlocks)), spreadOf(std::move(bareOfBlocks))};
 }
 
 Spread measure(int blocks, int operations, const Operation& operation) {
-  std::vector<double> ofBlocks;
-  for (int i = 0; i < blocks; ++i) ofBlocks.push_back(medianOfBlock(operations, operation));
+  std::vector<double> ofBlocks(static_cast<std::size_t>(blocks));
+  for (double& median : ofBlocks) median = medianOfBlock(operations, operation);
   return spreadOf(std::move(ofBlocks));
 }
 

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <filesystem>
 #include <functional>
 #include <string>
@@ -36,10 +37,10 @@ Spread measure(int blocks, int operations, const Operation& operation);
 /// One line of the table. `met` is left open by a line that has no goal.
 struct Figure {
   std::string name;
-  std::string goal = "";
-  std::string ours, bare = "", ratio = "";
+  std::string goal = {};
+  std::string ours, bare = {}, ratio = {};
   enum class Met { none, yes, no } met = Met::none;
-  std::string note = "";
+  std::string note = {};
 };
 void printHead();
 void print(const Figure& figure);
@@ -67,6 +68,9 @@ struct Threads {
   double count = 0, switches = 0;
 };
 Threads threads();
+
+/// How many allocations the program has made so far, by any form of new.
+std::size_t allocations();
 
 /// A new directory under another one, gone with this object.
 class WorkDirectory {

@@ -52,8 +52,8 @@ std::string BareStores::file(Store store) const {
   return directory_ / (store == Store::event ? "bare-events.sqlite" : "bare-network.sqlite");
 }
 
-std::size_t BareStores::readAll() const {
-  std::size_t rows = 0;
+long BareStores::readAll() const {
+  long rows = 0;
   for (const Table& table : kTables) {
     const std::string sql = std::string("SELECT * FROM ").append(table.name);
     rows += bareRead(file(table.store).c_str(), sql.c_str());

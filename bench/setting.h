@@ -53,7 +53,7 @@ class BareStores {
 
   std::string file(Store store) const;
   /// The sixteen readings; the number of rows.
-  std::size_t readAll() const;
+  long readAll() const;
   /// The sixteen deletions of start-up.
   void purge() const;
 
