@@ -101,6 +101,7 @@ TEST_F(ResilienceTest, EightThreadsLoseNoRowWhileBatchesAreReadAndAcknowledged) 
 
   std::atomic<int> recording = kThreads;
   std::vector<std::thread> threads;
+  threads.reserve(kThreads);
   for (int thread = 0; thread < kThreads; ++thread) {
     threads.emplace_back([&, thread] {
       isTomorrow = true;
