@@ -7,7 +7,7 @@
 namespace marbleway {
 
 /// The lock behind every `Guarded` value. Held for a copy or an assignment, never across a call.
-/// One for all, so that a fork can hold it still (see platform/hooks.h).
+/// One for all, so that a fork can hold it still (see platform/fork.h).
 inline constinit std::mutex guardedLock;
 
 /// Room for a process-wide object that is never torn down: threads may touch it at exit.
