@@ -38,7 +38,7 @@ void Pending::forget() noexcept { std::construct_at(&count()); }
 bool waitUntilIdle(std::chrono::milliseconds atMost) noexcept {
   constexpr std::chrono::milliseconds kLongest = std::chrono::hours(24 * 365);
   std::unique_lock lock(count().lock);
-  return count().isZero.wait_for(lock, std::min(atMost, kLongest),
+  return count().isZero.wait_for(lock, std::clamp(atMost, std::chrono::milliseconds(0), kLongest),
                                  [] { return count().value == 0; });
 }
 
