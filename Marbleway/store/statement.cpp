@@ -18,6 +18,7 @@ using std::chrono::steady_clock;
 constexpr std::chrono::seconds kLongestWait{2};
 
 constinit std::atomic<int> openFiles{0};
+constinit std::atomic<int> waitingFiles{0};  // open ones that have had to wait
 constinit std::atomic<bool> areAbandoned{false};
 
 }  // namespace
@@ -33,6 +34,8 @@ void abandonBusyStores() noexcept {
 StoreFile::StoreFile(const std::filesystem::path& path, Missing missing) {
   ++openFiles;
   if (areAbandoned) return;
+  // Who waits looks once in a millisecond; a thread that closes and opens would always be first.
+  if (waitingFiles > 0) sqlite3_sleep(1);
   // One thread uses the connection, so it needs no lock of its own.
   const int flags = SQLITE_OPEN_READWRITE | SQLITE_OPEN_NOMUTEX |
                     (missing == Missing::isMade ? SQLITE_OPEN_CREATE : 0);
@@ -45,6 +48,7 @@ StoreFile::StoreFile(const std::filesystem::path& path, Missing missing) {
 
 StoreFile::~StoreFile() {
   sqlite3_close(connection_);
+  if (waited_ > waited_.zero()) --waitingFiles;
   --openFiles;
 }
 
@@ -52,6 +56,7 @@ StoreFile::~StoreFile() {
 int StoreFile::nap(void* file, int /*naps*/) {
   auto& self = *static_cast<StoreFile*>(file);
   if (self.waited_ >= kLongestWait) return 0;
+  if (self.waited_ == self.waited_.zero()) ++waitingFiles;
   const auto start = steady_clock::now();
   sqlite3_sleep(1);
   self.waited_ += steady_clock::now() - start;
