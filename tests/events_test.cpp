@@ -43,7 +43,7 @@ TEST_F(EventsTest, NamesAreRecordedUncheckedAndWithoutAttributesAsNULL) {
 TEST_F(EventsTest, AValueThatIsNoNumberDrawsALineAndIsRecordedAllTheSame) {
   // clang-format off
   const Value numbers[] = {5, -2.5, std::nan(""), "5", "-5", "+5", "007", "1234", ".5", "5.", "1,234.5", "12,345,678", "0,000", "1e5", "1.5E-3", "-1,000.25e+2"};
-  const Value others[] = {"abc", "", "5 kg", " 5", "5 ", "--5", "-", ".", "1.2.3", "1,23", "1,2345", "1234,567", ",500", "1,", "1.5,000", "e5", "1e", "1e+", "0x10", "inf", "nan", "5\xFF", true, nullptr, Array{5}, Dictionary{{"Value", 5}}};
+  const Value others[] = {"abc", "", "5 kg", " 5", "5 ", "--5", "-", ".", "1.2.3", "1,23", "1,2345", "1234,567", ",500.5", "1,", "1.5,000", "e5", "1e", "1e+", "0x10", "inf", "nan", "5\xFF", true, nullptr, Array{5}, Dictionary{{"Value", 5}}};
   // clang-format on
   const auto text = [](const Value& value) { return toJSON(value).value_or("not finite"); };
   const std::string error = "Marbleway Error: Not a Valid Number";

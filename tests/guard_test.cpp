@@ -142,14 +142,15 @@ TEST_F(GuardTest, NoOperationLetsAnExceptionOut) {
   struct FailingConsole : platform::Console {
     void writeLine(std::string_view) override { throw std::runtime_error("no console"); }
   };
-  platform::Platform replacement;
-  replacement.console = std::make_shared<FailingConsole>();
-  platform::install(replacement);
+  platform::install({.console = std::make_shared<FailingConsole>()});
   for (const Operation& operation : kOperations) {
     SCOPED_TRACE(operation.name);
     operation.call();
     EXPECT_THAT(outcome(), SizeIs(1));
   }
+  for (const auto& call : kCallsThatKeepNoSessionAlive) call();
+  Marbleway::unlinkCompany();
+  Marbleway::unlinkUser();
 }
 
 TEST_F(GuardTest, OfTheRefusedCallsOnlyThoseOfAdsAndErrorsKeepTheSessionAlive) {

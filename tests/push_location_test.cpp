@@ -87,10 +87,7 @@ TEST_F(PushTest, NothingRefusesAMessageWhichIsARowThenALineThenTheBadgeThenTheLi
   isPrivacyMode = true;
   const auto witness = std::make_shared<Witness>();
   witness->countRows = [this] { return rows("mrbw_v2_messages").size(); };
-  platform::Platform replacement;
-  replacement.userInterface = witness;
-  replacement.console = witness;
-  platform::install(replacement);
+  platform::install({.console = witness, .userInterface = witness});
   Marbleway::trackPushNotification({{"aps", Dictionary{{"mrbw_data", true},
                                                        {"mrbw_messageID", "m"},
                                                        {"mrbw_messageAction", "LaunchDeepLink"},

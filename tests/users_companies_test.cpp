@@ -68,7 +68,9 @@ TEST_F(UsersTest, UnlinkingForgetsTheUserAndEndsTheSessionWhateverTheState) {
   outcome();
   isSDKValid = isTrackingEnabled = false;
   isPrivacyMode = true;
+  const int synchronizations = defaults->synchronizations();
   Marbleway::unlinkUser();
+  EXPECT_EQ(defaults->synchronizations() - synchronizations, 2);  // the user's and the session's
   EXPECT_THAT(defaults->content(), IsEmpty());
   EXPECT_FALSE(isValidSession);
   EXPECT_EQ(sessionID.load(), std::nullopt);
@@ -87,7 +89,7 @@ const std::vector<Text> kAddresses{"a@b.org", "A.b_c%d+e-f@x-y.example.travel", 
 const std::vector<Text> kNoAddresses{"a@b", "a@b.c", "@b.org", "a b@c.org", "to a@b.org", "a@b.org\n", "a@b_c.org", "a@b.o1g", "a@\xFF.org"};
 const std::vector<Text> kWebAddresses{
     "http://example.org", "https://a-b_c.example.org/x/y_z/", "http://host/",
-    "http://a|b",  // "|" is one of the pattern's own characters
+    "http://a|b", "http://a|b-c/",  // "|" is one of the pattern's own characters, before the first point and after it
 };
 const std::vector<Text> kNoWebAddresses{
     "http://a.b-c.org",  // hyphens and letters mix before the first point or slash only
