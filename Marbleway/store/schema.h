@@ -51,7 +51,7 @@ struct Table {
 
   consteval Table(Store in, std::string_view key, std::string BatchTimes::*time, const char* sql,
                   Renaming renaming = {})
-      : store(in), arrayKey(key), cutOff(time), create(sql), name(), columns(), keys() {
+      : store(in), arrayKey(key), cutOff(time), create(sql) {
     std::string_view rest(sql);
     name = nextQuoted(rest);
     if (nextQuoted(rest) != "id") throw "the first column of a table is its id";
