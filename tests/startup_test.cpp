@@ -100,6 +100,7 @@ TEST_F(StartUpTest, ReplacesSecondsBelowTheLeastAndSaysSo) {
       {"SessionTimeout", 59, 300, true},  // what one left out is, not the least
       {"SessionTimeout", 60, 60, false},
       {"SessionTimeout", "1e3", 1000, false},
+      {"SessionTimeout", "+-90", 300, true},
   };
   for (const auto& [key, value, expected, warns] : cases) {
     SCOPED_TRACE(std::string(key) + " " + toJSON(value).value_or("not finite"));

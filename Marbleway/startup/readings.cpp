@@ -1,5 +1,6 @@
 #include "Marbleway/startup/readings.h"
 
+#include <algorithm>
 #include <charconv>
 #include <cmath>
 #include <limits>
@@ -24,10 +25,10 @@ bool isTrueText(std::string_view text) {
 
 double leadingNumber(std::string_view text) {
   text = withoutBlanks(text);
-  if (text.starts_with('+')) text.remove_prefix(1);
-  const std::size_t first = text.starts_with('-') ? 1 : 0;
+  const std::size_t first = text.starts_with('+') || text.starts_with('-') ? 1 : 0;
   // The words for infinity and for what is no number are not numbers here.
   if (text.substr(first).find_first_of("0123456789.") != 0) return 0;
+  if (text.starts_with('+')) text.remove_prefix(1);  // `from_chars` takes none
   double number = 0;
   std::from_chars(text.data(), text.data() + text.size(), number);
   return number;
