@@ -217,7 +217,7 @@ TEST_F(StartUpTest, ConfigureTakesOnlyServersAndNamesTheOneItRefuses) {
     }
     for (const char* refused :
          {"", "a/v2/", "ftp://a/v2/", "http://a", "http://a/v2", "http://a/v3/", "http:///v2/",
-          "http://:80/v2/", "http://a/?x=/v2/", "http://a/#/v2/", "http://a b/v2/",
+          "http://:80/v2/", "http://u@/v2/", "http://a/?x=/v2/", "http://a/#/v2/", "http://a b/v2/",
           "http://a\r\nX: y/v2/", "http://a\\v2/", "http://\xC3\xA9/v2/"}) {
       SCOPED_TRACE(refused);
       Configuration configuration;

@@ -7,7 +7,7 @@
 #include <utility>
 
 #include "platform/guarded.h"
-#include "platform/linux/paths.h"
+#include "platform/paths.h"
 #include "platform/platform.h"
 
 namespace marbleway {
@@ -20,9 +20,11 @@ bool isServerURL(std::string_view url) {
   const bool isPlain = std::all_of(url.begin(), url.end(), [](char c) {
     return c > ' ' && c < 0x7F && c != '?' && c != '#' && c != '\\';
   });
-  const std::size_t path = url.find('/', scheme);
-  return scheme > 0 && isPlain && path != std::string_view::npos && path > scheme &&
-         url[scheme] != ':' && url.substr(path).ends_with("/v2/");
+  const std::size_t path = std::min(url.find('/', scheme), url.size());
+  const std::string_view authority = url.substr(scheme, path - scheme);
+  const std::string_view host = authority.substr(authority.rfind('@') + 1);  // all, without a '@'
+  return scheme > 0 && isPlain && !host.empty() && host[0] != ':' &&
+         url.substr(path).ends_with("/v2/");
 }
 
 void check(const char* member, const std::string& url) {
