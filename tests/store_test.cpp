@@ -1,0 +1,310 @@
+#include "Marbleway/store/store.h"
+
+#include <sqlite3.h>
+#include <sys/stat.h>
+
+#include <array>
+#include <fstream>
+#include <functional>
+#include <thread>
+
+#include "Marbleway/store/timestamp.h"
+#include "tests/support/fixture.h"
+
+namespace marbleway::testing {
+namespace {
+
+namespace fs = std::filesystem;
+using namespace std::chrono_literals;
+using ::testing::Contains;
+using ::testing::Each;
+using ::testing::ElementsAre;
+using ::testing::HasSubstr;
+using ::testing::IsEmpty;
+using ::testing::Not;
+using ::testing::SizeIs;
+using ::testing::UnorderedElementsAre;
+
+class StoreTest : public MarblewayTest {
+ protected:
+  std::vector<std::string> files() const {
+    std::vector<std::string> names;
+    for (const auto& file : fs::directory_iterator(directory.path())) {
+      names.push_back(file.path().filename());
+    }
+    return names;
+  }
+  static void insertCompany(const Text& name) {
+    insertRow(
+        "insert into mrbw_v2_companies (id, SessionID, CompanyName, UTCTimeStamp) VALUES (?, ?, ?, ?)",
+        {"S", name, "2026-01-02 00:00:00.000"});
+  }
+};
+
+TEST_F(StoreTest, TheFirstStartUpMakesSixteenTables) {
+  initMarblewayDB();
+  initMarblewayHTTPDB();
+  // clang-format off
+  const std::pair<std::string, std::string> tables[] = {
+      {"mrbw_v2_sessions", "SessionID,AdvertisingID,ProjectToken,BundleID,PlatformDeviceID,Manufacturer,Model,OS,OSVersion,AppVersion,Carrier,ConnectionType,TimeZone,PrivacyMode,SDKVersion"},
+      {"mrbw_v2_users", "SessionID,UserID,TypeID"},
+      {"mrbw_v2_user_attributes", "SessionID,AttributeKey,AttributeValue,AttributeType"},
+      {"mrbw_v2_companies", "SessionID,CompanyName"},
+      {"mrbw_v2_company_attributes", "SessionID,AttributeKey,AttributeValue,AttributeType"},
+      {"mrbw_v2_events", "SessionID,EventName,EventAttributes"},
+      {"mrbw_v2_screen_views", "SessionID,ScreenName,ScreenAttributes"},
+      {"mrbw_v2_crashes", "SessionID,CrashDetails,StackTrace"},
+      {"mrbw_v2_errors", "SessionID,ErrorName,ErrorMessage,ErrorDetails"},
+      {"mrbw_v2_cpu_usage", "SessionID,CPUUsed,CPUUnused"},
+      {"mrbw_v2_memory_usage", "SessionID,MEMUsed,MEMUnused"},
+      {"mrbw_v2_battery_usage", "SessionID,BatteryUsed,BatteryUnused"},
+      {"mrbw_v2_ads", "SessionID,AdType,AdDetails,InteractionType,ConversionDetails"},
+      {"mrbw_v2_messages", "MessageID,UserID,PlatformDeviceID,OperatingSystem"},  // the one without a session
+      {"mrbw_v2_deep_links", "SessionID,DeepLinkID,OperatingSystem"},
+      {"mrbw_v2_network_requests", "SessionID,RequestTimeStamp,ResponseTimeStamp,RequestURL,RequestCachePolicy,RequestHTTPMethod,RequestHTTPHeaderFields,RequestHTTPBody,ResponseMIMEType,ResponseExpectedContentLength,ResponseTextEncodingName,ResponseSuggestedFilename,ResponseStatusCode,ResponseAllHeaderFields,ResponseBody"},
+  };
+  // clang-format on
+  const std::string made = "SELECT name FROM sqlite_master WHERE name LIKE 'mrbw%' ORDER BY rowid";
+  auto names = query(storePath(Store::event), made);
+  ASSERT_THAT(names, SizeIs(15));
+  names.push_back(query(storePath(Store::network), made).at(0));
+  for (std::size_t i = 0; i < names.size(); ++i) {
+    const auto& [name, columns] = tables[i];
+    EXPECT_EQ(names[i], name);
+    const fs::path path = storePath(i < 15 ? Store::event : Store::network);
+    const std::string info = " FROM pragma_table_info('" + name + "')";
+    EXPECT_THAT(query(path, "SELECT group_concat(name)" + info),
+                ElementsAre("id," + columns + ",UTCTimeStamp"));
+    EXPECT_THAT(query(path, "SELECT type, pk" + info + " WHERE name <> 'id'"), Each("TEXT|0"));
+  }
+}
+
+TEST_F(StoreTest, FilesBelongToTheirOwnerAlone) {
+  const mode_t former = umask(0);
+  beginSession();  // leaves a journal
+  umask(former);
+  const std::string journal = std::string(DBFileName) + "-journal";
+  EXPECT_THAT(files(), UnorderedElementsAre(DBFileName, HTTPDBFileName, journal));
+  for (const std::string& name : files()) {
+    EXPECT_EQ(static_cast<int>(fs::status(directory.path() / name).permissions()), 0600) << name;
+  }
+}
+
+// An empty file is in the way as well; it gets no tables.
+TEST_F(StoreTest, WhatStandsInAStoresPlaceStaysAndRecordingWorksOnceItIsGone) {
+  time->setWallClock(std::chrono::system_clock::now());  // the purge goes by SQLite's clock
+  for (const std::string content : {"", "SQLite format 3", "no database", "a directory"}) {
+    for (const Store store : {Store::event, Store::network}) {
+      const fs::path path = storePath(store);
+      SCOPED_TRACE(content + " in the place of " + path.string());
+      const bool isFile = content != "a directory";
+      isFile ? void(std::ofstream(path) << content) : void(fs::create_directory(path));
+      Marbleway::initMarbleway("token");
+      Marbleway::trackEvent("one");
+      EXPECT_THAT(lines(), ElementsAre("Marbleway Message: Starting Marbleway SDK",
+                                       "Marbleway Message: Event Tracked"));
+      EXPECT_EQ(fs::is_regular_file(path), isFile);
+      if (isFile) {
+        std::ifstream file(path);
+        EXPECT_EQ(std::string(std::istreambuf_iterator<char>(file), {}), content);
+      }
+
+      fs::remove(path);
+      Marbleway::initMarbleway("token");
+      Marbleway::trackEvent("two");
+      const std::size_t expected = store == Store::event ? 1 : 2;  // one store needs no other
+      EXPECT_THAT(rows("mrbw_v2_events"), SizeIs(expected));
+      for (const std::string& file : files()) fs::remove(directory.path() / file);
+      lines();
+    }
+  }
+}
+
+TEST_F(StoreTest, WithoutADirectoryStartUpGoesOn) {
+  std::ofstream(directory.path() / "file") << "in the way";
+  platform::setDocumentsDirectory(directory.path() / "file" / "documents");
+  Marbleway::initMarbleway("token");
+  EXPECT_THAT(lines(), ElementsAre("Marbleway Message: Starting Marbleway SDK"));
+  EXPECT_EQ(http->waiting(), 1U);
+}
+
+TEST_F(StoreTest, ARowBeforeStartUpIsLostAndMakesNoFile) {
+  insertCompany("lost");
+  removeMarblewayDBData("DELETE FROM mrbw_v2_companies");
+  EXPECT_THAT(files(), IsEmpty());
+  Marbleway::initMarbleway("token");
+  insertCompany("kept");
+  EXPECT_THAT(rows("mrbw_v2_companies"), SizeIs(1));
+}
+
+TEST_F(StoreTest, AFirstStartUpThatWasKilledIsMadeGood) {
+  const fs::path unfinished = storePath().concat("-new");
+  ASSERT_TRUE(StoreFile(unfinished, StoreFile::Missing::isMade).execute(kTables[1].create));
+  Marbleway::initMarbleway("token");
+  EXPECT_EQ(rowCount(), 0);  // of sixteen tables that are all there
+  EXPECT_THAT(files(), UnorderedElementsAre(DBFileName, HTTPDBFileName));
+}
+
+TEST_F(StoreTest, StartUpsThatMeetMakeOneStore) {
+  std::array<std::thread, 8> threads;
+  for (std::thread& thread : threads) {
+    thread = std::thread([] {
+      initMarblewayDB();
+      insertCompany("kept");
+    });
+  }
+  for (std::thread& thread : threads) thread.join();
+  EXPECT_THAT(rows("mrbw_v2_companies"), SizeIs(8));
+  EXPECT_THAT(files(), Not(Contains(HasSubstr("-new"))));
+}
+
+TEST_F(StoreTest, StartUpAloneDropsRowsOfMoreThanThirtyDaysAgoByTheirDate) {
+  Marbleway::initMarbleway("token");
+  // The rows, by their ids; a date alone is no time stamp, it compares as its day's first instant.
+  const std::string values =
+      " (id, UTCTimeStamp) VALUES (1, datetime('now') || '.000'), "
+      "(2, date('now','-30 day') || ' 00:00:00.000'), (3, date('now','-30 day')), "
+      "(4, date('now','-31 day') || ' 23:59:59.999'), (5, '2001-01-01 00:00:00.000'), (6, NULL)";
+  const auto today = [&] { return query(storePath(), "SELECT date('now')"); };
+  for (std::vector<std::string> day; day != today();) {  // once more if midnight passes meanwhile
+    day = today();
+    for (const Table& table : kTables) {
+      const std::string name(table.name);
+      query(storePath(table.store), "DELETE FROM " + name);
+      query(storePath(table.store), std::string("INSERT INTO ").append(name).append(values));
+    }
+    Marbleway::startSession();
+    Marbleway::stopSession();
+    EXPECT_THAT(rows("mrbw_v2_companies"), SizeIs(6));
+    Marbleway::initMarbleway("token");
+  }
+  for (const Table& table : kTables) {
+    const std::string name(table.name);
+    EXPECT_THAT(query(storePath(table.store), "SELECT id FROM " + name + " WHERE id <= 6"),
+                ElementsAre("1", "2", "6"))
+        << name;
+  }
+}
+
+TEST_F(StoreTest, RunsStatementsOfEveryKindEachOnItsOwnStore) {
+  initMarblewayDB();
+  initMarblewayHTTPDB();
+  for (const Text& text : {Text(nullptr), Text(""), Text("a\xFF'")}) insertCompany(text);
+  removeMarblewayDBData("SELECT * FROM mrbw_v2_companies");  // read and dropped
+  removeMarblewayDBData("no statement at all");
+  removeMarblewayHTTPDBData("DELETE FROM mrbw_v2_companies");
+  removeMarblewayHTTPDBData("INSERT INTO mrbw_v2_network_requests (RequestURL) VALUES ('u')");
+  EXPECT_THAT(query(storePath(), "SELECT id, CompanyName FROM mrbw_v2_companies"),
+              ElementsAre("1|NULL", "2|", "3|a\xEF\xBF\xBD'"));
+  EXPECT_THAT(rows("mrbw_v2_network_requests"), SizeIs(1));
+  removeMarblewayDBData("DELETE FROM mrbw_v2_companies WHERE id < 3");
+  EXPECT_THAT(rows("mrbw_v2_companies"), SizeIs(1));
+}
+
+// A second connection that holds the event store until the library has napped so many times.
+class Holder {
+ public:
+  Holder(const fs::path& path, const char* begin, int naps) : naps_(naps) {
+    usual = sqlite3_vfs_find(nullptr);
+    watching = *usual;
+    watching.zName = "watching";
+    watching.xSleep = [](sqlite3_vfs*, int microseconds) {
+      if (holder->naps_-- == 0) holder->run("ROLLBACK");
+      return usual->xSleep(usual, microseconds);
+    };
+    EXPECT_EQ(sqlite3_open(path.c_str(), &database_), SQLITE_OK);
+    run(begin);
+    holder = this;
+    sqlite3_vfs_register(&watching, 1);
+  }
+  Holder(const Holder&) = delete;
+  Holder& operator=(const Holder&) = delete;
+  ~Holder() {
+    sqlite3_vfs_register(usual, 1);
+    sqlite3_vfs_unregister(&watching);
+    sqlite3_close(database_);
+  }
+
+  bool hasLetGo() const { return naps_ < 0; }
+
+ private:
+  static inline sqlite3_vfs* usual = nullptr;
+  static inline sqlite3_vfs watching{};
+  static inline Holder* holder = nullptr;
+
+  void run(const char* sql) {
+    EXPECT_EQ(sqlite3_exec(database_, sql, nullptr, nullptr, nullptr), SQLITE_OK);
+  }
+
+  sqlite3* database_ = nullptr;
+  int naps_;
+};
+
+TEST_F(StoreTest, WaitsForAStoreThatAnotherConnectionHolds) {
+  static constexpr const char* kRead = "SELECT id FROM mrbw_v2_companies";
+  const struct {
+    const char* name;
+    std::function<void()> use;
+    std::size_t rowsLeft;
+    bool waitsForAWriter;
+  } uses[] = {
+      {"insert", [] { insertCompany("after the wait"); }, 2, true},
+      {"delete", [] { removeUpTo(kTables[4], "2001-01-01 00:00:00.000"); }, 0, true},
+      {"read", [] { EXPECT_TRUE(Statement(Store::event, kRead).step()); }, 1, false},
+  };
+  initMarblewayDB();
+  for (const auto& [name, use, rowsLeft, waitsForAWriter] : uses) {
+    for (const bool isExclusive : {true, false}) {
+      SCOPED_TRACE(std::string(name) + (isExclusive ? ", held" : ", about to be written"));
+      query(storePath(), "DELETE FROM mrbw_v2_companies");
+      query(storePath(), "INSERT INTO mrbw_v2_companies (UTCTimeStamp) VALUES ('2001-01-01')");
+      const Holder holder(storePath(), isExclusive ? "BEGIN EXCLUSIVE" : "BEGIN IMMEDIATE", 20);
+      use();
+      EXPECT_EQ(holder.hasLetGo(), isExclusive || waitsForAWriter);
+      EXPECT_THAT(query(storePath(), kRead), SizeIs(rowsLeft));
+    }
+  }
+}
+
+TEST_F(StoreTest, DropsARowWhenTheStoreIsHeldForTwoSeconds) {
+  beginSession();
+  {
+    const Holder holder(storePath(), "BEGIN EXCLUSIVE", std::numeric_limits<int>::max());
+    const auto start = std::chrono::steady_clock::now();
+    Marbleway::trackEvent("lost");
+    const auto waited = std::chrono::steady_clock::now() - start;
+    EXPECT_GE(waited, 2s);
+    EXPECT_LT(waited, 3s);  // and not once more for each step on the way
+  }
+  EXPECT_THAT(lines(), ElementsAre("Marbleway Message: Event Tracked"));
+  EXPECT_THAT(rows("mrbw_v2_events"), IsEmpty());
+}
+
+TEST_F(StoreTest, TimeStampsAreUTCWithTruncatedMilliseconds) {
+  using std::chrono::sys_days;
+  const auto midnight = sys_days(std::chrono::year(2026) / 1 / 2);
+  const std::pair<std::chrono::system_clock::time_point, const char*> cases[] = {
+      {midnight + 5ms, "2026-01-02 00:00:00.005"},
+      {midnight + 23h + 59min + 59s + 999999us, "2026-01-02 23:59:59.999"},
+      {midnight - 1us, "2026-01-01 23:59:59.999"},
+      {sys_days(std::chrono::year(2028) / 2 / 29) + 7h, "2028-02-29 07:00:00.000"},
+  };
+  setenv("TZ", "Pacific/Kiritimati", 1);
+  tzset();
+  for (const auto& [instant, text] : cases) {
+    time->setWallClock(instant);
+    EXPECT_EQ(getUTCTimeStamp(), text);
+    EXPECT_EQ(timeOf(text), std::chrono::floor<std::chrono::milliseconds>(instant));
+  }
+  unsetenv("TZ");
+  tzset();
+  for (const char* text :
+       {"", "2026-01-02 00:00:00", "2026-01-02T00:00:00.000", "2026-01-02 00:00:00.0000",
+        "2026-02-30 00:00:00.000", "2026-01-02 24:00:00.000", "2026-01-02 00:60:00.000",
+        "2026-01-02 00:00:60.000", "2026-01- 2 00:00:00.000"}) {
+    EXPECT_EQ(timeOf(text), std::nullopt) << text;
+  }
+}
+
+}  // namespace
+}  // namespace marbleway::testing
