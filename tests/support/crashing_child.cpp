@@ -6,47 +6,31 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <array>
 #include <barrier>
 #include <csignal>
 #include <cstdlib>
-#include <exception>
 #include <stdexcept>
-#include <string>
 #include <string_view>
 #include <thread>
+#include <vector>
 
 #include "platform/linux/crash_hook.h"
 
 // Functions that a call stack can name.
 namespace failing {
 
-void say(std::string_view text) { (void)!write(STDOUT_FILENO, text.data(), text.size()); }
-
 void throwNumber() { throw 7; }
+void throwError() { throw std::runtime_error("disk on fire"); }
 
 struct Liar : std::exception {
-  const char* what() const noexcept override {
-    throwNumber();
-    return "";
-  }
+  const char* what() const noexcept override { return throwNumber(), ""; }
 };
-
-void throwError() { throw std::runtime_error("disk on fire"); }
 void throwLiar() { throw Liar(); }
-void throwInThread() { std::thread(throwError).join(); }
 
 void throwInFourThreads() {
-  constexpr int kThreads = 4;
-  static std::barrier start(kThreads);
-  std::array<std::thread, kThreads> threads;
-  for (auto& thread : threads) {
-    thread = std::thread([] {
-      start.arrive_and_wait();
-      throwError();
-    });
-  }
-  for (auto& thread : threads) thread.join();
+  static std::barrier start(4);
+  std::vector<std::jthread> threads;
+  while (threads.size() < 4) threads.emplace_back([] { start.arrive_and_wait(), throwError(); });
 }
 
 // Real faults, none of which a compiler or a sanitizer foresees.
@@ -67,28 +51,28 @@ int useUpStack(int depth) {
 namespace {
 
 using namespace failing;
+using marbleway::platform::Failure;
 
-int statusOfForkedChild(void (*fail)()) {
+void say(std::string_view text) { (void)!write(STDOUT_FILENO, text.data(), text.size()); }
+
+template <void (*fail)()>
+void failInForkedChild() {
   const pid_t child = fork();
-  if (child == 0) fail();
+  if (child == 0) []() noexcept { fail(); }();
   int status = 0;
   waitpid(child, &status, 0);
-  return WIFSIGNALED(status) ? WTERMSIG(status) : -1;
+  _exit(WIFSIGNALED(status) ? WTERMSIG(status) : -1);
 }
 
 // What stands before the hook is installed.
-void sayAndAbort() {
-  say("former terminate handler\n");
-  std::abort();
-}
-void sayAndExit(int number, siginfo_t* info, void* /*context*/) {
-  const bool isTrue = number == SIGSEGV && info->si_addr == badAddress;
-  say(isTrue ? "former handler\n" : "former handler, facts lost\n");
-  _exit(3);
-}
+void sayAndAbort() { say("former terminate handler\n"), std::abort(); }
 void setFormerHandler() {
   struct sigaction action {};
-  action.sa_sigaction = sayAndExit;
+  action.sa_sigaction = [](int number, siginfo_t* info, void* /*context*/) {
+    const bool isTrue = number == SIGSEGV && info->si_addr == badAddress;
+    say(isTrue ? "former handler\n" : "former handler, facts lost\n");
+    _exit(3);
+  };
   action.sa_flags = SA_SIGINFO;
   sigaction(SIGSEGV, &action, nullptr);
 }
@@ -99,37 +83,29 @@ void refuseThreads() {
 }
 
 // Handlers of the hook.
-void sayReport(const marbleway::platform::Failure& failure) {
+void sayReport(const Failure& failure) {
   say("report: " + failure.description + "\n" + failure.callStack + "\nend\n");
 }
-void sayAndBlock(const marbleway::platform::Failure& failure) {
-  sayReport(failure);
+void block() {
   for (;;) pause();
 }
-void sayAndThrow(const marbleway::platform::Failure& failure) {
+template <void (*fail)()>
+void sayAndFail(const Failure& failure) {
   sayReport(failure);
-  throwError();
+  fail();
 }
-void sayAndCrash(const marbleway::platform::Failure& failure) {
-  sayReport(failure);
-  writeToBadAddress();
-}
-void sayAndTerminate(const marbleway::platform::Failure& failure) noexcept {
-  sayReport(failure);
-  throwError();
-}
+void sayAndTerminate(const Failure& failure) noexcept { sayAndFail<throwError>(failure); }
 
 struct Case {
   std::string_view name;
   void (*fail)();
   void (*before)() = [] {};
-  void (*handler)(const marbleway::platform::Failure&) = sayReport;
+  void (*handler)(const Failure&) = sayReport;
 };
 
 const Case kCases[] = {
     {"throw", throwError},
     {"throw a number", throwNumber},
-    {"throw in a thread", throwInThread},
     {"throw in four threads", throwInFourThreads},
     {"what throws", throwLiar},
     {"terminate", std::terminate},
@@ -138,15 +114,16 @@ const Case kCases[] = {
     {"divide", divideByZero},
     {"abort", std::abort},
     {"raise SIGBUS", [] { std::raise(SIGBUS); }},
+    {"raise SIGILL", [] { std::raise(SIGILL); }},
     {"overflow", [] { useUpStack(0); }},
     {"former terminate", throwError, [] { std::set_terminate(sayAndAbort); }},
     {"former handler", writeToBadAddress, setFormerHandler},
     {"ignored", [] { std::raise(SIGABRT); }, [] { std::signal(SIGABRT, SIG_IGN); }},
-    {"fork", [] { _exit(statusOfForkedChild(writeToBadAddress)); }},
-    {"fork, throw", [] { _exit(statusOfForkedChild([]() noexcept { throwError(); })); }},
-    {"handler blocks", throwError, [] {}, sayAndBlock},
-    {"handler throws", writeToBadAddress, [] {}, sayAndThrow},
-    {"handler crashes", std::abort, [] {}, sayAndCrash},
+    {"fork", failInForkedChild<writeToBadAddress>},
+    {"fork, throw", failInForkedChild<throwError>},
+    {"handler blocks", throwError, [] {}, sayAndFail<block>},
+    {"handler throws", writeToBadAddress, [] {}, sayAndFail<throwError>},
+    {"handler crashes", std::abort, [] {}, sayAndFail<writeToBadAddress>},
     {"handler terminates", writeToBadAddress, [] {}, sayAndTerminate},
     {"no thread, throw", throwError, refuseThreads},
     {"no thread, write", writeToBadAddress, refuseThreads},
@@ -161,7 +138,6 @@ int main(int /*count*/, char** arguments) {
   chosen->before();
   const auto hook = marbleway::platform::makeCrashHook();
   hook->install(chosen->handler);
-  hook->install([](const marbleway::platform::Failure&) { say("second handler\n"); });
+  hook->install([](const Failure&) { say("second handler\n"); });
   chosen->fail();
-  return 0;
 }
