@@ -14,7 +14,6 @@ namespace {
 
 using namespace std::chrono_literals;
 using ::testing::ElementsAre;
-using ::testing::HasSubstr;
 using ::testing::IsEmpty;
 using ::testing::Pair;
 using ::testing::SizeIs;
@@ -46,13 +45,14 @@ const Expected kArrays[] = {
 
 class UploadTest : public RecordingTest {
  protected:
-  void insert(const std::string& table, const std::string& columns, const std::string& values) {
-    const bool isNetwork = table == kArrays[0].table;
-    query(storePath(isNetwork ? Store::network : Store::event),
-          "INSERT INTO " + table + " (" + columns + ") VALUES (" + values + ")");
+  std::filesystem::path storeOf(const std::string& table) const {
+    return storePath(table == kArrays[0].table ? Store::network : Store::event);
   }
-  void insertRequest(const std::string& url) {
-    insert(kArrays[0].table, "RequestURL, UTCTimeStamp", "'" + url + "', '2026-01-02'");
+  void insert(const std::string& table, const std::string& columns, const std::string& values) {
+    query(storeOf(table), "INSERT INTO " + table + " (" + columns + ") VALUES (" + values + ")");
+  }
+  void insertEverywhere(const std::string& stamp) {
+    for (const Expected& each : kArrays) insert(each.table, "UTCTimeStamp", stamp);
   }
 
   // The "BatchData" of the latest request.
@@ -98,20 +98,7 @@ TEST_F(UploadTest, NeedsFiveFlagsAndARow) {
   isNetworkMonitoringEnabled = false;
   batchData();
   EXPECT_EQ(http->waiting(), 1U);
-}
-
-TEST_F(UploadTest, IsPostedWithTheTokenIfThereIsOne) {
-  using Headers = std::vector<std::pair<std::string, std::string>>;
-  Headers headers{{"Accept", "application/json"}, {"Content-Type", "application/json"}};
-  Marbleway::trackEvent("e");
-  for (const OptionalText& token : {OptionalText(), OptionalText("token")}) {
-    internalProjectToken.store(token);
-    if (token) headers.emplace_back("mrbw-project-token", *token);
-    batchData();
-    EXPECT_EQ(http->requests().back().url, "https://collect.marbleway.invalid/v2/mobile/batch");
-    EXPECT_EQ(http->requests().back().headers, headers);
-    EXPECT_EQ(http->requests().back().answerLimit, 0U);  // what the server says is never read
-  }
+  EXPECT_EQ(http->requests().back().answerLimit, 0U);  // what the server says is never read
 }
 
 TEST_F(UploadTest, TheDocumentHasAllArraysWithTheColumnsAsTheyStand) {
@@ -122,15 +109,14 @@ TEST_F(UploadTest, TheDocumentHasAllArraysWithTheColumnsAsTheyStand) {
       insertion.append(", 'c").append(std::to_string(i)).append("'");
       expected.append("|c").append(std::to_string(i));
     }
-    const Store store = array == "NetworkRequests" ? Store::network : Store::event;
-    query(storePath(store), insertion.append(")"));
+    query(storeOf(table), insertion.append(")"));
     batchData();
     for (const Expected& each : kArrays) {
       EXPECT_THAT(sent(each.array), SizeIs(each.array == array ? 1 : 0)) << each.array;
     }
     EXPECT_THAT(sent(), SizeIs(std::size(kArrays)));
     EXPECT_THAT(sent(array), ElementsAre(Pair(keys, expected)));
-    query(storePath(store), "DELETE FROM " + table);
+    query(storeOf(table), "DELETE FROM " + table);
   }
 }
 
@@ -152,42 +138,29 @@ TEST_F(UploadTest, NULLIsEmptyJSONStaysTextAndAnIdWrapsAt32Bits) {
 }
 
 TEST(EscapeTest, EveryTextReadsBackAndEachBadByteIsReplacedAlone) {
-  constexpr const char* kBad = "\uFFFD";
-  const auto bad = [](int times) {
-    std::string text;
-    while (times-- > 0) text.append(kBad);
-    return text;
-  };
+  const std::string bad = "\uFFFD";
   std::vector<std::pair<std::string, std::string>> cases = {
       {R"(\"\)", R"(\"\)"},
-      {"\x7F", "\x7F"},
-      {"\u00E9\u20AC\U0001F600", "\u00E9\u20AC\U0001F600"},
-      {"\x80", bad(1)},
-      {"\xFF\"", bad(1) + "\""},
-      {"\xC3\"", bad(1) + "\""},  // cut; the quote after it is not swallowed
-      {"\xE2\x82\\", bad(2) + "\\"},
-      {"\xF0\x9F\x98\n", bad(3) + "\n"},
-      {"\xC0\xAF", bad(2)},          // overlong
-      {"\xED\xA0\x80", bad(3)},      // a surrogate
-      {"\xF4\x90\x80\x80", bad(4)},  // beyond U+10FFFF
-      {"\xC3\xC3\xA9", bad(1) + "\u00E9"},
+      {"\x7F\u00E9\u20AC\U0001F600", "\x7F\u00E9\u20AC\U0001F600"},
+      {"\x80", bad},
+      {"\xC3\"", bad + "\""},  // cut; the quote after it is not swallowed
+      {"\xE2\x82\\", bad + bad + "\\"},
+      {"\xF0\x9F\x98\n", bad + bad + bad + "\n"},
+      {"\xC0\xAF", bad + bad},                      // overlong
+      {"\xED\xA0\x80", bad + bad + bad},            // a surrogate
+      {"\xF4\x90\x80\x80", bad + bad + bad + bad},  // beyond U+10FFFF
   };
   for (char control = 1; control < 0x20; ++control) {
     cases.emplace_back(std::string(2, control), std::string(2, control));
   }
   for (const auto& [text, expected] : cases) {
-    for (std::size_t before = 0; before < 10; ++before) {  // across a block of eight
-      for (std::size_t after : {0, 1, 4, 7, 8, 9}) {
-        const auto framed = [&](const std::string& middle) {
-          return std::string(before, 'a').append(middle).append(after, 'z');
-        };
-        platform::Buffer buffer;
-        buffer.append("\"");
-        appendEscaped(buffer, framed(text));
-        buffer.append("\"");
-        SCOPED_TRACE(buffer.view());
-        EXPECT_EQ(valueFromJSON(buffer.view()), Value(framed(expected)));
-      }
+    for (std::size_t i = 0; i < 100; ++i) {  // everywhere in and across blocks of eight
+      const std::string before(i / 10, 'a'), after(i % 10, 'z');
+      platform::Buffer buffer;
+      buffer.append("\"");
+      appendEscaped(buffer, before + text + after);
+      buffer.append("\"");
+      EXPECT_EQ(valueFromJSON(buffer.view()), Value(before + expected + after)) << buffer.view();
     }
   }
   platform::Buffer buffer;
@@ -196,59 +169,41 @@ TEST(EscapeTest, EveryTextReadsBackAndEachBadByteIsReplacedAlone) {
 }
 
 TEST_F(UploadTest, ABlacklistEntryDropsTheURLsThatItContains) {
-  const std::string url = "https://a.example/path";
-  const struct {
-    std::optional<std::vector<std::string>> blacklist;
-    bool isSent;
-  } cases[] = {
+  const std::string url = "https://a.example/path", table = "mrbw_v2_network_requests";
+  const std::pair<std::optional<std::vector<std::string>>, bool> cases[] = {
       {std::nullopt, true},
       {{{}}, true},
+      {{{"https://a.example", "path", "https://a.example/pat"}}, true},  // parts of the URL
+      {{{"https://A.example/path", "https://a.example/.*"}}, true},
       {{{url}}, false},
       {{{"other", "see " + url + "/more"}}, false},
-      {{{"https://a.example", "path", "https://a.example/pat"}}, true},  // parts of the URL
-      {{{"https://A.example/path"}}, true},
-      {{{"https://a.example/.*"}}, true},
   };
-  insertRequest(url);
+  insert(table, "RequestURL, UTCTimeStamp", "'" + url + "', '2026-01-02'");
   for (const auto& [blacklist, isSent] : cases) {
-    SCOPED_TRACE(::testing::PrintToString(blacklist));
     networkBlacklist.store(blacklist);
     const std::size_t before = http->requests().size();
     batchData();
-    EXPECT_EQ(http->requests().size() - before, isSent ? 1U : 0U);
+    EXPECT_EQ(http->requests().size() - before, isSent ? 1U : 0U)
+        << ::testing::PrintToString(blacklist);
   }
   // What was dropped stays while nothing is sent, and goes with the rest.
-  networkBlacklist.store({{url}});
-  EXPECT_THAT(rows("mrbw_v2_network_requests"), SizeIs(1));
-  insertRequest("https://b.example/");
+  EXPECT_THAT(rows(table), SizeIs(1));
+  Marbleway::trackEvent("e");
   batchData();
-  EXPECT_THAT(sent("NetworkRequests"), SizeIs(1));
-  while (http->waiting() > 1) ASSERT_TRUE(http->fail());
+  EXPECT_THAT(sent("NetworkRequests"), IsEmpty());
+  while (http->waiting() > 1) failRequest();
   answer(200);
-  EXPECT_THAT(rows("mrbw_v2_network_requests"), IsEmpty());
+  EXPECT_THAT(rows(table), IsEmpty());
 }
 
 TEST_F(UploadTest, ATableThatCannotBeReadCountsAsEmptyAndTheOthersGo) {
-  const auto overwrite = [](const std::filesystem::path& file) {
-    std::ofstream(file, std::ios::trunc) << "no database";
+  const std::filesystem::path network = storePath(Store::network);
+  const std::pair<std::string, std::function<void()>> damages[] = {
+      {"Users", [&] { query(storePath(), "DROP TABLE mrbw_v2_users"); }},
+      {"NetworkRequests", [&] { std::filesystem::remove(network); }},
+      {"NetworkRequests", [&] { std::ofstream(network) << "no database"; }},
   };
-  const struct {
-    const char* name;
-    std::string lost;
-    std::function<void()> damage;
-  } cases[] = {
-      {"a dropped table", "Users", [&] { query(storePath(), "DROP TABLE mrbw_v2_users"); }},
-      {"no network store", "NetworkRequests",
-       [&] { std::filesystem::remove(storePath(Store::network)); }},
-      {"no database", "NetworkRequests", [&] { overwrite(storePath(Store::network)); }},
-      {"a directory", "NetworkRequests",
-       [&] {
-         std::filesystem::remove(storePath(Store::network));
-         std::filesystem::create_directory(storePath(Store::network));
-       }},
-  };
-  for (const auto& [name, lost, damage] : cases) {
-    SCOPED_TRACE(name);
+  for (const auto& [lost, damage] : damages) {
     Marbleway::trackEvent("e");
     damage();
     batchData();
@@ -258,51 +213,42 @@ TEST_F(UploadTest, ATableThatCannotBeReadCountsAsEmptyAndTheOthersGo) {
     answer(200);
     EXPECT_THAT(rows("mrbw_v2_events"), IsEmpty());
   }
-  overwrite(storePath());
+  std::ofstream(storePath()) << "no database";
   Marbleway::trackEvent("lost");
   batchData();
   EXPECT_EQ(http->waiting(), 0U);
 }
 
-TEST_F(UploadTest, OnlyA200Deletes) {
+TEST_F(UploadTest, OnlyA200DeletesAndNothingIsTriedAgainByItself) {
   std::size_t recorded = 0;
-  for (const long status : {0L, 100L, 199L, 201L, 202L, 204L, 301L, 307L, 400L, 401L, 404L, 500L}) {
-    SCOPED_TRACE(status);  // 0: no answer
+  for (const long status : {0L, 100L, 199L, 201L, 202L, 301L, 404L}) {  // 0: no answer
+    SCOPED_TRACE(status);
     Marbleway::trackEvent("e");
     lines();
     batchData();
     EXPECT_THAT(sent("Events"), SizeIs(++recorded));
-    status == 0 ? failRequest() : answer(status, "");
+    status == 0 ? failRequest() : answer(status);
     EXPECT_THAT(rows("mrbw_v2_events"), SizeIs(recorded));
     EXPECT_THAT(lines(), IsEmpty());
-    EXPECT_TRUE(isConnectedToInternet);
+    EXPECT_EQ(http->waiting(), 0U);
   }
-  for (const char* body : {"", "no JSON", R"({"error":true})"}) {
-    Marbleway::trackEvent("e");
-    lines();
-    batchData();
-    answer(200, body);
-    EXPECT_THAT(lines(), ElementsAre("Marbleway Message: Data Upload Complete"));
-    EXPECT_EQ(rowCount(), 0);
-  }
-  EXPECT_EQ(http->waiting(), 0U);  // nothing is tried again by itself
+  upload();
+  EXPECT_THAT(lines(), ElementsAre("Marbleway Message: Data Upload Complete"));
+  EXPECT_EQ(rowCount(), 0);
 }
 
 TEST_F(UploadTest, AnAcceptedBatchDeletesWholeDaysSentOrNot) {
-  for (const auto& [array, table, keys] : kArrays) {
-    for (const char* stamp :
-         {"'2025-12-31 00:00:00.000'", "'2026-01-02 23:59:59.999'", "'2026-01-02'",
-          "'2026-01-03 00:00:00.000'", "'2027-01-01'", "'someday'", "''", "NULL"}) {
-      insert(table, "UTCTimeStamp", stamp);
-    }
+  for (const char* stamp :
+       {"'2025-12-31 00:00:00.000'", "'2026-01-02 23:59:59.999'", "'2026-01-02'",
+        "'2026-01-03 00:00:00.000'", "'2027-01-01'", "'someday'", "''", "NULL"}) {
+    insertEverywhere(stamp);
   }
   batchData();
   Marbleway::trackEvent("the same day, after the reading");
   answer(200);
   for (const auto& [array, table, keys] : kArrays) {
     SCOPED_TRACE(table);
-    const Store store = array == "NetworkRequests" ? Store::network : Store::event;
-    EXPECT_THAT(query(storePath(store), "SELECT UTCTimeStamp FROM " + table + " ORDER BY id"),
+    EXPECT_THAT(query(storeOf(table), "SELECT UTCTimeStamp FROM " + table + " ORDER BY id"),
                 ElementsAre("2026-01-03 00:00:00.000", "2027-01-01", "someday", "", "NULL"));
   }
   batchData();
@@ -317,12 +263,8 @@ TEST_F(UploadTest, MidnightBetweenTwoReadingsDividesTheTables) {
     }
     std::atomic<int> calls = 0;
   };
-  for (const auto& [array, table, keys] : kArrays) {
-    insert(table, "UTCTimeStamp", "'2026-01-03 12:00:00.000'");
-  }
-  platform::Platform services;
-  services.clock = std::make_shared<Hourly>();
-  platform::install(services);
+  insertEverywhere("'2026-01-03 12:00:00.000'");
+  platform::install({.clock = std::make_shared<Hourly>()});
   upload();
   for (std::size_t i = 0; i < std::size(kArrays); ++i) {
     EXPECT_THAT(rows(kArrays[i].table), SizeIs(i < 8 ? 1 : 0)) << kArrays[i].table;
@@ -331,27 +273,19 @@ TEST_F(UploadTest, MidnightBetweenTwoReadingsDividesTheTables) {
 
 TEST_F(UploadTest, SaysSoBeforeItDeletesAndOneFailedDeletionStopsNoOther) {
   struct Watching : platform::Console {
-    void writeLine(std::string_view /*line*/) override { rowsThen = count(); }
+    explicit Watching(std::function<int()> counter) : count(std::move(counter)) {}
+    void writeLine(std::string_view /*line*/) override { EXPECT_EQ(count(), 16); }
     std::function<int()> count;
-    int rowsThen = -1;
   };
-  const auto watching = std::make_shared<Watching>();
-  watching->count = [this] { return rowCount(); };
-  for (const auto& [array, table, keys] : kArrays) {
-    insert(table, "UTCTimeStamp", "'2026-01-02 12:00:00.000'");
-  }
+  insertEverywhere("'2026-01-02 12:00:00.000'");
   query(storePath(),
         "CREATE TRIGGER no BEFORE DELETE ON mrbw_v2_users BEGIN SELECT RAISE(ABORT, 'no'); END");
-  platform::Platform services;
-  services.console = watching;
-  platform::install(services);
+  platform::install({.console = std::make_shared<Watching>([this] { return rowCount(); })});
   upload();
-  EXPECT_EQ(watching->rowsThen, 16);
   EXPECT_THAT(rows("mrbw_v2_users"), SizeIs(1));
   EXPECT_EQ(rowCount(), 1);
 
-  services.console = console;
-  platform::install(services);
+  platform::install({.console = console});
   query(storePath(), "DROP TRIGGER no");
   isLoggingEnabled = false;
   upload();
@@ -371,27 +305,6 @@ TEST_F(UploadTest, OverlappingBatchesSendTheSameRowsAndEachDeletesItsDays) {
   EXPECT_THAT(rows("mrbw_v2_events"), SizeIs(2));
   answer(200);
   EXPECT_EQ(rowCount(), 0);
-}
-
-TEST_F(UploadTest, HappensWhenTheTimerFiresAtAStopAndAtALaterStartUp) {
-  const std::pair<const char*, std::function<void()>> triggers[] = {
-      {"timer", [&] { time->advance(30s); }},
-      {"start-up", [] { Marbleway::initMarbleway("token"); }},
-      {"stop", [] { Marbleway::stopSession(); }},
-  };
-  time->setWallClock(std::chrono::system_clock::now());  // the purge goes by SQLite's clock
-  for (const auto& [name, trigger] : triggers) {
-    SCOPED_TRACE(name);
-    Marbleway::trackEvent(name);
-    const std::size_t before = http->requests().size();
-    trigger();
-    ASSERT_GT(http->requests().size(), before);
-    EXPECT_THAT(http->requests()[before].url, HasSubstr("mobile/batch"));
-    EXPECT_THAT(http->requests()[before].body, HasSubstr(name));
-    answer(200);
-    EXPECT_THAT(rows("mrbw_v2_events"), IsEmpty());
-    while (http->waiting() > 0) answer(200, R"({"Data":{"Config":{"SessionTimeout":300}}})");
-  }
 }
 
 }  // namespace
