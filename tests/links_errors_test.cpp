@@ -36,28 +36,21 @@ TEST_F(LinksTest, TheQuerysLastIdentifierIsRecordedDecoded) {
       {"?mrbw_dlid=caf%c3%A9", "caf\xC3\xA9"},
       {"?mrbw_dlid=1&mrbw_dlid=2", "2"},
       {"?mrbw_dlid=", ""},
-      {"?mrbw_dlid=a=b=c", "a"},  // what follows a second "=" is dropped
-      {"?flag&&mrbw_dlid=7&", "7"},
+      {"?mrbw_dlid=a=b=c", "a"},        // what follows a second "=" is dropped
       {"?mrbw_dlid=1&mrbw_dlid", "1"},  // a piece without "=" is skipped
       {"?mrbw_dlid", std::nullopt},
       {"?mrbw%5Fdlid=1", std::nullopt},  // keys are not decoded
       {"?MRBW_DLID=1&xmrbw_dlid=2&mrbw_dlid =3", std::nullopt},
       {"?mrbw_dlid=1&mrbw_dlid=%FF", std::nullopt},  // what cannot be decoded removes the key
       {"?mrbw_dlid=%FF&mrbw_dlid=1", "1"},
-      {"?mrbw_dlid=%C3", std::nullopt},
       {"?mrbw_dlid=100%", std::nullopt},
-      {"?mrbw_dlid=100%2", std::nullopt},
       {"?mrbw_dlid=%2&x=0", std::nullopt},
       {"?mrbw_dlid=%+1", std::nullopt},
-      {"?mrbw_dlid=%zz", std::nullopt},
       {"?mrbw_dlid=raw\xFF", "raw" + bad},
       {"?mrbw_dlid=a%00b", "a"},
       {"?mrbw_dlid=1#mrbw_dlid=2", "1"},
       {"app://open#x?mrbw_dlid=2", std::nullopt},
       {"app://open?a?mrbw_dlid=1", std::nullopt},
-      {"app://open?a=?&mrbw_dlid=1?", "1?"},
-      {"app://mrbw_dlid=1", std::nullopt},
-      {"", std::nullopt},
       {nullptr, std::nullopt},
   };
   for (const auto& [url, identifier] : cases) {
