@@ -128,14 +128,12 @@ TEST_F(CollectorTest, KeepsEachRowOnceAndCountsHowOftenItCame) {
             "POST|/v2/mobile/batch|200|2|2|1|\nPOST|/v2/mobile/batch|200|4|3|1|\n");
 }
 
-TEST_F(CollectorTest, KeepsTheKindsThatDifferFromTheirTables) {
+TEST_F(CollectorTest, KeepsAKindThatDiffersFromItsTable) {
   start();
   EXPECT_EQ(send(kBatch, batch("Messages", R"({"UTCTimeStamp": "", "UserID": "U", "id": "7",
                 "OperatingSystem": "", "MessageID": "M", "PlatformDeviceID": "D"})")),
             "200 1 rows, 1 new, 0 seen again");
   EXPECT_EQ(find("SELECT * FROM Messages"), "7|M|U|D|||1\n");
-  EXPECT_EQ(send(kBatch, batch("Sessions", R"({"id": "7", "AdvertisingID": ""})")),
-            R"(400 Sessions[0]: key "AdvertisingID" is not known)");
 }
 
 TEST_F(CollectorTest, RefusesABatchAtItsFirstFaultAndKeepsNothingOfIt) {
@@ -144,8 +142,6 @@ TEST_F(CollectorTest, RefusesABatchAtItsFirstFaultAndKeepsNothingOfIt) {
   const std::string end = std::to_string(batch("Events", event("1")).size());
   const std::vector<std::pair<std::string, std::string>> cases{
       {"", "byte 0: The document is empty."},
-      {"[]", "document: not an object"},
-      {"{}", R"(document: key "BatchData" is missing)"},
       {R"({"BatchData": null})", "BatchData: not an object"},
       {R"({"BatchData": {}})", R"(BatchData: key "Sessions" is missing)"},
       {R"({"BatchData": {"Events": [], "Events": []}})",
@@ -153,12 +149,13 @@ TEST_F(CollectorTest, RefusesABatchAtItsFirstFaultAndKeepsNothingOfIt) {
       {R"({"BatchData": {"events\n": []}})", R"(BatchData: key "events?" is not known)"},
       {R"({"BatchData": {"Ads": {}}})", "Ads: not an array"},
       {R"({"BatchData": {"Ads": )" + deep, "Ads[0]: not an object"},
-      {deep, "document: not an object"},
       {batch("Events", "").replace(0, 1, R"({"Version": 1, )"),
        R"(document: key "Version" is not known)"},
       {batch("Events", event("1")) + "x",
        "byte " + end + ": The document root must not be followed by other values."},
       {batch("Events", event("1")) + "\0x"s, "byte " + end + ": NUL after the document"},
+      {batch("Sessions", R"({"id": "7", "AdvertisingID": ""})"),
+       R"(Sessions[0]: key "AdvertisingID" is not known)"},
       {batch("Events", event("1") + ", 5"), "Events[1]: not an object"},
       {batch("Events", event("1") + R"(, {"id": 2)"), "Events[1].id: not text"},
       {batch("Events", R"({"id": "1", "id": "1"})"), R"(Events[0]: key "id" is given twice)"},
@@ -241,9 +238,7 @@ TEST_F(CollectorTest, AnswersWithItsConfigurationAndAlwaysWithASessionTimeout) {
 TEST_F(CollectorTest, TurnsAwayOtherPathsAndMethods) {
   start();
   const std::vector<std::tuple<std::string, std::string, int>> cases{
-      {"GET", "/", 200},       {"POST", "/", 405},   {"GET", kInit, 405},
-      {"DELETE", kBatch, 405}, {"PUT", kInit, 405},  {"PATCH", kBatch, 405},
-      {"OPTIONS", kInit, 405}, {"GET", "/v2/", 404}, {"POST", "/v2/mobile/batch/", 404}};
+      {"GET", "/", 200}, {"GET", kInit, 405}, {"PUT", kBatch, 405}, {"POST", "/v2/mobile/x", 404}};
   for (const auto& [method, path, status] : cases) {
     httplib::Client client("127.0.0.1", server->port());
     httplib::Request request;
@@ -259,21 +254,14 @@ TEST_F(CollectorTest, TurnsAwayOtherPathsAndMethods) {
               HasSubstr("Companies           0\nCompanyAttributes   0\nEvents              2\n"));
 }
 
-TEST_F(CollectorTest, RefusesTheFirstBatchesWhenAsked) {
+TEST_F(CollectorTest, RefusesTheFirstBatchesWhenAskedAndTakesAHundredMegabytes) {
   settings.failBatches = 2;
   start();
-  for (const char* line :
-       {"503 refused as asked", "503 refused as asked", "200 1 rows, 1 new, 0 seen again"}) {
-    EXPECT_EQ(send(kBatch, batch("Events", event("1"))), line);
-  }
-}
-
-TEST_F(CollectorTest, TakesAHundredMegabytes) {
-  start();
-  std::string rows;
-  for (int i = 1; i <= 105; ++i) {
-    rows.append(i == 1 ? "" : ",");
-    rows.append(event(std::to_string(i), std::string(1'000'000, 'x')));
+  EXPECT_EQ(send(kBatch, batch("Events", event("1"))), "503 refused as asked");
+  EXPECT_EQ(send(kBatch, batch("Events", event("1"))), "503 refused as asked");
+  std::string rows = event("1");
+  for (int i = 2; i <= 105; ++i) {
+    rows.append(",").append(event(std::to_string(i), std::string(1'000'000, 'x')));
   }
   EXPECT_EQ(send(kBatch, batch("Events", rows)), "200 105 rows, 105 new, 0 seen again");
 }
