@@ -15,7 +15,7 @@ template <class Make>
 std::string kept(std::string_view key, Make make) {
   const auto defaults = platform::current()->userDefaults;
   if (auto text = defaults->text(key)) return *text;
-  const std::string made = make();
+  std::string made = make();
   defaults->setText(key, made);
   defaults->synchronize();
   return made;
