@@ -65,6 +65,7 @@ class [[gnu::visibility("default")]] LocationManager {
 class [[gnu::visibility("default")]] LocationService {
  public:
   virtual ~LocationService() = default;
+  /// Null when there is none to be had; nothing is monitored then.
   virtual std::shared_ptr<LocationManager> makeManager() = 0;
 };
 

@@ -100,6 +100,7 @@ void watchBeacons(LocationManager& manager) {
 void startLocationMonitoring() {
   static Lasting<Delegate> delegate;
   const auto manager = platform::current()->locationService->makeManager();
+  if (!manager) return;
   mrbwLocationManager.store(manager);
   manager->setDelegate(&delegate.value);
   startUpdates(*manager);
