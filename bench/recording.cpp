@@ -33,7 +33,7 @@ void measureIn(const std::filesystem::path& place, const std::string& name, doub
   const auto comparison =
       compare(kBlocks, kOperations, {.run = trackPurchase},
               {.run = [&] { return bareRun(bareFile.c_str(), kInsert, std::data(kEventRow), 4); }});
-  constexpr long kRows = kBlocks * (kOperations + kOperations / 10);
+  constexpr long kRows = 1L * kBlocks * (kOperations + kOperations / 10);
   for (const std::string& file : {pathOf(Store::event).string(), bareFile}) {
     if (bareRead(file.c_str(), "SELECT * FROM mrbw_v2_events") != kRows) {
       throw std::runtime_error("rows are missing in " + file);
