@@ -98,8 +98,10 @@ TEST_F(HttpClientTest, SendsWhatItIsGivenAndNoHeaderWithControlCharacters) {
     request.headers = headers;
     EXPECT_TRUE(answerTo(std::move(request)));
     const Received received = server.requests().back();
-    EXPECT_EQ(received.head, "POST /v2/ HTTP/1.1\r\nHost: " + host + "\r\n" + lines +
-                                 "Content-Length: " + std::to_string(body.size()) + "\r\n\r\n");
+    std::string head = "POST /v2/ HTTP/1.1\r\nHost: ";
+    head.append(host).append("\r\n").append(lines).append("Content-Length: ");
+    head.append(std::to_string(body.size())).append("\r\n\r\n");
+    EXPECT_EQ(received.head, head);
     EXPECT_TRUE(received.body == body);
   }
 }
