@@ -154,10 +154,10 @@ TEST_F(UsersTest, OtherAttributesAreStoredUncheckedAndAUsersCompanyIsIgnoredInSi
     Marbleway::setUserAttribute("emailaddress", value);
     EXPECT_THAT(outcome(), ElementsAre(kSet, row("user_attributes", "emailaddress|" + text)));
     // Names that mean something for users mean nothing for companies.
-    for (const std::string name : {"Website", "EmailAddress", "Company"}) {
+    for (std::string name : {"Website", "EmailAddress", "Company"}) {
       Marbleway::setCompanyAttribute(name, value);
-      EXPECT_THAT(outcome(),
-                  ElementsAre(kCompanySet, row("company_attributes", name + "|" + text)));
+      EXPECT_THAT(outcome(), ElementsAre(kCompanySet,
+                                         row("company_attributes", name.append("|").append(text))));
     }
   }
 }

@@ -55,11 +55,12 @@ std::string answerFrom(std::string text) {
   if (!data.IsObject()) throw std::runtime_error("it is not a JSON object");
   complete(data, defaults, data);
   for (const auto& section : std::as_const(defaults).GetObject()) {
-    rapidjson::Value& own = data[section.name];
+    rapidjson::Value& own = data.FindMember(section.name)->value;
     if (!own.IsObject()) throw std::runtime_error(inQuotes(textOf(section.name)) + " is no object");
     complete(own, section.value, data);
   }
-  const rapidjson::Value& timeout = data["Config"]["SessionTimeout"];
+  const rapidjson::Value& config = data.FindMember("Config")->value;
+  const rapidjson::Value& timeout = config.FindMember("SessionTimeout")->value;
   if (!timeout.IsNumber() || timeout.GetDouble() < kShortestSession) {
     throw std::runtime_error("\"SessionTimeout\" is not a number of at least 60 seconds");
   }
