@@ -1,6 +1,7 @@
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/file.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -8,9 +9,11 @@
 #include <unistd.h>
 
 #include <array>
+#include <chrono>
 #include <csignal>
 #include <filesystem>
 #include <fstream>
+#include <functional>
 #include <iterator>
 #include <set>
 #include <string>
@@ -164,6 +167,74 @@ TEST_F(FileDefaultsTest, ThreadsThatSynchronizeLoseNothing) {
   }
   for (auto& thread : threads) thread.join();
   EXPECT_EQ(read(file), R"({"a":"20","b":"20","c":"20","d":"20"})");
+}
+
+TEST_F(FileDefaultsTest, InstancesThatShareAFileKeepOneAnothersKeysAndOneIdentifier) {
+  const auto one = makeFileDefaults(file);
+  const auto other = makeFileDefaults(file);
+  for (const auto& each : {one, other}) {
+    EXPECT_EQ(each->text("identifier"), std::nullopt);
+    each->setText("identifier", each == one ? "first" : "second");  // made up for want of one
+  }
+  one->setText("a", "1");
+  one->setText("both", "1");
+  other->setText("b", "1");
+  other->setText("both", "2");
+  one->synchronize();
+  other->synchronize();
+  EXPECT_EQ(read(file), R"({"a":"1","b":"1","both":"2","identifier":"first"})");
+  EXPECT_THAT(other->text("identifier"), Optional(std::string("first")));
+
+  other->remove("a");
+  other->synchronize();
+  one->setText("c", "1");
+  one->synchronize();
+  EXPECT_EQ(read(file), R"({"b":"1","both":"2","c":"1","identifier":"first"})");
+
+  fs::remove(file);  // what was known of it is written anew
+  one->setText("d", "1");
+  one->synchronize();
+  EXPECT_EQ(read(file), R"({"b":"1","both":"2","c":"1","d":"1","identifier":"first"})");
+}
+
+TEST_F(FileDefaultsTest, AStuckHolderOfTheDirectoryIsWaitedForTwoSecondsAtMost) {
+  const auto defaults = makeFileDefaults(file);
+  defaults->setText("a", "1");
+  const int stuck = open(directory.path().c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  ASSERT_EQ(flock(stuck, LOCK_EX), 0);
+  const auto start = std::chrono::steady_clock::now();
+  defaults->synchronize();
+  EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(3500));
+  EXPECT_FALSE(fs::exists(file));
+  EXPECT_THAT(defaults->text("a"), Optional(std::string("1")));
+  close(stuck);
+  defaults->synchronize();
+  EXPECT_EQ(read(file), R"({"a":"1"})");
+}
+
+TEST_F(FileDefaultsTest, AFileThatCannotBeReadForATimeLeadsToNoNewIdentifier) {
+  const auto kept = file.string() + ".kept";
+  write(kept, R"({"Marbleway_VendorID":"mine"})");
+  const std::pair<const char*, std::function<void()>> obstacles[] = {
+      {"EIO", [&] { fs::create_symlink("/proc/self/mem", file); }},
+      {"ELOOP", [&] { fs::create_symlink(file, file); }},
+      {"no file", [&] { fs::create_directory(file); }},
+  };
+  for (const auto& [name, obstruct] : obstacles) {
+    SCOPED_TRACE(name);
+    fs::remove(file);
+    obstruct();
+    const auto defaults = makeFileDefaults(file);
+    EXPECT_EQ(defaults->text("Marbleway_VendorID"), std::nullopt);
+    defaults->setText("Marbleway_VendorID", "made up");
+    defaults->synchronize();
+    fs::remove(file);
+    fs::copy_file(kept, file);
+    defaults->setText("a", "1");
+    defaults->synchronize();
+    EXPECT_THAT(defaults->text("Marbleway_VendorID"), Optional(std::string("mine")));
+    EXPECT_EQ(read(file), R"({"Marbleway_VendorID":"mine","a":"1"})");
+  }
 }
 
 TEST_F(FileDefaultsTest, StandInTheDocumentsDirectoryWhichIsMadeWhenTheyAreWritten) {

@@ -18,7 +18,7 @@ std::string kept(std::string_view key, Make make) {
   std::string made = make();
   defaults->setText(key, made);
   defaults->synchronize();
-  return made;
+  return defaults->text(key).value_or(made);  // another process may have been first
 }
 
 }  // namespace

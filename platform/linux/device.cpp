@@ -46,7 +46,7 @@ class LinuxDevice final : public Device {
     std::call_once(isMade_, [this] { vendorIdentifier_ = newUUID(); });
     defaults->setText(kKey, vendorIdentifier_);
     defaults->synchronize();
-    return vendorIdentifier_;
+    return defaults->text(kKey).value_or(vendorIdentifier_);  // another process may have been first
   }
 
   std::string advertisingIdentifier() override { return {}; }

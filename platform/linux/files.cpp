@@ -7,6 +7,8 @@
 
 #include <array>
 #include <cerrno>
+#include <chrono>
+#include <thread>
 
 #include "platform/write_guard.h"
 
@@ -29,14 +31,21 @@ class Descriptor {
   int number_;
 };
 
-/// Takes a temporary file for this process; false while another process has it, or when it has
-/// just been renamed by one.
-bool owns(const Descriptor& temporary, const std::filesystem::path& name) {
-  struct stat opened {
-  }, named{};
-  return flock(temporary.number(), LOCK_EX | LOCK_NB) == 0 &&
-         fstat(temporary.number(), &opened) == 0 && lstat(name.c_str(), &named) == 0 &&
-         opened.st_dev == named.st_dev && opened.st_ino == named.st_ino;
+int openDirectory(const std::filesystem::path& directory) {
+  return ::open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+}
+
+/// Not by waiting in the system, which has no end: by asking again and again.
+bool lockSoon(int descriptor) {
+  using Clock = std::chrono::steady_clock;
+  constexpr std::chrono::seconds kLongestWait{2};
+  constexpr std::chrono::milliseconds kNap{1};
+  const auto deadline = Clock::now() + kLongestWait;
+  while (flock(descriptor, LOCK_EX | LOCK_NB) != 0) {
+    if ((errno != EWOULDBLOCK && errno != EINTR) || Clock::now() >= deadline) return false;
+    std::this_thread::sleep_for(kNap);
+  }
+  return true;
 }
 
 bool fill(const Descriptor& file, std::string_view bytes) {
@@ -45,7 +54,7 @@ bool fill(const Descriptor& file, std::string_view bytes) {
 }
 
 bool syncDirectory(const std::filesystem::path& directory) {
-  const Descriptor folder(::open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  const Descriptor folder(openDirectory(directory));
   return folder.isOpen() && fsync(folder.number()) == 0;
 }
 
@@ -80,13 +89,22 @@ FileContent readFile(const std::filesystem::path& file) {
   }
 }
 
+DirectoryLock::DirectoryLock(const std::filesystem::path& directory)
+    : directory_(openDirectory(directory)), isHeld_(directory_ >= 0 && lockSoon(directory_)) {}
+
+DirectoryLock::~DirectoryLock() {
+  // In so many words: a child of a fork has the descriptor too, and keeps it open.
+  if (isHeld_) flock(directory_, LOCK_UN);
+  if (directory_ >= 0) ::close(directory_);
+}
+
 bool replaceFile(const std::filesystem::path& file, std::string_view bytes) {
   const WriteGuard guard;
   // Always the same name: what a killed process leaves there, the next writing takes away.
   const std::filesystem::path name = std::filesystem::path(file) += ".new";
   const Descriptor temporary(
       ::open(name.c_str(), O_WRONLY | O_CREAT | O_NOFOLLOW | O_CLOEXEC, S_IRUSR | S_IWUSR));
-  if (!temporary.isOpen() || !owns(temporary, name)) return false;
+  if (!temporary.isOpen()) return false;
 
   if (!fill(temporary, bytes) || ::rename(name.c_str(), file.c_str()) != 0) {
     ::unlink(name.c_str());

@@ -20,6 +20,11 @@ namespace marbleway::platform {
 ///
 /// A file that holds no JSON object is kept aside as "<file>.unreadable". One that cannot be read
 /// now is left alone: values live in memory, and join the file's once it can be read.
+///
+/// Processes share a file: each writes its own changes into what the others have written, one at a
+/// time by a lock on the directory. While one is stuck with that lock, the others wait two seconds
+/// at each writing, write nothing, and run on with values in memory. A text that was asked for,
+/// missing, and then set yields to one that the file turns out to hold: identifiers are made once.
 std::shared_ptr<UserDefaults> makeFileDefaults(const std::filesystem::path& file = {});
 
 /// The vendor identifier is kept in the user defaults under "Marbleway_VendorID"; there is no
