@@ -18,37 +18,36 @@ using OptionalText = std::optional<std::string>;
 using TimerHandle = Guarded<std::shared_ptr<platform::Timer>>;
 
 /// The session that rows are stamped with, an upper-case UUID; absent between sessions.
-inline constinit Guarded<OptionalText> sessionID;
+extern constinit Guarded<OptionalText> sessionID;
 /// When the session began, and when it was last active: texts of `getUTCTimeStamp`.
-inline constinit Guarded<OptionalText> SessionStartTime, SessionTime;
+extern constinit Guarded<OptionalText> SessionStartTime, SessionTime;
 /// The project's token as start-up got it; sent with each request.
-inline constinit Guarded<OptionalText> internalProjectToken;
+extern constinit Guarded<OptionalText> internalProjectToken;
 /// The base of every server path; ends in "/v2/".
-inline constinit Guarded<OptionalText> apiURL;
+extern constinit Guarded<OptionalText> apiURL;
 /// The server's list; captured requests whose whole URL an entry contains are not uploaded.
-inline constinit Guarded<std::optional<std::vector<std::string>>> networkBlacklist;
+extern constinit Guarded<std::optional<std::vector<std::string>>> networkBlacklist;
 
 /// True while a session is open.
-inline constinit std::atomic<bool> isValidSession{false};
+extern constinit std::atomic<bool> isValidSession;
 /// False until start-up has run, and again once the server has refused the project.
-inline constinit std::atomic<bool> isSDKValid{false};
+extern constinit std::atomic<bool> isSDKValid;
 /// Whether the latest handshake reached the server, whatever it answered.
-inline constinit std::atomic<bool> isConnectedToInternet{false};
+extern constinit std::atomic<bool> isConnectedToInternet;
 /// Whether the server allows the advertising identifier.
-inline constinit std::atomic<bool> isAdvertisingID{false};
+extern constinit std::atomic<bool> isAdvertisingID;
 
 /// The options; privacy mode, session timeout and network monitoring are later the server's.
-inline constinit std::atomic<bool> isLoggingEnabled{false}, isSDKDebuggingEnabled{false},
-    isTrackingEnabled{false}, isUploadingEnabled{false}, isPrivacyMode{false},
-    isPerformanceMonitoringEnabled{false}, isNetworkMonitoringEnabled{false};
+extern constinit std::atomic<bool> isLoggingEnabled, isSDKDebuggingEnabled, isTrackingEnabled,
+    isUploadingEnabled, isPrivacyMode, isPerformanceMonitoringEnabled, isNetworkMonitoringEnabled;
 /// Seconds between two uploads; seconds of idleness that end a session.
-inline constinit std::atomic<float> DispatchTime{0}, SessionTimeout{0};
+extern constinit std::atomic<float> DispatchTime, SessionTimeout;
 
 /// The timers of upload and expiry; the three of performance sampling, which nothing starts.
-inline constinit TimerHandle TimerTask, SessionTask, CPUTask, MemoryTask, BatteryTask;
+extern constinit TimerHandle TimerTask, SessionTask, CPUTask, MemoryTask, BatteryTask;
 
 /// The one location manager, replaced by each call that enables monitoring.
-inline constinit Guarded<std::shared_ptr<platform::LocationManager>> mrbwLocationManager;
+extern constinit Guarded<std::shared_ptr<platform::LocationManager>> mrbwLocationManager;
 
 inline constexpr const char* DBFileName = "mrbw-analytics-prod-220.sqlite";
 inline constexpr const char* HTTPDBFileName = "mrbw-http-prod-220.sqlite";
