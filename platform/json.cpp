@@ -27,11 +27,17 @@ class Builder : public rj::BaseReaderHandler<rj::UTF8<>, Builder> {
 
   bool Null() { return add(nullptr); }
   bool Bool(bool flag) { return add(flag); }
-  bool Int(int number) { return add(number); }
-  bool Uint(unsigned number) { return add(number); }
-  bool Int64(std::int64_t number) { return add(number); }
-  bool Uint64(std::uint64_t number) { return add(number); }
-  bool Double(double number) { return add(number); }
+  bool RawNumber(const char* text, rj::SizeType length, bool /*copy*/) {
+    const char* const end = text + length;
+    std::int64_t integer = 0;
+    const auto [last, error] = std::from_chars(text, end, integer);
+    if (error == std::errc() && last == end) return add(integer);
+    double real = 0;
+    if (std::from_chars(text, end, real).ec == std::errc()) return add(real);
+    long double wide = 0;  // holds whatever the reader takes; what is too small for it stays 0
+    (void)std::from_chars(text, end, wide);
+    return std::abs(wide) < 1 && add(0.0);
+  }
   bool String(const char* text, rj::SizeType length, bool /*copy*/) {
     return add(std::string_view(text, length));
   }
@@ -175,8 +181,9 @@ std::optional<std::string> written(const Root& value) {
 }  // namespace
 
 std::optional<Value> valueFromJSON(std::string_view text) {
+  // The numbers are read here: the reader takes "0e42" for another number than 0.
   constexpr unsigned kFlags =
-      rj::kParseIterativeFlag | rj::kParseFullPrecisionFlag | rj::kParseValidateEncodingFlag;
+      rj::kParseIterativeFlag | rj::kParseNumbersAsStringsFlag | rj::kParseValidateEncodingFlag;
   rj::MemoryStream stream(text.data(), text.size());
   rj::Reader reader;
   Builder builder;

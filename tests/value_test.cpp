@@ -107,13 +107,22 @@ TEST(JSONTest, ReadsJSONAndNothingElse) {
   EXPECT_THAT(valueFromJSON(R"( {"a":[1,2.5,"x",null,true],"a":{"b":-1}} )"),
               Optional(Eq(Value(Dictionary{{"a", Dictionary{{"b", -1}}}}))));
   EXPECT_THAT(valueFromJSON("3"), Optional(Eq(Value(3))));
+  const struct {
+    const char* text;
+    double number;
+  } numbers[] = {{"0e42", 0}, {"0.0e300", 0}, {"1e-5000", 0}, {"25e-1", 2.5}, {"1e19", 1e19}};
+  for (const auto& [text, number] : numbers) {
+    EXPECT_THAT(valueFromJSON(text), Optional(Eq(Value(number)))) << text;
+  }
   const auto arrays = [](std::size_t levels) {
     return std::string(levels, '[').append(levels, ']');
   };
   EXPECT_TRUE(valueFromJSON(arrays(512)));
-  for (const std::string& text : {std::string(), std::string("{"), std::string("{} x"),
-                                  std::string("'a'"), std::string("\"\xFF\""), std::string("nul"),
-                                  std::string("1e999"), arrays(513), std::string(100000, '[')}) {
+  for (const std::string& text :
+       {std::string(), std::string("{"), std::string("{} x"), std::string("'a'"),
+        std::string("\"\xFF\""), std::string("nul"), std::string("1e999"), std::string("9e308"),
+
+        arrays(513), std::string(100000, '[')}) {
     EXPECT_FALSE(valueFromJSON(text)) << text.substr(0, 20);
   }
 }
