@@ -190,6 +190,7 @@ std::optional<Value> valueFromJSON(std::string_view text) {
   rj::Reader reader;
   Builder builder;
   if (!reader.Parse<kFlags>(stream, builder)) return std::nullopt;
+  if (stream.Tell() != text.size()) return std::nullopt;  // a NUL ends the text for the reader
   return builder.take();
 }
 

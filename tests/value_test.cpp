@@ -121,8 +121,8 @@ TEST(JSONTest, ReadsJSONAndNothingElse) {
   for (const std::string& text :
        {std::string(), std::string("{"), std::string("{} x"), std::string("'a'"),
         std::string("\"\xFF\""), std::string("nul"), std::string("1e999"), std::string("9e308"),
-        std::string(R"(["\ude00"])"), std::string(R"({"\ude00":1})"), arrays(513),
-        std::string(100000, '[')}) {
+        std::string(R"(["\ude00"])"), std::string(R"({"\ude00":1})"), std::string("{}\0x", 4),
+        arrays(513), std::string(100000, '[')}) {
     EXPECT_FALSE(valueFromJSON(text)) << text.substr(0, 20);
   }
 }
