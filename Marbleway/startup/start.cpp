@@ -21,13 +21,13 @@ void leaveToParent() {
   isConnectedToInternet = false;
   for (TimerHandle* task : {&TimerTask, &SessionTask}) task->store(nullptr);
   Pending::forget();
-  abandonBusyStores();
+  releaseStoresInChild();
 }
 
 }  // namespace
 
 void initMarbleway(const Text& projectToken, const Dictionary& options) {
-  platform::watchForks(leaveToParent);
+  platform::watchForks(leaveToParent, holdStores, releaseStores);
 
   const std::string identifier = platform::current()->device->newIdentifier();
   sessionID.store(identifier);

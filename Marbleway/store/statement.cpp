@@ -3,10 +3,14 @@
 #include <sqlite3.h>
 
 #include <atomic>
+#include <condition_variable>
+#include <memory>
+#include <mutex>
 #include <string>
 #include <utility>
 
 #include "Marbleway/startup/state.h"
+#include "platform/guarded.h"
 #include "platform/platform.h"
 #include "platform/utf8.h"
 
@@ -17,9 +21,33 @@ using std::chrono::steady_clock;
 
 constexpr std::chrono::seconds kLongestWait{2};
 
-constinit std::atomic<int> openFiles{0};
 constinit std::atomic<int> waitingFiles{0};  // open ones that have had to wait
 constinit std::atomic<bool> areAbandoned{false};
+
+/// The open connections, and the forks that keep others from being opened.
+struct Openings {
+  std::mutex lock;
+  std::condition_variable changed;
+  int open = 0;
+  int forks = 0;
+};
+
+Openings& openings() {
+  static Lasting<Openings> counting;
+  return counting.value;
+}
+
+void countOpening() {
+  std::unique_lock lock(openings().lock);
+  openings().changed.wait(lock, [] { return openings().forks == 0; });
+  ++openings().open;
+}
+
+void countClosing() {
+  const std::scoped_lock lock(openings().lock);
+  --openings().open;
+  if (openings().forks > 0) openings().changed.notify_all();
+}
 
 }  // namespace
 
@@ -27,12 +55,24 @@ std::filesystem::path pathOf(Store store) {
   return platform::documentsDirectory() / (store == Store::event ? DBFileName : HTTPDBFileName);
 }
 
-void abandonBusyStores() noexcept {
-  if (openFiles > 0) areAbandoned = true;
+void holdStores() noexcept {
+  std::unique_lock lock(openings().lock);
+  ++openings().forks;
+  openings().changed.wait_for(lock, kLongestWait, [] { return openings().open == 0; });
+}
+
+void releaseStores() noexcept {
+  const std::scoped_lock lock(openings().lock);
+  if (--openings().forks == 0) openings().changed.notify_all();
+}
+
+void releaseStoresInChild() noexcept {
+  if (openings().open > 0) areAbandoned = true;
+  std::construct_at(&openings());
 }
 
 StoreFile::StoreFile(const std::filesystem::path& path, Missing missing) {
-  ++openFiles;
+  countOpening();
   if (areAbandoned) return;
   // Who waits looks once in a millisecond; a thread that closes and opens would always be first.
   if (waitingFiles > 0) sqlite3_sleep(1);
@@ -49,7 +89,7 @@ StoreFile::StoreFile(const std::filesystem::path& path, Missing missing) {
 StoreFile::~StoreFile() {
   sqlite3_close(connection_);
   if (waited_ > waited_.zero()) --waitingFiles;
-  --openFiles;
+  countClosing();
 }
 
 // Short naps: with SQLite's own, ever longer ones, eight busy threads starve each other.

@@ -68,9 +68,13 @@ class Statement {
   sqlite3_stmt* statement_ = nullptr;  // null when it could not be prepared
 };
 
-/// Called in the child of a fork. If a connection was open in the parent at that moment, locks of
-/// SQLite's may be held here for ever: no store is opened any more, and rows are lost in silence.
-void abandonBusyStores() noexcept;
+/// Around a fork, so that its child finds no lock of SQLite's held: waits until no connection is
+/// open, two seconds at most, and lets none be opened until the parent releases them.
+void holdStores() noexcept;
+void releaseStores() noexcept;
+/// Called in the child. If a connection was open all the same, locks of SQLite's may be held here
+/// for ever: no store is opened any more, and rows are lost in silence.
+void releaseStoresInChild() noexcept;
 
 /// The text of an INSERT that names `id` and every other column of one table, in order, with a "?"
 /// for each. Any other text does not compile.

@@ -9,24 +9,36 @@
 namespace marbleway::platform {
 namespace {
 
-constinit std::atomic<void (*)()> hook{nullptr};
+struct Hooks {
+  void (*inChild)();
+  void (*before)();
+  void (*inParent)();
+};
+constinit std::atomic<bool> isWatching{false};
+constinit Hooks hooks{};  // set before the first fork that is watched
 
-void prepare() { guardedLock.lock(); }
+void prepare() {
+  hooks.before();
+  guardedLock.lock();
+}
 
-void resumeParent() { guardedLock.unlock(); }
+void resumeParent() {
+  guardedLock.unlock();
+  hooks.inParent();
+}
 
 void resumeChild() {
   guardedLock.unlock();
   abandonOwnServices();
-  if (const auto inChild = hook.load()) inChild();
+  hooks.inChild();
 }
 
 }  // namespace
 
-void watchForks(void (*inChild)()) {
-  void (*none)() = nullptr;
-  if (!hook.compare_exchange_strong(none, inChild)) return;
-  if (pthread_atfork(prepare, resumeParent, resumeChild) != 0) hook = nullptr;  // try again later
+void watchForks(void (*inChild)(), void (*before)(), void (*inParent)()) {
+  if (isWatching.exchange(true)) return;
+  hooks = {inChild, before, inParent};
+  if (pthread_atfork(prepare, resumeParent, resumeChild) != 0) isWatching = false;  // later again
 }
 
 }  // namespace marbleway::platform
