@@ -32,6 +32,7 @@ using platform::kLongestAnswer;
 using platform::makeCurlClient;
 using ::testing::ExitedWithCode;
 using ::testing::SizeIs;
+using ::testing::StartsWith;
 using Result = std::optional<HttpAnswer>;
 using Clock = std::chrono::steady_clock;
 
@@ -159,7 +160,7 @@ TEST_F(HttpClientTest, TakesNothingForAnAnswerThatIsNotCompleteAndPostsNothingAg
 }
 
 TEST_F(HttpClientTest, EndsAnExchangeAfterSilenceButNotOneThatTrickles) {
-  client = makeCurlClient(500ms);
+  client = makeCurlClient({.silence = 500ms});
   const std::string body(60, 'x');  // 600 ms
   server.answer({.manner = Manner::trickled, .body = body, .pause = 10ms});
   const Result answer = answerTo(requestTo(server.url()));
@@ -174,12 +175,40 @@ TEST_F(HttpClientTest, EndsAnExchangeAfterSilenceButNotOneThatTrickles) {
   EXPECT_GE(Clock::now() - began, 500ms);
 }
 
-TEST_F(HttpClientTest, AsksNoProxyForLoopback) {
-  const RefusingPort proxy;
-  setenv("http_proxy", proxy.url().c_str(), 1);
-  server.answer({});
-  EXPECT_TRUE(answerTo(requestTo(server.url())));
-  unsetenv("http_proxy");
+TEST_F(HttpClientTest, AsksTheProxyForEveryHostButLoopback) {
+  const std::string plain = "http://example.invalid/v2/", secret = "https://example.invalid/v2/";
+  const RefusingPort nobody;
+  const struct {
+    std::string option, plainVariable, secureVariable, exceptions, url;
+    const char* line;  // begins the request as the proxy, or on loopback the server, sees it
+  } cases[] = {
+      {server.url(), "", "", "", plain, "POST http://example.invalid/v2/ HTTP/1.1\r\n"},
+      {server.url(), nobody.url(), "", "*", plain, "POST http://example.invalid/v2/ HTTP/1.1\r\n"},
+      {"", server.url(), "", "", plain, "POST http://example.invalid/v2/ HTTP/1.1\r\n"},
+      {"", server.url(), "", "example.invalid", plain, nullptr},
+      {nobody.url(), server.url(), "", "", plain, nullptr},
+      {server.url(), "", "", "", secret, "CONNECT example.invalid:443 HTTP/1.1\r\n"},
+      {"", "", server.url(), "", secret, "CONNECT example.invalid:443 HTTP/1.1\r\n"},
+      {nobody.url(), nobody.url(), nobody.url(), "", server.url(), "POST /v2/ HTTP/1.1\r\n"},
+  };
+  server.answerWith([](const Received&) { return Answer{.status = 403}; });
+  for (const auto& [option, plainVariable, secureVariable, exceptions, url, line] : cases) {
+    SCOPED_TRACE(url + " " + option + " " + plainVariable);
+    setenv("http_proxy", plainVariable.c_str(), 1);
+    setenv("https_proxy", secureVariable.c_str(), 1);
+    setenv("no_proxy", exceptions.c_str(), 1);
+    const std::size_t before = server.requests().size();
+    client = makeCurlClient({.proxy = option});
+    HttpRequest request = requestTo(url);
+    request.headers = {{"token", "t"}};
+    EXPECT_EQ(answerTo(std::move(request)).has_value(), line != nullptr && *line == 'P');
+    const std::vector<Received> received = server.requests();
+    ASSERT_THAT(received, SizeIs(before + (line != nullptr ? 1 : 0)));
+    if (line == nullptr) continue;
+    EXPECT_THAT(received.back().head, StartsWith(line));
+    EXPECT_EQ(received.back().head.find("token: t") != std::string::npos, *line == 'P');
+  }
+  for (const char* variable : {"http_proxy", "https_proxy", "no_proxy"}) unsetenv(variable);
 }
 
 TEST_F(HttpClientTest, RequestsOverlap) {

@@ -37,7 +37,7 @@ class WireTest : public MarblewayTest {
                .developmentURL = url,
                .bundleIdentifier = "org.example.app",
                .appVersion = "3.1"});
-    client = platform::makeCurlClient(silence);
+    client = platform::makeCurlClient({.silence = silence});
     platform::install({.mainLoop = loop, .httpClient = client});
   }
   static void start(const Text& token, bool uploads = true) {

@@ -22,7 +22,7 @@ namespace {
 /// A loop and its thread, which has a share in it: a thread that the end of the process leaves
 /// standing never finds it gone.
 struct Runner {
-  explicit Runner(std::chrono::milliseconds silence) : loop(silence) {}
+  explicit Runner(HttpOptions options) : loop(std::move(options)) {}
 
   TransferLoop loop;
   std::thread thread;
@@ -94,8 +94,8 @@ bool start(const std::shared_ptr<Runner>& runner) {
 
 class CurlClient : public HttpClient {
  public:
-  explicit CurlClient(std::chrono::milliseconds silence)
-      : runner_(std::make_shared<Runner>(silence)) {}
+  explicit CurlClient(HttpOptions options)
+      : runner_(std::make_shared<Runner>(std::move(options))) {}
   CurlClient(const CurlClient&) = delete;
   CurlClient& operator=(const CurlClient&) = delete;
   ~CurlClient() override;
@@ -122,8 +122,8 @@ CurlClient::~CurlClient() {
 
 }  // namespace
 
-std::shared_ptr<HttpClient> makeCurlClient(std::chrono::milliseconds silence) {
-  return std::make_shared<CurlClient>(silence);
+std::shared_ptr<HttpClient> makeCurlClient(HttpOptions options) {
+  return std::make_shared<CurlClient>(std::move(options));
 }
 
 }  // namespace marbleway::platform

@@ -78,17 +78,18 @@ Transfer::Transfer(HttpRequest request, Done done)
   request_.answerLimit = std::min(request_.answerLimit, kLongestAnswer);
 }
 
-bool Transfer::begin(CURLM* multi, Time now) {
+bool Transfer::begin(CURLM* multi, const HttpOptions& options, Time now) {
   lastByte_ = now;
   easy_.reset(curl_easy_init());
-  if (!easy_ || !prepare(easy_.get()) || curl_multi_add_handle(multi, easy_.get()) != CURLM_OK) {
+  if (!easy_ || !prepare(easy_.get(), options) ||
+      curl_multi_add_handle(multi, easy_.get()) != CURLM_OK) {
     return false;
   }
   multi_ = multi;
   return true;
 }
 
-bool Transfer::prepare(CURL* easy) noexcept {
+bool Transfer::prepare(CURL* easy, const HttpOptions& options) noexcept {
   bool isSet = true;
   const auto set = [&](CURLoption option, auto value) {
     isSet = isSet && curl_easy_setopt(easy, option, value) == CURLE_OK;
@@ -106,6 +107,14 @@ bool Transfer::prepare(CURL* easy) noexcept {
   set(CURLOPT_FOLLOWLOCATION, 0L);
   set(CURLOPT_SSL_VERIFYPEER, 1L);
   set(CURLOPT_SSL_VERIFYHOST, 2L);
+  if (!options.authorities.empty()) {
+    set(CURLOPT_CAINFO, options.authorities.c_str());
+    set(CURLOPT_CAPATH, nullptr);  // would add the system's
+  }
+  if (!options.proxy.empty()) {
+    set(CURLOPT_PROXY, options.proxy.c_str());
+    set(CURLOPT_NOPROXY, "");  // the environment's exceptions are from its own proxy
+  }
   if (isLoopback(request_.url)) set(CURLOPT_NOPROXY, "*");
 
   set(CURLOPT_NOSIGNAL, 1L);

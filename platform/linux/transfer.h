@@ -7,7 +7,7 @@
 #include <memory>
 #include <optional>
 
-#include "platform/http.h"
+#include "platform/linux/http_client.h"
 
 namespace marbleway::platform {
 
@@ -31,7 +31,7 @@ class Transfer {
   Transfer(HttpRequest request, Done done);
 
   /// Sets out on `multi`, which outlives the exchange. False: there is no room for it.
-  bool begin(CURLM* multi, Time now);
+  bool begin(CURLM* multi, const HttpOptions& options, Time now);
   /// Leaves `multi` and lets go of the body; only what is `complete` counts as an answer.
   void end(bool complete) noexcept;
   /// Runs `done`, after the end and once. What it throws ends here.
@@ -45,7 +45,7 @@ class Transfer {
   static std::size_t keep(const char* bytes, std::size_t one, std::size_t size,
                           void* transfer) noexcept;
 
-  bool prepare(CURL* easy) noexcept;
+  bool prepare(CURL* easy, const HttpOptions& options) noexcept;
 
   HttpRequest request_;
   Done done_;

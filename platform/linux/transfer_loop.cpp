@@ -95,7 +95,8 @@ void TransferLoop::admit(Transfers& over) {
   while (!arrived.empty()) {
     if (active_.size() == kMostAtOnce) finish(active_.begin(), false, over);
     active_.splice(active_.end(), arrived, arrived.begin());
-    const bool hasBegun = multi_ && active_.back().begin(multi_.get(), Transfer::Clock::now());
+    const bool hasBegun =
+        multi_ && active_.back().begin(multi_.get(), options_, Transfer::Clock::now());
     if (!hasBegun) finish(std::prev(active_.end()), false, over);
   }
 }
@@ -112,7 +113,7 @@ Transfer::Time TransferLoop::collect(Transfers& over) {
   const Transfer::Time now = Transfer::Clock::now();
   for (auto next = active_.begin(); next != active_.end();) {
     const auto transfer = next++;
-    const Transfer::Time silent = transfer->lastByte(now) + silence_;
+    const Transfer::Time silent = transfer->lastByte(now) + options_.silence;
     earliest = std::min(earliest, silent);
     if (silent <= now) finish(transfer, false, over);
   }

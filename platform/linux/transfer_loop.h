@@ -2,12 +2,13 @@
 
 #include <curl/curl.h>
 
-#include <chrono>
 #include <condition_variable>
 #include <list>
 #include <memory>
 #include <mutex>
+#include <utility>
 
+#include "platform/linux/http_client.h"
 #include "platform/linux/transfer.h"
 
 namespace marbleway::platform {
@@ -16,8 +17,7 @@ namespace marbleway::platform {
 /// flight. The other functions are called on any thread.
 class TransferLoop {
  public:
-  /// An exchange that is without a byte for `silence` ends as no answer.
-  explicit TransferLoop(std::chrono::milliseconds silence) : silence_(silence) {}
+  explicit TransferLoop(HttpOptions options) : options_(std::move(options)) {}
 
   /// Works until `stop`, and runs each exchange's `done` with no lock held.
   void run();
@@ -45,7 +45,7 @@ class TransferLoop {
   Transfers abandon();
   void finish(Transfers::iterator transfer, bool complete, Transfers& over);
 
-  const std::chrono::milliseconds silence_;
+  const HttpOptions options_;
 
   std::mutex next_;     // held on the way to `driving_`: whoever waits for that has the next turn
   std::mutex driving_;  // held by the thread while it is in libcurl
