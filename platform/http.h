@@ -32,9 +32,10 @@ class [[gnu::visibility("default")]] HttpClient {
  public:
   virtual ~HttpClient() = default;
 
-  /// Posts `request` and returns at once; requests overlap. `done` runs exactly once, never on the
-  /// caller's thread; it is given nothing when no answer came (no network, 60 s without a byte,
-  /// refused, cut off), whatever the reason. At the process's end it may not run any more.
+  /// Posts `request` and returns at once; requests overlap. `done` runs exactly once, on another
+  /// thread or later on the main loop; it is given nothing when no answer came (no network, 60 s
+  /// without a byte, refused, cut off), whatever the reason. At the process's end it may not run
+  /// any more.
   virtual void post(HttpRequest request, std::function<void(std::optional<HttpAnswer>)> done) = 0;
 };
 

@@ -19,6 +19,8 @@
 #include <utility>
 #include <vector>
 
+#include "platform/manual_loop.h"
+#include "platform/platform.h"
 #include "tests/support/loopback_server.h"
 
 namespace marbleway::tests {
@@ -328,6 +330,27 @@ void forkWithARequestInFlight(const char* scheme) {
   const std::vector<Received> requests = server.requests();
   const auto sent = std::ranges::count(requests, "child", &Received::body);
   std::exit(children == 5 && sent == 5 && requests.size() <= 6 && runs == 0 ? 0 : 1);
+}
+
+/// Exits with 0 when a request without a thread ends as no answer on the main loop.
+void postWithoutAThread() {
+  const auto loop = std::make_shared<platform::ManualLoop>();
+  platform::install({.mainLoop = loop});
+  const rlimit none{0, 0};
+  setrlimit(RLIMIT_NPROC, &none);
+  if (getuid() == 0) (void)!setuid(65534);  // the limit does not hold for root
+  std::vector<Result> results;
+  const std::shared_ptr<HttpClient> client = makeCurlClient();
+  client->post(requestTo("http://127.0.0.1/v2/"),
+               [&](Result result) { results.push_back(std::move(result)); });
+  const bool isEarly = !results.empty();
+  loop->runDue();
+  std::exit(!isEarly && results.size() == 1 && !results.front() ? 0 : 1);
+}
+
+TEST(HttpClientDeathTest, WithoutAThreadARequestEndsOnTheMainLoop) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  EXPECT_EXIT(postWithoutAThread(), ExitedWithCode(0), "");
 }
 
 TEST(HttpClientDeathTest, TheProcessEndsAtOnceAndForksWithARequestInFlight) {

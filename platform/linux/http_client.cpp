@@ -15,6 +15,7 @@
 #include "platform/guarded.h"
 #include "platform/linux/background_thread.h"
 #include "platform/linux/transfer_loop.h"
+#include "platform/platform.h"
 
 namespace marbleway::platform {
 namespace {
@@ -103,7 +104,11 @@ class CurlClient : public HttpClient {
   void post(HttpRequest request, Transfer::Done done) override {
     std::list<Transfer> one;
     one.emplace_back(std::move(request), std::move(done));
-    if (start(runner_)) runner_->loop.take(std::move(one));
+    if (start(runner_)) return runner_->loop.take(std::move(one));
+    if (runners().areHeldForEver) return;
+    current()->mainLoop->post([unsent = std::make_shared<std::list<Transfer>>(std::move(one))] {
+      unsent->front().tell();
+    });
   }
 
  private:

@@ -27,7 +27,7 @@ struct HttpOptions {
 ///
 /// Requests overlap, 64 at most: one more ends the oldest as no answer. Loopback is never proxied;
 /// a proxy of https requests sees the server's name and nothing else. When no thread can be had the
-/// request is dropped and its `done` never runs.
+/// request ends as no answer, on the main loop in force, and the next one tries again.
 ///
 /// Destroying the client ends what is in flight as no answer, runs each `done` and joins the
 /// thread. The process may end or fork with requests in flight. From its end on the thread is kept
