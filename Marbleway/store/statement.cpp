@@ -2,6 +2,7 @@
 
 #include <sqlite3.h>
 
+#include <algorithm>
 #include <atomic>
 #include <condition_variable>
 #include <memory>
@@ -20,6 +21,7 @@ namespace {
 using std::chrono::steady_clock;
 
 constexpr std::chrono::seconds kLongestWait{2};
+constexpr std::chrono::milliseconds kNap{1};
 
 constinit std::atomic<int> waitingFiles{0};  // open ones that have had to wait
 constinit std::atomic<bool> areAbandoned{false};
@@ -75,7 +77,7 @@ StoreFile::StoreFile(const std::filesystem::path& path, Missing missing) {
   countOpening();
   if (areAbandoned) return;
   // Who waits looks once in a millisecond; a thread that closes and opens would always be first.
-  if (waitingFiles > 0) sqlite3_sleep(1);
+  if (waitingFiles > 0) sqlite3_sleep(kNap.count());
   // One thread uses the connection, so it needs no lock of its own.
   const int flags = SQLITE_OPEN_READWRITE | SQLITE_OPEN_NOMUTEX |
                     (missing == Missing::isMade ? SQLITE_OPEN_CREATE : 0);
@@ -98,8 +100,9 @@ int StoreFile::nap(void* file, int /*naps*/) {
   if (self.waited_ >= kLongestWait) return 0;
   if (self.waited_ == self.waited_.zero()) ++waitingFiles;
   const auto start = steady_clock::now();
-  sqlite3_sleep(1);
-  self.waited_ += steady_clock::now() - start;
+  sqlite3_sleep(kNap.count());
+  // A nap that returns early counts in full, so that their number has an end too.
+  self.waited_ += std::max<steady_clock::duration>(steady_clock::now() - start, kNap);
   return 1;
 }
 
@@ -117,14 +120,14 @@ Statement::Statement(Store store, const char* sql, Journal journal) : file_(path
 Statement::~Statement() { sqlite3_finalize(statement_); }
 
 void Statement::bind(int index, const Text& text) {
-  if (text.isAbsent()) {
-    sqlite3_bind_null(statement_, index);
-  } else if (const auto bytes = text.view(); validPrefix(bytes) == bytes.size()) {
-    sqlite3_bind_text64(statement_, index, bytes.data(), bytes.size(), SQLITE_TRANSIENT,
-                        SQLITE_UTF8);
-  } else {
-    bind(index, repaired(bytes));
-  }
+  const auto bytes = text.view();
+  if (validPrefix(bytes) != bytes.size()) return bind(index, repaired(bytes));
+  const int result = text.isAbsent()
+                         ? sqlite3_bind_null(statement_, index)
+                         : sqlite3_bind_text64(statement_, index, bytes.data(), bytes.size(),
+                                               SQLITE_TRANSIENT, SQLITE_UTF8);
+  // A row that lacks one of its texts would tell what was not so.
+  if (result != SQLITE_OK) sqlite3_finalize(std::exchange(statement_, nullptr));
 }
 
 bool Statement::step() { return statement_ != nullptr && sqlite3_step(statement_) == SQLITE_ROW; }

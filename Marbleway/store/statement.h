@@ -54,7 +54,8 @@ class Statement {
   Statement& operator=(const Statement&) = delete;
   ~Statement();
 
-  /// Binds parameter `index` (from 1): valid UTF-8, or NULL when `text` is absent.
+  /// Binds parameter `index` (from 1): valid UTF-8, or NULL when `text` is absent. Without memory
+  /// for it the whole statement does nothing.
   void bind(int index, const Text& text);
   /// True while there is a row. False at the end and at any failure, which are not told apart.
   bool step();
