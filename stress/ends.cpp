@@ -58,7 +58,7 @@ Outcome killRecording(const Effort& effort) {
 
 Outcome killFirstStart(const Effort& effort) {
   return repeat(effort, effort.of(100), [](const fs::path& directory, Chance& chance) {
-    return killed(directory, 0, instantBefore(15ms, chance));
+    return killed(directory, 0, instantBefore(20ms, chance));
   });
 }
 

@@ -1,14 +1,9 @@
-#include <fcntl.h>
-#include <poll.h>
 #include <sys/resource.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <array>
 #include <atomic>
 #include <clocale>
-#include <csignal>
 #include <cstdlib>
 #include <functional>
 #include <locale>
@@ -20,6 +15,7 @@
 #include "platform/linux/main_loop.h"
 #include "tests/support/fixture.h"
 #include "tests/support/loopback_server.h"
+#include "tests/support/process_ends.h"
 
 namespace marbleway::testing {
 namespace {
@@ -35,7 +31,6 @@ using ::testing::Not;
 using ::testing::SizeIs;
 using tests::LoopbackServer;
 using tests::Manner;
-using Clock = std::chrono::steady_clock;
 
 // Tells the threads that record from the one that uploads: a day lies between them.
 thread_local bool isTomorrow = false;
@@ -68,17 +63,12 @@ class ResilienceTest : public MarblewayTest {
     EXPECT_GE(rowCount(), 0);  // all tables are there
     EXPECT_THAT(files(), Each(Not(HasSubstr("-new"))));
   }
-  // How a child of this process ends that does `work` and leaves.
-  static int statusOfChild(const std::function<void()>& work) {
-    const pid_t child = fork();
-    if (child == 0) {
-      alarm(30);
+  // What a child finds that does `work`, expectations and all.
+  static tests::Fault faultIn(const std::function<void()>& work) {
+    return tests::faultOfChild([&] {
       work();
-      _exit(::testing::Test::HasFailure() ? 1 : 0);
-    }
-    int status = -1;
-    waitpid(child, &status, 0);
-    return status;
+      return HasFailure() ? "an expectation failed" : "";
+    });
   }
 };
 
@@ -129,63 +119,18 @@ TEST_F(ResilienceTest, EightThreadsLoseNoRowWhileBatchesAreReadAndAcknowledged) 
   EXPECT_EQ(sentEvents(), kThreads * kRows);
 }
 
-constexpr std::size_t kMostRows = 2000;
-
-// A first start-up and some rows, told to `told` one by one as each call returns.
-[[noreturn]] void startAndRecord(int told) {
-  Marbleway::initMarbleway("token");
-  for (std::size_t row = 0; row < kMostRows; ++row) {
-    Marbleway::trackEvent(std::to_string(row));
-    (void)!write(told, "", 1);
-  }
-  _exit(0);
-}
-
-// Takes bytes out of `pipe` until there are `most`, its end has come, or the time is over.
-std::size_t bytesFrom(int pipe, std::size_t most, std::chrono::nanoseconds atMost) {
-  const auto deadline = Clock::now() + atMost;
-  std::vector<char> bytes(most);
-  std::size_t count = 0;
-  while (count < most) {
-    const std::chrono::nanoseconds left = std::max(0ns, deadline - Clock::now());
-    const timespec patience{.tv_sec = left / 1s, .tv_nsec = (left % 1s).count()};
-    pollfd wait{.fd = pipe, .events = POLLIN, .revents = 0};
-    if (ppoll(&wait, 1, &patience, nullptr) <= 0) break;
-    const ssize_t got = read(pipe, bytes.data(), most - count);
-    if (got <= 0) break;
-    count += static_cast<std::size_t>(got);
-  }
-  return count;
-}
-
 TEST_F(ResilienceTest, AKilledProcessLeavesEveryRowWhoseCallHadReturned) {
   constexpr std::array<std::chrono::microseconds, 8> kInstants{0us, 200us, 700us, 2ms,
                                                                4ms, 8ms,   16ms,  40ms};
   for (const std::size_t rows : {0U, 1U, 10U}) {  // 0: in the midst of the first start
     for (const auto instant : kInstants) {
       SCOPED_TRACE(std::to_string(instant.count()) + " us after row " + std::to_string(rows));
-      for (const auto& name : files()) fs::remove(directory.path() / name);
-      std::array<int, 2> pipe{};
-      ASSERT_EQ(pipe2(pipe.data(), O_CLOEXEC), 0);
-      const pid_t child = fork();
-      if (child == 0) startAndRecord(pipe[1]);
-      close(pipe[1]);
-      std::size_t returned = bytesFrom(pipe[0], rows, 30s);
-      EXPECT_EQ(returned, rows);
-      returned += bytesFrom(pipe[0], kMostRows, instant);
-      kill(child, SIGKILL);
-      waitpid(child, nullptr, 0);
-      returned += bytesFrom(pipe[0], kMostRows, 30s);
-      close(pipe[0]);
-
-      Marbleway::initMarbleway("token");
-      expectSoundStores();
-      const auto names = eventNames();
-      EXPECT_GE(names.size(), returned);
-      EXPECT_LE(names.size(), returned + 1);
-      for (std::size_t i = 0; i < names.size(); ++i) EXPECT_EQ(names[i], std::to_string(i));
-      Marbleway::trackEvent("after");
-      EXPECT_THAT(eventNames(), Contains("after"));
+      const TemporaryDirectory documents;
+      const auto start = [&] {
+        configure({.documentsDirectory = documents.path()});
+        Marbleway::initMarbleway("token");
+      };
+      EXPECT_EQ(tests::killWhileRecording(start, documents.path(), rows, instant), "");
     }
   }
 }
@@ -220,7 +165,7 @@ TEST_F(ResilienceTest, WithoutRoomOrDescriptorsTheHostRunsOnAndRecordsOnceThereA
       SCOPED_TRACE(std::to_string(left) + (resource == RLIMIT_FSIZE ? " bytes" : " descriptors") +
                    (isFirstStart ? " at the first start" : " later"));
       for (const auto& file : files()) fs::remove(directory.path() / file);
-      const int status = statusOfChild([&, resource = resource, left = left] {
+      const auto fault = faultIn([&, resource = resource, left = left] {
         if (!isFirstStart) Marbleway::initMarbleway("token");
         {
           const Shortage shortage(resource, left);
@@ -236,7 +181,7 @@ TEST_F(ResilienceTest, WithoutRoomOrDescriptorsTheHostRunsOnAndRecordsOnceThereA
         expectSoundStores();
         EXPECT_EQ(eventNames().back(), "after");
       });
-      EXPECT_EQ(status, 0);
+      EXPECT_EQ(fault, "");
     }
   }
 }
@@ -250,7 +195,7 @@ struct Foreign : std::numpunct<char> {
 };
 
 TEST_F(ResilienceTest, AnotherLocaleAndAnotherDirectoryChangeNothing) {
-  const int status = statusOfChild([&] {
+  const auto fault = faultIn([&] {
     fs::current_path(directory.path());
     configure({.documentsDirectory = "data/here",
                .bundleIdentifier = "org.example.app",
@@ -271,20 +216,21 @@ TEST_F(ResilienceTest, AnotherLocaleAndAnotherDirectoryChangeNothing) {
     batchData();
     EXPECT_THAT(http->requests().back().body, HasSubstr(R"("id":"1234567")"));
   });
-  EXPECT_EQ(status, 0);
+  EXPECT_EQ(fault, "");
 }
 
-// The library on the real network, its first request under way to a server that never answers.
-void startWithoutAnAnswer(LoopbackServer& server, const fs::path& documents) {
-  server.answerWith([](const tests::Received&) { return tests::Answer{.manner = Manner::never}; });
+// The library on the real network, a handshake and a batch under way to `url`.
+void beginTransfers(const fs::path& documents, const std::string& url) {
   configure({.documentsDirectory = documents,
-             .developmentURL = server.url(),
+             .developmentURL = url,
              .bundleIdentifier = "org.example.app",
              .appVersion = "1.0"});
   platform::install(
       {.mainLoop = platform::makeAsioLoop(), .httpClient = platform::makeCurlClient()});
   Marbleway::initMarbleway("token", {{"SDKEnvironment", 1}, {"DispatchTime", 30}});
-  EXPECT_THAT(server.waitForRequests(1), SizeIs(1));
+  isConnectedToInternet = true;
+  Marbleway::trackEvent("e");
+  batchData();
 }
 
 class ResilienceDeathTest : public ResilienceTest {
@@ -298,49 +244,42 @@ class ResilienceDeathTest : public ResilienceTest {
     unsetenv("ASAN_OPTIONS");
     unsetenv("TSAN_OPTIONS");
   }
+  // Leaves a process that has children, with 0 when all held.
+  [[noreturn]] static void leave() { _exit(HasFailure() ? 1 : 0); }
 };
-
-Clock::time_point latestExit;
 
 TEST_F(ResilienceDeathTest, TheProcessEndsAtOnceWithARequestInFlight) {
   const auto run = [this] {
-    alarm(30);
-    (void)std::atexit([] {  // runs after the library's own handlers
-      if (Clock::now() > latestExit) _exit(1);
-    });
-    LoopbackServer server;
-    startWithoutAnAnswer(server, directory.path());
-    isConnectedToInternet = true;
-    Marbleway::trackEvent("e");
-    batchData();
-    server.waitForRequests(2);
-    latestExit = Clock::now() + 1s;  // 100 ms, and what a sanitizer and a busy machine add
-    std::exit(::testing::Test::HasFailure() ? 1 : 0);
+    for (const char* scheme : {"http", "https"}) {  // to the latter nobody says a word
+      for (const auto pause : {0ms, 1ms, 5ms, 20ms, 60ms}) {
+        LoopbackServer server;
+        server.answerWith(
+            [](const tests::Received&) { return tests::Answer{.manner = Manner::never}; });
+        const auto exit = tests::exitInFlight(
+            [&] { beginTransfers(directory.path(), server.url(scheme)); }, pause);
+        EXPECT_EQ(exit.fault, "") << scheme << " after " << pause.count() << " ms";
+        EXPECT_LT(exit.took, 1s);  // 100 ms, and what a sanitizer and a busy machine add
+      }
+    }
+    leave();
   };
-  for (int i = 0; i < 5; ++i) EXPECT_EXIT(run(), ExitedWithCode(0), "");
+  EXPECT_EXIT(run(), ExitedWithCode(0), "");
 }
 
 TEST_F(ResilienceDeathTest, AChildOfAForkRecordsAndNeitherHangsNorSends) {
   const auto run = [this] {
-    alarm(30);
     LoopbackServer server;
-    startWithoutAnAnswer(server, directory.path());
-    isConnectedToInternet = true;
-    for (int i = 0; i < 5; ++i) {
-      const int status = statusOfChild([] {
-        EXPECT_TRUE(waitUntilIdle(0ms));
-        Marbleway::trackEvent("child's");
-        batchData();
-        Marbleway::stopSession();
-        EXPECT_TRUE(waitUntilIdle(0ms));
-      });
-      EXPECT_EQ(status, 0);
-    }
-    EXPECT_FALSE(waitUntilIdle(20ms));
-    EXPECT_THAT(eventNames(), SizeIs(5));
-    batchData();  // the parent goes on
-    EXPECT_THAT(server.waitForRequests(2), SizeIs(2));
-    _exit(::testing::Test::HasFailure() ? 1 : 0);
+    server.answerWith([&](const tests::Received& request) {
+      // The handshake is under way until the parent's last batch comes: one more beside the first.
+      if (request.head.find("mobile/init") != std::string::npos) server.waitForRequests(3);
+      return tests::Answer{.status = 500};
+    });
+    const auto start = [&] { beginTransfers(directory.path(), server.url()); };
+    const auto exit = tests::forkWhileRecording(start, directory.path(), 5);
+    EXPECT_EQ(exit.fault, "");
+    EXPECT_LT(exit.took, 1s);
+    EXPECT_THAT(server.requests(), SizeIs(3));
+    leave();
   };
   EXPECT_EXIT(run(), ExitedWithCode(0), "");
 }

@@ -9,6 +9,7 @@
 #include <array>
 #include <atomic>
 #include <csignal>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <set>
@@ -178,6 +179,7 @@ Fault faultOfRows(const fs::path& directory, std::size_t parents, int forks) {
 Child::Child(const std::function<void(int told)>& work, std::chrono::seconds atMost) {
   std::array<int, 2> ends{};
   if (pipe2(ends.data(), O_CLOEXEC) != 0) throw std::runtime_error("no pipe");
+  (void)std::fflush(nullptr);  // or a child that exits writes it again
   process_ = fork();
   if (process_ == 0) {
     alarm(static_cast<unsigned>(atMost.count()));
@@ -273,7 +275,8 @@ Exit forkWhileRecording(const Start& start, const fs::path& directory, int forks
     Exit exits = forkOften(forks);
     const std::size_t rows = recorders.end();
     if (exits.fault.empty()) exits.fault = faultOfRows(directory, rows, forks);
-    batchData();  // the parent goes on
+    batchData();        // the parent goes on
+    waitUntilIdle(1s);  // where the server answers
     tell(told, bytesOf(exits.took) + exits.fault);
   });
   const std::string told = parent.told(kMostBytes);
