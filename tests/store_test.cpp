@@ -6,9 +6,11 @@
 #include <array>
 #include <fstream>
 #include <functional>
+#include <map>
 #include <thread>
 
 #include "Marbleway/store/timestamp.h"
+#include "platform/linux/services.h"
 #include "tests/support/failing_vfs.h"
 #include "tests/support/fixture.h"
 
@@ -23,6 +25,7 @@ using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 using ::testing::IsEmpty;
 using ::testing::Not;
+using ::testing::Pair;
 using ::testing::SizeIs;
 using ::testing::UnorderedElementsAre;
 
@@ -80,14 +83,24 @@ TEST_F(StoreTest, TheFirstStartUpMakesSixteenTables) {
   }
 }
 
-TEST_F(StoreTest, FilesBelongToTheirOwnerAlone) {
-  const mode_t former = umask(0);
-  beginSession();  // leaves a journal
-  umask(former);
-  const std::string journal = std::string(DBFileName) + "-journal";
-  EXPECT_THAT(files(), UnorderedElementsAre(DBFileName, HTTPDBFileName, journal));
-  for (const std::string& name : files()) {
-    EXPECT_EQ(static_cast<int>(fs::status(directory.path() / name).permissions()), 0600) << name;
+TEST_F(StoreTest, DirectoriesAndFilesBelongToTheirOwnerAloneWhateverTheUmask) {
+  for (const mode_t mask : {0, 022, 0277, 0777}) {
+    SCOPED_TRACE(mask);
+    const fs::path top = directory.path() / std::to_string(mask), documents = top / "deep";
+    configure({.documentsDirectory = documents});
+    platform::install({.userDefaults = platform::makeFileDefaults()});
+    const mode_t former = umask(mask);
+    beginSession();  // leaves a journal
+    umask(former);
+    std::map<std::string, int> modes;
+    for (const auto& entry : fs::recursive_directory_iterator(top)) {
+      modes[entry.path().filename()] = static_cast<int>(entry.status().permissions());
+    }
+    const std::string journal = std::string(DBFileName) + "-journal";
+    EXPECT_EQ(static_cast<int>(fs::status(top).permissions()), 0700);
+    EXPECT_THAT(modes, UnorderedElementsAre(Pair("deep", 0700), Pair(DBFileName, 0600),
+                                            Pair(HTTPDBFileName, 0600), Pair(journal, 0600),
+                                            Pair("user-defaults.json", 0600)));
   }
 }
 

@@ -55,7 +55,8 @@ void makeDocumentsDirectory() {
   std::filesystem::path made;
   for (const auto& part : documentsDirectory()) {
     made /= part;
-    mkdir(made.c_str(), S_IRWXU);  // for what is there already this does nothing
+    // What is there already stays as it is; what is made is the owner's whatever the umask.
+    if (mkdir(made.c_str(), S_IRWXU) == 0) (void)chmod(made.c_str(), S_IRWXU);
   }
 }
 
