@@ -1,5 +1,6 @@
 #include <algorithm>
 #include <chrono>
+#include <iterator>
 #include <random>
 #include <thread>
 
@@ -86,6 +87,16 @@ Outcome forkRecording(const Effort& effort) {
         return faultOf(tests::forkWhileRecording(start, directory, kForks), longest);
       });
   return withLongest(outcome, longest);
+}
+
+Outcome crashInEveryWay(const Effort& effort) {
+  std::size_t next = 0;
+  const auto ways = static_cast<int>(std::size(tests::kFailing));
+  return repeat(effort, ways * effort.of(20), [&](const fs::path& directory, Chance& /*chance*/) {
+    const tests::Failing& failing = tests::kFailing[next++ % std::size(tests::kFailing)];
+    const Fault fault = tests::crash(CRASHING_CHILD, failing, directory);
+    return fault.empty() ? fault : failing.way + (": " + fault);
+  });
 }
 
 }  // namespace marbleway::stress

@@ -38,6 +38,7 @@ Outcome killRecording(const Effort& effort);
 Outcome killFirstStart(const Effort& effort);
 Outcome exitInTLS(const Effort& effort);
 Outcome forkRecording(const Effort& effort);
+Outcome crashInEveryWay(const Effort& effort);
 Outcome recordInTwoProcesses(const Effort& effort);
 Outcome saturateInTwoProcesses(const Effort& effort);
 Outcome writeDefaultsInTwoProcesses(const Effort& effort);

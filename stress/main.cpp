@@ -24,6 +24,7 @@ constexpr Loop kLoops[] = {
     {"first-start", "kill -9 in the first start x 100", "16 tables, sound", killFirstStart},
     {"exit", "exit with a TLS transfer in flight x 150", "no crash, no hang, 100 ms", exitInTLS},
     {"fork", "fork under three recording threads x 200", "no crash, no hang, 100 ms, every row", forkRecording},
+    {"crash", "16 ways of crashing x 20", "one row each, sound, its own end", crashInEveryWay},
     {"two-processes", "two processes, 200 rows each, 20 ms apart", "0 lost", recordInTwoProcesses},
     {"saturated", "two processes, saturated", "1 % lost at most", saturateInTwoProcesses},
     {"settings", "two processes writing settings x 500 each", "no torn file, no key lost", writeDefaultsInTwoProcesses},

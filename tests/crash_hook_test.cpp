@@ -1,46 +1,27 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <sys/wait.h>
 
 #include <chrono>
 #include <csignal>
-#include <cstdio>
+#include <iterator>
 #include <string>
+#include <tuple>
+#include <utility>
+#include <vector>
 
+#include "tests/support/fixture.h"
+#include "tests/support/process_ends.h"
+
+namespace marbleway::testing {
 namespace {
 
 using namespace std::chrono_literals;
-using std::chrono::steady_clock;
 using ::testing::AllOf;
 using ::testing::EndsWith;
 using ::testing::HasSubstr;
 using ::testing::StartsWith;
 
-struct Outcome {
-  std::string output;
-  int end = 0;  // the exit status, or 128 and the signal
-  steady_clock::duration time{};
-};
-
-// Runs the program that fails in the way of that name, until it has ended. Sanitizers leave fatal
-// signals to it, as they are without them, and let it end at once.
-Outcome fail(const std::string& way) {
-  const std::string program =
-      "S=handle_segv=0:handle_sigbus=0:handle_abort=0:handle_sigill=0:handle_sigfpe=0; "
-      "exec env ASAN_OPTIONS=$ASAN_OPTIONS:$S UBSAN_OPTIONS=$UBSAN_OPTIONS:$S "
-      "TSAN_OPTIONS=$TSAN_OPTIONS:$S:atexit_sleep_ms=0 '" CRASHING_CHILD "' '";
-  Outcome outcome;
-  const auto start = steady_clock::now();
-  FILE* const child = popen((program + way + "'").c_str(), "re");
-  if (child == nullptr) return outcome;
-  for (int next = 0; (next = std::fgetc(child)) != EOF;) {
-    outcome.output.push_back(static_cast<char>(next));
-  }
-  const int status = pclose(child);
-  outcome.time = steady_clock::now() - start;
-  outcome.end = WIFSIGNALED(status) ? 128 + WTERMSIG(status) : WEXITSTATUS(status);
-  return outcome;
-}
+tests::Failed fail(const std::string& way) { return tests::fail(CRASHING_CHILD, way); }
 
 int reportsIn(const std::string& output) {
   int count = 0;
@@ -48,32 +29,14 @@ int reportsIn(const std::string& output) {
   return count;
 }
 
-// clang-format off
 TEST(CrashHookTest, ReportsEveryKindOfFailureOnceAndLeavesTheEndAsItWas) {
-  const struct {
-    const char* way;
-    int signal;
-    const char* description;
-    const char* function;  // in a line of the call stack
-  } cases[] = {
-      {"throw", SIGABRT, "std::runtime_error: disk on fire", "failing::throwError() + "},
-      {"no thread, throw", SIGABRT, "std::runtime_error: disk on fire", "failing::throwError() + "},
-      {"throw a number", SIGABRT, "int: not a std::exception", "failing::throwNumber() + "},
-      {"throw in four threads", SIGABRT, "std::runtime_error: disk on fire", "failing::throwError() + "},
-      {"what throws", SIGABRT, "failing::Liar: what() failed", "failing::throwLiar() + "},
-      {"terminate", SIGABRT, "std::terminate: no exception", "main + "},
-      {"write", SIGSEGV, "Signal 11 (SIGSEGV): Segmentation fault at address 0x10", "failing::writeToBadAddress() + "},
-      {"jump", SIGSEGV, "Signal 11 (SIGSEGV): Segmentation fault at address 0x10", "0 ? 0x0000000000000010\n1 crashing_child"},
-      {"overflow", SIGSEGV, "Signal 11 (SIGSEGV): Segmentation fault at address 0x", "failing::useUpStack(int) + "},
-      {"divide", SIGFPE, "Signal 8 (SIGFPE): Floating point exception at address 0x", "failing::divideByZero() + "},
-      {"abort", SIGABRT, "Signal 6 (SIGABRT): Aborted\n", "abort + "},
-      {"raise SIGBUS", SIGBUS, "Signal 7 (SIGBUS): Bus error\n", "gsignal + "},
-      {"raise SIGILL", SIGILL, "Signal 4 (SIGILL): Illegal instruction\n", "gsignal + "},
-  };
-  // clang-format on
-  for (const auto& [way, signal, description, function] : cases) {
+  const tests::Failing withoutThread{
+      "no thread, throw", SIGABRT, "std::runtime_error: disk on fire", "failing::throwError() + "};
+  std::vector<tests::Failing> all(std::begin(tests::kFailing), std::end(tests::kFailing));
+  all.push_back(withoutThread);
+  for (const auto& [way, signal, description, function] : all) {
     SCOPED_TRACE(way);
-    const Outcome outcome = fail(way);
+    const tests::Failed outcome = fail(way);
     EXPECT_EQ(outcome.end, 128 + signal);
     EXPECT_THAT(outcome.output, AllOf(StartsWith(std::string("report: ") + description),
                                       HasSubstr("\n0 "), HasSubstr(function), EndsWith("end\n")));
@@ -81,11 +44,19 @@ TEST(CrashHookTest, ReportsEveryKindOfFailureOnceAndLeavesTheEndAsItWas) {
   }
 }
 
+TEST(CrashHookTest, TheLibraryKeepsARowOfEveryKindOfFailure) {
+  for (const tests::Failing& failing : tests::kFailing) {
+    SCOPED_TRACE(failing.way);
+    const TemporaryDirectory documents;
+    EXPECT_EQ(tests::crash(CRASHING_CHILD, failing, documents.path()), "");
+  }
+}
+
 TEST(CrashHookTest, WhatStoodBeforeRunsAfterwards) {
   for (const auto& [way, said, end] :
        {std::tuple{"former terminate", "end\nformer terminate handler\n", 128 + SIGABRT},
         {"former handler", "end\nformer handler\n", 3}}) {
-    const Outcome outcome = fail(way);
+    const tests::Failed outcome = fail(way);
     EXPECT_THAT(outcome.output, EndsWith(said));
     EXPECT_EQ(reportsIn(outcome.output), 1);
     EXPECT_EQ(outcome.end, end);
@@ -99,7 +70,7 @@ TEST(CrashHookTest, AFailureOfTheReportNeitherRecursesNorHangs) {
                                     {"handler terminates", SIGSEGV},
                                     {"no thread, handler terminates", SIGABRT}}) {
     SCOPED_TRACE(way);
-    const Outcome outcome = fail(way);
+    const tests::Failed outcome = fail(way);
     EXPECT_EQ(outcome.end, 128 + signal);
     EXPECT_EQ(reportsIn(outcome.output), 1) << outcome.output;
     EXPECT_LT(outcome.time, 3500ms);  // of which 2 s are waited
@@ -112,7 +83,7 @@ TEST(CrashHookTest, IsSilentAboutOtherProcessesWhatIsIgnoredAndASignalWithoutATh
                                  {"fork, throw", SIGABRT},
                                  {"no thread, write", 128 + SIGSEGV}}) {
     SCOPED_TRACE(way);
-    const Outcome outcome = fail(way);
+    const tests::Failed outcome = fail(way);
     EXPECT_EQ(outcome.end, end);
     EXPECT_EQ(outcome.output, "");
     EXPECT_LT(outcome.time, 1500ms);  // not those 2 s
@@ -120,3 +91,4 @@ TEST(CrashHookTest, IsSilentAboutOtherProcessesWhatIsIgnoredAndASignalWithoutATh
 }
 
 }  // namespace
+}  // namespace marbleway::testing

@@ -1,5 +1,6 @@
-// Fails in the way that its argument names, once the crash hook is installed. What the hook
-// reports, and what the handlers from before say, goes to standard output.
+// Fails in the way that its first argument names, once the crash hook is installed. What the hook
+// reports, and what the handlers from before say, goes to standard output. With a directory for a
+// second argument it is the library, started there, that installs the hook.
 
 #include <sys/resource.h>
 #include <sys/wait.h>
@@ -12,8 +13,11 @@
 #include <stdexcept>
 #include <string_view>
 #include <thread>
+#include <utility>
 #include <vector>
 
+#include "Marbleway/Host.h"
+#include "Marbleway/Marbleway.h"
 #include "platform/linux/crash_hook.h"
 
 // Functions that a call stack can name.
@@ -27,10 +31,11 @@ struct Liar : std::exception {
 };
 void throwLiar() { throw Liar(); }
 
-void throwInFourThreads() {
-  static std::barrier start(4);
+template <void (*fail)(), std::ptrdiff_t count = 1>
+void failInThreads() {
+  static std::barrier start(count);
   std::vector<std::jthread> threads;
-  while (threads.size() < 4) threads.emplace_back([] { start.arrive_and_wait(), throwError(); });
+  while (std::ssize(threads) < count) threads.emplace_back([] { start.arrive_and_wait(), fail(); });
 }
 
 // Real faults, none of which a compiler or a sanitizer foresees.
@@ -106,7 +111,11 @@ struct Case {
 const Case kCases[] = {
     {"throw", throwError},
     {"throw a number", throwNumber},
-    {"throw in four threads", throwInFourThreads},
+    {"throw in a thread", failInThreads<throwError>},
+    {"throw in twenty threads", failInThreads<throwError, 20>},
+    {"throw a number in a thread", failInThreads<throwNumber>},
+    {"what throws in a thread", failInThreads<throwLiar>},
+    {"terminate in a thread", failInThreads<std::terminate>},
     {"what throws", throwLiar},
     {"terminate", std::terminate},
     {"write", writeToBadAddress},
@@ -130,14 +139,30 @@ const Case kCases[] = {
     {"no thread, handler terminates", throwError, refuseThreads, sayAndTerminate},
 };
 
+void installHook(void (*handler)(const Failure&)) {
+  const auto hook = marbleway::platform::makeCrashHook();
+  hook->install(handler);
+  hook->install([](const Failure&) { say("second handler\n"); });
+}
+
+void startLibrary(const char* directory) {
+  marbleway::Configuration host;
+  host.documentsDirectory = directory;
+  marbleway::configure(std::move(host));
+  Marbleway::initMarbleway("token", {{"LoggingEnabled", false}, {"SDKEnvironment", 1}});
+  Marbleway::startSession();
+}
+
 }  // namespace
 
-int main(int /*count*/, char** arguments) {
+int main(int count, char** arguments) {
   const auto* chosen = std::ranges::find(kCases, std::string_view(arguments[1]), &Case::name);
   if (chosen == std::end(kCases)) return 2;
   chosen->before();
-  const auto hook = marbleway::platform::makeCrashHook();
-  hook->install(chosen->handler);
-  hook->install([](const Failure&) { say("second handler\n"); });
+  if (count > 2) {
+    startLibrary(arguments[2]);
+  } else {
+    installHook(chosen->handler);
+  }
   chosen->fail();
 }

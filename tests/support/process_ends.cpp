@@ -287,4 +287,33 @@ Exit forkWhileRecording(const Start& start, const fs::path& directory, int forks
   return longest;
 }
 
+Failed fail(const std::string& program, const std::string& way, const fs::path& directory) {
+  const std::string command =
+      "S=handle_segv=0:handle_sigbus=0:handle_abort=0:handle_sigill=0:handle_sigfpe=0; "
+      "exec env ASAN_OPTIONS=$ASAN_OPTIONS:$S UBSAN_OPTIONS=$UBSAN_OPTIONS:$S "
+      "TSAN_OPTIONS=$TSAN_OPTIONS:$S:atexit_sleep_ms=0 '" +
+      program + "' '" + way + "' " + directory.string();
+  Failed outcome;
+  const auto start = Clock::now();
+  FILE* const child = popen(command.c_str(), "re");
+  if (child == nullptr) return outcome;
+  for (int next = 0; (next = std::fgetc(child)) != EOF;) {
+    outcome.output.push_back(static_cast<char>(next));
+  }
+  const int status = pclose(child);
+  outcome.time = Clock::now() - start;
+  outcome.end = WIFSIGNALED(status) ? 128 + WTERMSIG(status) : WEXITSTATUS(status);
+  return outcome;
+}
+
+Fault crash(const std::string& program, const Failing& failing, const fs::path& directory) {
+  const int end = fail(program, failing.way, directory).end;
+  if (end != 128 + failing.signal) return "ended with " + std::to_string(end);
+  const auto rows = query(directory / DBFileName, "SELECT CrashDetails FROM mrbw_v2_crashes");
+  if (rows.size() != 1) return std::to_string(rows.size()) + " rows tell of it";
+  // A description ends with its line.
+  const bool isTold = (rows.at(0) + "\n").starts_with(failing.description);
+  return isTold ? faultOfStores(directory) : "it is told as " + rows.at(0);
+}
+
 }  // namespace marbleway::tests

@@ -3,6 +3,7 @@
 #include <sys/types.h>
 
 #include <chrono>
+#include <csignal>
 #include <cstddef>
 #include <filesystem>
 #include <functional>
@@ -63,5 +64,51 @@ Exit exitInFlight(const std::function<void()>& begin, std::chrono::nanoseconds p
 /// event and exits. No row is lost, and no child waits for, or sends, what the parent has begun.
 /// `took` is the longest exit.
 Exit forkWhileRecording(const Start& start, const std::filesystem::path& directory, int forks);
+
+/// A way in which `crashing_child` fails, and what is told of it.
+struct Failing {
+  const char* way;
+  int signal;               // that ends it
+  const char* description;  // begins so
+  const char* function;     // in a line of the call stack
+};
+
+// clang-format off
+inline constexpr Failing kFailing[] = {
+    {"throw", SIGABRT, "std::runtime_error: disk on fire", "failing::throwError() + "},
+    {"throw in a thread", SIGABRT, "std::runtime_error: disk on fire", "failing::throwError() + "},
+    {"throw in twenty threads", SIGABRT, "std::runtime_error: disk on fire", "failing::throwError() + "},
+    {"throw a number", SIGABRT, "int: not a std::exception", "failing::throwNumber() + "},
+    {"throw a number in a thread", SIGABRT, "int: not a std::exception", "failing::throwNumber() + "},
+    {"what throws", SIGABRT, "failing::Liar: what() failed", "failing::throwLiar() + "},
+    {"what throws in a thread", SIGABRT, "failing::Liar: what() failed", "failing::throwLiar() + "},
+    {"terminate", SIGABRT, "std::terminate: no exception", "main + "},
+    {"terminate in a thread", SIGABRT, "std::terminate: no exception", "std::terminate() + "},
+    {"write", SIGSEGV, "Signal 11 (SIGSEGV): Segmentation fault at address 0x10", "failing::writeToBadAddress() + "},
+    {"jump", SIGSEGV, "Signal 11 (SIGSEGV): Segmentation fault at address 0x10", "0 ? 0x0000000000000010\n1 crashing_child"},
+    {"overflow", SIGSEGV, "Signal 11 (SIGSEGV): Segmentation fault at address 0x", "failing::useUpStack(int) + "},
+    {"divide", SIGFPE, "Signal 8 (SIGFPE): Floating point exception at address 0x", "failing::divideByZero() + "},
+    {"abort", SIGABRT, "Signal 6 (SIGABRT): Aborted\n", "abort + "},
+    {"raise SIGBUS", SIGBUS, "Signal 7 (SIGBUS): Bus error\n", "gsignal + "},
+    {"raise SIGILL", SIGILL, "Signal 4 (SIGILL): Illegal instruction\n", "gsignal + "},
+};
+// clang-format on
+
+/// What `crashing_child` did.
+struct Failed {
+  std::string output;
+  int end = 0;  // the exit status, or 128 and the signal
+  std::chrono::steady_clock::duration time{};
+};
+
+/// Runs `program`, a `crashing_child`, until it has ended: with the crash hook alone, or with the
+/// library, started in `directory`. Sanitizers leave fatal signals to it, as they are without them,
+/// and let it end at once.
+Failed fail(const std::string& program, const std::string& way,
+            const std::filesystem::path& directory = {});
+
+/// It fails in that way, with the library: there is one row of it, the stores are sound.
+Fault crash(const std::string& program, const Failing& failing,
+            const std::filesystem::path& directory);
 
 }  // namespace marbleway::tests
