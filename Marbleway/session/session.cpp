@@ -1,5 +1,7 @@
 #include "Marbleway/session/session.h"
 
+#include <utility>
+
 #include "Marbleway/session/crash.h"
 #include "Marbleway/session/profile.h"
 #include "Marbleway/session/timers.h"
@@ -16,10 +18,11 @@ namespace {
 // Makes a new session where there is none; one that start-up made, or a live one, stays.
 void ensureSession() {
   const std::string made = platform::current()->device->newIdentifier();
+  std::string startTime = getUTCTimeStamp();  // before there is a session that might lack it
   const auto isMissing = [](const OptionalText& id) { return !id || id->empty(); };
   const bool isNew = sessionID.storeIf(isMissing, made);
   if (isNew) {
-    SessionStartTime.store(getUTCTimeStamp());
+    SessionStartTime.store(std::move(startTime));
     isSDKValid = true;
   }
   isValidSession = true;
