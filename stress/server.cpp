@@ -2,9 +2,11 @@
 
 #include <httplib.h>
 #include <openssl/evp.h>
-#include <openssl/x509.h>
+#include <openssl/pem.h>
+#include <openssl/x509v3.h>
 
 #include <algorithm>
+#include <chrono>
 #include <exception>
 #include <stdexcept>
 #include <utility>
@@ -36,19 +38,39 @@ void stop(httplib::Server& server, std::thread& thread) {
   thread.join();
 }
 
-std::unique_ptr<httplib::SSLServer> makeTLSServer() {
-  const std::unique_ptr<EVP_PKEY, decltype(&EVP_PKEY_free)> key(EVP_EC_gen("P-256"), EVP_PKEY_free);
-  const std::unique_ptr<X509, decltype(&X509_free)> certificate(X509_new(), X509_free);
+template <auto Free>
+struct FreeBy {
+  void operator()(auto* object) const { Free(object); }
+};
+
+// Its own authority, for the loopback.
+std::unique_ptr<X509, FreeBy<X509_free>> makeCertificate(EVP_PKEY* key) {
+  std::unique_ptr<X509, FreeBy<X509_free>> certificate(X509_new());
   constexpr long kHour = 3600;
+  X509_set_version(certificate.get(), X509_VERSION_3);
   X509_gmtime_adj(X509_getm_notBefore(certificate.get()), -kHour);
-  X509_gmtime_adj(X509_getm_notAfter(certificate.get()), kHour);
-  X509_set_pubkey(certificate.get(), key.get());
+  X509_gmtime_adj(X509_getm_notAfter(certificate.get()), 24 * kHour);
+  X509_set_pubkey(certificate.get(), key);
   X509_NAME* name = X509_get_subject_name(certificate.get());
   X509_NAME_add_entry_by_txt(name, "CN", MBSTRING_ASC,
                              reinterpret_cast<const unsigned char*>(kHost), -1, -1, 0);
   X509_set_issuer_name(certificate.get(), name);
-  if (X509_sign(certificate.get(), key.get(), EVP_sha256()) == 0) {
+  const std::unique_ptr<X509_EXTENSION, FreeBy<X509_EXTENSION_free>> address(
+      X509V3_EXT_conf_nid(nullptr, nullptr, NID_subject_alt_name, "IP:127.0.0.1"));
+  X509_add_ext(certificate.get(), address.get(), -1);
+  if (X509_sign(certificate.get(), key, EVP_sha256()) == 0) {
     throw std::runtime_error("no certificate");
+  }
+  return certificate;
+}
+
+// The server with a new certificate, which is written to `authorities`.
+std::unique_ptr<httplib::SSLServer> makeTLSServer(const std::filesystem::path& authorities) {
+  const std::unique_ptr<EVP_PKEY, FreeBy<EVP_PKEY_free>> key(EVP_EC_gen("P-256"));
+  const auto certificate = makeCertificate(key.get());
+  const std::unique_ptr<BIO, FreeBy<BIO_free>> file(BIO_new_file(authorities.c_str(), "w"));
+  if (!file || PEM_write_bio_X509(file.get(), certificate.get()) == 0) {
+    throw std::runtime_error("no file " + authorities.string());
   }
   return std::make_unique<httplib::SSLServer>(certificate.get(), key.get());
 }
@@ -113,7 +135,15 @@ void BatchServer::take(const std::string& document) {
   if (fault_.empty()) fault_ = std::move(fault);
 }
 
-TLSServer::TLSServer() : server_(makeTLSServer()) { port_ = listen(*server_, listening_); }
+TLSServer::TLSServer(const std::filesystem::path& directory)
+    : authorities_(directory / "authorities.pem"), server_(makeTLSServer(authorities_)) {
+  constexpr std::chrono::milliseconds kLate{50};
+  server_->Post(".*", [this, kLate](const httplib::Request&, httplib::Response&) {
+    ++requests_;
+    std::this_thread::sleep_for(kLate);
+  });
+  port_ = listen(*server_, listening_);
+}
 
 TLSServer::~TLSServer() { stop(*server_, listening_); }
 

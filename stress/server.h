@@ -3,6 +3,7 @@
 #include <array>
 #include <atomic>
 #include <cstddef>
+#include <filesystem>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -57,20 +58,27 @@ class BatchServer {
   std::string fault_;
 };
 
-/// Speaks TLS with a certificate that nobody vouches for.
+/// Speaks TLS, and answers each request late. Its certificate is vouched for by the file
+/// `authorities` and by nobody else. Thread: any.
 class TLSServer {
  public:
-  TLSServer();
+  /// Makes the file in `directory`.
+  explicit TLSServer(const std::filesystem::path& directory);
   TLSServer(const TLSServer&) = delete;
   TLSServer& operator=(const TLSServer&) = delete;
   ~TLSServer();
 
   std::string url() const;
+  const std::filesystem::path& authorities() const { return authorities_; }
+  /// How many requests have come whole.
+  std::size_t requests() const { return requests_; }
 
  private:
+  const std::filesystem::path authorities_;
   const std::unique_ptr<httplib::SSLServer> server_;
   int port_ = 0;
   std::thread listening_;
+  std::atomic<std::size_t> requests_{0};
 };
 
 }  // namespace marbleway::stress

@@ -105,10 +105,18 @@ Exit exitOf(Child& child) {
   return {faultOfStatus(status), Clock::now().time_since_epoch() - called};
 }
 
+// An event, and what else takes locks: the patterns, the locale, the settings.
+void recordEverything(const std::string& event) {
+  Marbleway::trackEvent(event, {{"value", "12.5"}});
+  Marbleway::linkUser("someone@example.org", "email");
+  Marbleway::setUserAttribute("Phone", "+49123456");
+  Marbleway::startSession();
+}
+
 // In the child of a fork: it sends nothing, and its row is its own.
 void recordInFork(const std::string& event) {
   if (!waitUntilIdle(0ms)) _exit(2);
-  Marbleway::trackEvent(event);
+  recordEverything(event);
   batchData();
   Marbleway::stopSession();
   if (!waitUntilIdle(0ms)) _exit(3);
@@ -136,7 +144,7 @@ class Recorders {
     for (std::thread& thread : threads_) {
       thread = std::thread([this] {
         while (!isOver_) {
-          Marbleway::trackEvent("parent");
+          recordEverything("parent");
           ++rows_;
         }
       });
