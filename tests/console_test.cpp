@@ -169,7 +169,7 @@ TEST_F(ConsoleTest, ARunOfEverythingWritesTheFixedLinesAndNoTextThatItIsGiven) {
   callEverything();  // before the start
   start(200);
   for (const std::string& text :
-       {std::string(), kSecret + "\nMarbleway Message: " + kSecret, kSecret + "@example.org",
+       {std::string(), "Marbleway Message: x\n" + kSecret, kSecret + "@example.org",
         "https://" + kSecret + ".org/", kSecret + '\xFF'}) {
     callEverything(text);
   }
