@@ -326,7 +326,7 @@ class NthAllocationTest : public NthFailureTest, public ::testing::WithParamInte
           const auto rows = eventStore();
           if (when.nth == 0) {
             allowed = complete = rows;
-            allowed.push_back(kBefore);
+            allowed.emplace_back(kBefore);
             bodies = kept->bodies;
           }
           EXPECT_THAT(rows, IsSubsetOf(allowed));

@@ -60,20 +60,24 @@ struct FailingVfs::Calls {
 };
 
 // The first version's methods do: neither shared memory nor mapped files.
-const sqlite3_io_methods FailingVfs::Calls::methods{
-    .iVersion = 1,
-    .xClose = alwaysOnFile<&sqlite3_io_methods::xClose>,
-    .xRead = onFile<kRead, &sqlite3_io_methods::xRead>,
-    .xWrite = onFile<kWrite, &sqlite3_io_methods::xWrite>,
-    .xTruncate = onFile<kTruncate, &sqlite3_io_methods::xTruncate>,
-    .xSync = sync,
-    .xFileSize = onFile<kSize, &sqlite3_io_methods::xFileSize>,
-    .xLock = onFile<kLock, &sqlite3_io_methods::xLock>,
-    .xUnlock = onFile<kUnlock, &sqlite3_io_methods::xUnlock>,
-    .xCheckReservedLock = onFile<kLock, &sqlite3_io_methods::xCheckReservedLock>,
-    .xFileControl = alwaysOnFile<&sqlite3_io_methods::xFileControl>,
-    .xSectorSize = alwaysOnFile<&sqlite3_io_methods::xSectorSize>,
-    .xDeviceCharacteristics = alwaysOnFile<&sqlite3_io_methods::xDeviceCharacteristics>};
+const sqlite3_io_methods FailingVfs::Calls::methods = [] {
+  using Methods = sqlite3_io_methods;
+  Methods made{};
+  made.iVersion = 1;
+  made.xClose = alwaysOnFile<&Methods::xClose>;
+  made.xRead = onFile<kRead, &Methods::xRead>;
+  made.xWrite = onFile<kWrite, &Methods::xWrite>;
+  made.xTruncate = onFile<kTruncate, &Methods::xTruncate>;
+  made.xSync = sync;
+  made.xFileSize = onFile<kSize, &Methods::xFileSize>;
+  made.xLock = onFile<kLock, &Methods::xLock>;
+  made.xUnlock = onFile<kUnlock, &Methods::xUnlock>;
+  made.xCheckReservedLock = onFile<kLock, &Methods::xCheckReservedLock>;
+  made.xFileControl = alwaysOnFile<&Methods::xFileControl>;
+  made.xSectorSize = alwaysOnFile<&Methods::xSectorSize>;
+  made.xDeviceCharacteristics = alwaysOnFile<&Methods::xDeviceCharacteristics>;
+  return made;
+}();
 
 int FailingVfs::Calls::open(sqlite3_vfs* /*vfs*/, const char* name, sqlite3_file* file, int flags,
                             int* outFlags) {
