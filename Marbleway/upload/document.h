@@ -1,6 +1,9 @@
 #pragma once
 
+#include <array>
+#include <cstddef>
 #include <string_view>
+#include <vector>
 
 #include "Marbleway/store/statement.h"
 #include "platform/buffer.h"
@@ -28,9 +31,20 @@ class Document {
   }
 
  private:
+  /// What stands before a value: ","SessionID":". Copied whole, since a known size is fast.
+  struct Between {
+    static constexpr std::size_t kLongestKey = 34;
+
+    std::array<char, kLongestKey + 6> bytes{};
+    std::size_t size = 0;
+  };
+
+  void beginRows(const Table& table);
+
   platform::Buffer buffer_;
+  std::vector<Between> betweenValues_;  // of the array's rows, once it has one
   bool hasRows_ = false;
-  bool isFirstArray_ = true, isFirstRow_ = true;
+  bool isFirstArray_ = true;
 };
 
 /// Appends `text` as the inside of a JSON string: quotes, backslashes and controls escaped, each
