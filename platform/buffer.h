@@ -1,11 +1,14 @@
 #pragma once
 
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
 #include <memory>
 #include <new>
 #include <string_view>
 #include <utility>
+
+#include "platform/pages.h"
 
 namespace marbleway::platform {
 
@@ -32,13 +35,16 @@ class Buffer {
 
   /// Where the next `size` bytes may be written; they count from `grow` on.
   char* room(std::size_t size) {
-    if (size > capacity_ - size_) enlarge(size);
+    if (size > ready_ - size_) makeReady(size);
     return block_.get() + size_;
   }
   /// Counts `size` bytes that were written to the room.
   void grow(std::size_t size) noexcept { size_ += size; }
 
  private:
+  /// What a large block asks the system for at once.
+  static constexpr std::size_t kPiece = std::size_t{256} * 1024;
+
   struct Free {
     void operator()(char* block) const noexcept { std::free(block); }
   };
@@ -46,7 +52,16 @@ class Buffer {
   void swap(Buffer& other) noexcept {
     std::swap(block_, other.block_);
     std::swap(size_, other.size_);
+    std::swap(ready_, other.ready_);
     std::swap(capacity_, other.capacity_);
+  }
+
+  void makeReady(std::size_t size) {
+    if (size > capacity_ - size_) enlarge(size);
+    ready_ = capacity_;
+    if (capacity_ < 4 * kPiece) return;
+    ready_ = std::min(capacity_, size_ + std::max(size, kPiece));
+    askForPages(block_.get() + size_, std::min(ready_ - size_, kPiece));
   }
 
   void enlarge(std::size_t size) {
@@ -60,6 +75,7 @@ class Buffer {
 
   std::unique_ptr<char, Free> block_;
   std::size_t size_ = 0;
+  std::size_t ready_ = 0;  // up to here `room` has nothing to do; at most the capacity
   std::size_t capacity_ = 0;
 };
 
