@@ -149,21 +149,23 @@ TEST_P(NthFileCallTest, AnAcknowledgementDeletesATableOrNotAndTheNextOneDoes) {
   time->setWallClock(time->now() - 24h);
   batchData();
   const auto acknowledge = [&] { kept->done(platform::HttpAnswer{.status = 200, .body = ""}); };
-  untilNoneFails([&](NthFailure when) {
-    Marbleway::trackEvent("one");
-    Marbleway::trackEvent("two");
-    Marbleway::linkCompany("company");
-    const bool wasReached = failing(when, acknowledge);
-    expectIntegrity();
-    const std::size_t events = names("EventName", "events").size();
-    const std::size_t companies = names("CompanyName", "companies").size();
-    EXPECT_THAT(events, AnyOf(1, 3));
-    EXPECT_LE((events - 1) / 2 + companies, most(2, when, wasReached));
-    acknowledge();
-    EXPECT_THAT(names("EventName", "events"), ElementsAre("tomorrow"));
-    EXPECT_THAT(names("CompanyName", "companies"), IsEmpty());
-    return wasReached;
-  });
+  untilNoneFails(
+      [&](NthFailure when) {
+        Marbleway::trackEvent("one");
+        Marbleway::trackEvent("two");
+        Marbleway::linkCompany("company");
+        const bool wasReached = failing(when, acknowledge);
+        expectIntegrity();
+        const std::size_t events = names("EventName", "events").size();
+        const std::size_t companies = names("CompanyName", "companies").size();
+        EXPECT_THAT(events, AnyOf(1, 3));
+        EXPECT_LE((events - 1) / 2 + companies, most(2, when, wasReached));
+        acknowledge();
+        EXPECT_THAT(names("EventName", "events"), ElementsAre("tomorrow"));
+        EXPECT_THAT(names("CompanyName", "companies"), IsEmpty());
+        return wasReached;
+      },
+      150);
 }
 
 void makeStores() {
@@ -235,11 +237,11 @@ void answerHere() {
 
 // clang-format off
 const Operation kOperations[] = {
-    {"initMarbleway", [] { Marbleway::initMarbleway("token", kOptions); quietly(answerHere); }},
+    {"initMarbleway", [] { Marbleway::initMarbleway("token", kOptions); quietly(answerHere); }, 8},
     {"startSession", [] { isValidSession = false; sessionID.store(std::nullopt); Marbleway::startSession(); }},
-    {"stopSession", [] { Marbleway::stopSession(); quietly(answerHere); }},
+    {"stopSession", [] { Marbleway::stopSession(); quietly(answerHere); }, 8},
     {"linkUser", [] { Marbleway::linkUser("user", "id"); }},
-    {"unlinkUser", [] { Marbleway::unlinkUser(); }},
+    {"unlinkUser", [] { Marbleway::unlinkUser(); }, 8},
     {"setUserAttribute", [] { Marbleway::setUserAttribute("EmailAddress", "a@example.org"); }},
     {"incrementUserAttribute", [] { Marbleway::incrementUserAttribute("a", kAmount); }},
     {"decrementUserAttribute", [] { Marbleway::decrementUserAttribute("a", kAmount); }},
@@ -340,7 +342,7 @@ class NthAllocationTest : public NthFailureTest, public ::testing::WithParamInte
   }
 };
 
-TEST_P(NthAllocationTest, WithoutMemory) { everyAllocation(tests::newFailure, 100); }
+TEST_P(NthAllocationTest, WithoutMemory) { everyAllocation(tests::newFailure, 60); }
 TEST_P(NthAllocationTest, WithoutMemoryOfSQLites) {
   everyAllocation(tests::sqliteFailure, GetParam().each);
 }

@@ -84,7 +84,7 @@ TEST_F(StoreTest, TheFirstStartUpMakesSixteenTables) {
 }
 
 TEST_F(StoreTest, DirectoriesAndFilesBelongToTheirOwnerAloneWhateverTheUmask) {
-  for (const mode_t mask : {0, 022, 0277, 0777}) {
+  for (const mode_t mask : {0U, 022U, 0277U, 0777U}) {
     SCOPED_TRACE(mask);
     const fs::path top = directory.path() / std::to_string(mask), documents = top / "deep";
     configure({.documentsDirectory = documents});
@@ -192,9 +192,13 @@ TEST_F(StoreTest, StartUpAloneDropsRowsOfMoreThanThirtyDaysAgoByTheirDate) {
     SCOPED_TRACE(firstDay);
     // A date alone is no time stamp; it compares as if before its day's first instant.
     const std::string values =
-        " (id, UTCTimeStamp) VALUES (1, '" + firstDay + " 00:00:00.000'), (2, '" + firstDay +
-        "'), (3, '" + dayBefore +
-        " 23:59:59.999'), (4, '2001-01-01 00:00:00.000'), (5, NULL), (6, '9999')";
+        std::string(" (id, UTCTimeStamp) VALUES (4, '2001-01-01 00:00:00.000'), (5, NULL), (1, '")
+            .append(firstDay)
+            .append(" 00:00:00.000'), (2, '")
+            .append(firstDay)
+            .append("'), (3, '")
+            .append(dayBefore)
+            .append(" 23:59:59.999'), (6, '9999')");
     vfs.setClock(now);
     for (const Table& table : kTables) {
       const std::string name(table.name);

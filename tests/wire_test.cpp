@@ -1,3 +1,4 @@
+#include <array>
 #include <latch>
 #include <sstream>
 #include <thread>
@@ -112,9 +113,9 @@ TEST_F(WireTest, A200HeldBackOverMidnightTakesTheOldDayAloneFromThreadsThatRecor
   Marbleway::trackEvent("after its reading, the same day");
 
   time->setWallClock(time->now() + 24h);
-  std::vector<std::thread> threads;
-  for (int thread = 0; thread < kThreads; ++thread) {
-    threads.emplace_back([&underWay] {
+  std::array<std::thread, kThreads> threads;
+  for (std::thread& thread : threads) {
+    thread = std::thread([&underWay] {
       for (int row = 0; row < kRows; ++row) {
         if (row == kRows / 4) underWay.count_down();
         Marbleway::trackEvent("the next day");
