@@ -153,7 +153,7 @@ Outcome writeDefaultsInTwoProcesses(const Effort& effort) {
   std::size_t written = 0;
   int readings = 0;
   int torn = 0;
-  const auto all = static_cast<std::size_t>(2 * count);
+  const std::size_t all = 2 * static_cast<std::size_t>(count);
   for (const auto end = std::chrono::steady_clock::now() + 600s;
        written < all && std::chrono::steady_clock::now() < end;) {
     written += one.told(all, 1ms).size() + other.told(all, 1ms).size();

@@ -89,7 +89,7 @@ Fault fillAndRecover(const fs::path& directory, BatchServer& server) {
     const auto names = eventNames(directory);
     if (std::ranges::count(names, "old") != 50) return "old rows are lost";
   }
-  if (const Fault fault = soundStores(directory); !fault.empty()) return fault;
+  if (Fault fault = soundStores(directory); !fault.empty()) return fault;
   Marbleway::trackEvent("after");
   if (eventNames(directory).back() != "after") return "recording does not resume";
   const std::size_t before = server.documents();

@@ -15,6 +15,7 @@
 #include "platform/platform.h"
 #include "platform/testing/memory_defaults.h"
 #include "stress/model.h"
+#include "stress/reading_network.h"
 #include "stress/setting.h"
 #include "tests/support/fixture.h"
 
@@ -22,26 +23,6 @@ namespace marbleway::stress {
 namespace {
 
 using Asks = Model::Asks;
-
-// A network that reads each document at once and answers at once. No answer: status 0.
-class ReadingNetwork : public platform::HttpClient {
- public:
-  void post(platform::HttpRequest request,
-            std::function<void(std::optional<platform::HttpAnswer>)> done) override {
-    const bool isBatch = request.url.ends_with("mobile/batch");
-    if (isBatch) latest = countsOf(std::string(request.body.view()));
-    if (isBatch) ++documents;
-    const long status = isBatch ? batchStatus : startStatus;
-    std::optional<platform::HttpAnswer> answer;
-    if (status != 0) answer = platform::HttpAnswer{.status = status, .body = startBody};
-    std::thread([&] { done(std::move(answer)); }).join();
-  }
-
-  long startStatus = 0, batchStatus = 0;
-  std::string startBody;
-  std::size_t documents = 0;
-  std::optional<Counts> latest;
-};
 
 // The library and its model, side by side through one operation after another.
 class Pair {
@@ -97,40 +78,18 @@ class Pair {
 };
 
 // Events come most often, starts least.
+// clang-format off
 const Pair::Operation Pair::kOperations[] = {
-    &Pair::start,
-    &Pair::startSession,
-    &Pair::startSession,
-    &Pair::stopSession,
-    &Pair::upload,
-    &Pair::upload,
-    &Pair::turnSwitches,
-    &Pair::linkUser,
-    &Pair::linkUser,
-    &Pair::unlinkUser,
-    &Pair::setUserAttribute,
-    &Pair::setUserAttribute,
-    &Pair::setCheckedUserAttribute,
-    &Pair::changeUserAttribute,
-    &Pair::linkCompany,
-    &Pair::unlinkCompany,
-    &Pair::setCompanyAttribute,
-    &Pair::changeCompanyAttribute,
-    &Pair::trackEvent,
-    &Pair::trackEvent,
-    &Pair::trackEvent,
-    &Pair::trackEvent,
-    &Pair::trackEvent,
-    &Pair::trackScreenView,
-    &Pair::trackScreenView,
-    &Pair::trackAd,
-    &Pair::trackAd,
-    &Pair::trackDeepLink,
-    &Pair::logError,
-    &Pair::setDeviceToken,
-    &Pair::trackPushNotification,
-    &Pair::trackPushNotification,
-};
+    &Pair::trackEvent, &Pair::trackEvent, &Pair::trackEvent, &Pair::trackEvent, &Pair::trackEvent,
+    &Pair::trackScreenView, &Pair::trackScreenView, &Pair::trackAd, &Pair::trackAd,
+    &Pair::trackDeepLink, &Pair::logError, &Pair::setDeviceToken,
+    &Pair::trackPushNotification, &Pair::trackPushNotification,
+    &Pair::linkUser, &Pair::linkUser, &Pair::unlinkUser, &Pair::linkCompany, &Pair::unlinkCompany,
+    &Pair::setUserAttribute, &Pair::setUserAttribute, &Pair::setCheckedUserAttribute,
+    &Pair::changeUserAttribute, &Pair::setCompanyAttribute, &Pair::changeCompanyAttribute,
+    &Pair::start, &Pair::startSession, &Pair::startSession, &Pair::stopSession,
+    &Pair::upload, &Pair::upload, &Pair::turnSwitches};
+// clang-format on
 
 Pair::Pair(std::filesystem::path directory, std::uint32_t seed)
     : directory_(std::move(directory)), chance_(seed) {

@@ -1,11 +1,11 @@
-#include <sys/types.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <chrono>
 #include <cstdlib>
 #include <fstream>
 #include <iterator>
-#include <optional>
+#include <stdexcept>
 #include <thread>
 #include <vector>
 

@@ -255,7 +255,7 @@ Fault killWhileRecording(const Start& start, const fs::path& directory, std::siz
     return Fault();
   });
   if (!after.empty()) return "the next start " + after;
-  if (const Fault fault = faultOfStores(directory); !fault.empty()) return fault;
+  if (Fault fault = faultOfStores(directory); !fault.empty()) return fault;
   auto names = eventsIn(directory);
   if (names.empty() || names.back() != "after") return "the next start records nothing";
   names.pop_back();
@@ -300,7 +300,7 @@ Failed fail(const std::string& program, const std::string& way, const fs::path& 
       "S=handle_segv=0:handle_sigbus=0:handle_abort=0:handle_sigill=0:handle_sigfpe=0; "
       "exec env ASAN_OPTIONS=$ASAN_OPTIONS:$S UBSAN_OPTIONS=$UBSAN_OPTIONS:$S "
       "TSAN_OPTIONS=$TSAN_OPTIONS:$S:atexit_sleep_ms=0 '" +
-      program + "' '" + way + "' " + directory.string();
+      program + "' '" + way + "' " + directory.string() + " 2>/dev/null";
   Failed outcome;
   const auto start = Clock::now();
   FILE* const child = popen(command.c_str(), "re");
