@@ -31,7 +31,9 @@ void checkAccepted(std::string_view body) {
     return;
   }
   const auto found = [&](const std::string& text) {
-    const auto cutAtNul = [&](const std::string& each) { return each.c_str() == text; };
+    const auto cutAtNul = [&](const std::string& each) {
+      return each.substr(0, each.find('\0')) == text;
+    };
     return std::any_of(strict->texts.begin(), strict->texts.end(), cutAtNul);
   };
   require(!texts || std::all_of(texts->begin(), texts->end(), found), "entries are in the body");
