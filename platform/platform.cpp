@@ -77,21 +77,20 @@ void abandonOwnServices() noexcept {
 }
 
 namespace {
-constinit Guarded<std::optional<std::filesystem::path>> chosenDocuments, usualDocuments;
+constinit Guarded<std::optional<std::string>> chosenDocuments, usualDocuments;
 }
 
-std::filesystem::path documentsDirectory() {
-  if (const auto chosen = chosenDocuments.load()) return *chosen;
-  if (const auto usual = usualDocuments.load()) return *usual;
-  auto usual = defaultDataDirectory() / "marbleway" / executableName();
+std::string documentsDirectory() {
+  if (auto chosen = chosenDocuments.load()) return std::move(*chosen);
+  if (auto usual = usualDocuments.load()) return std::move(*usual);
+  std::string usual = defaultDataDirectory() / "marbleway" / executableName();
   usualDocuments.store(usual);  // a later change of the environment changes nothing
   return usual;
 }
 
 void setDocumentsDirectory(std::filesystem::path directory) {
   if (directory.empty()) return chosenDocuments.store(std::nullopt);
-  directory = std::filesystem::absolute(directory);
-  chosenDocuments.store(std::move(directory));
+  chosenDocuments.store(std::filesystem::absolute(directory));
 }
 
 }  // namespace marbleway::platform

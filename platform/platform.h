@@ -47,7 +47,7 @@ Platform makePlatform();
 void makeDocumentsDirectory();
 
 /// The directory of the stores and of the settings, absolute. Thread: any.
-std::filesystem::path documentsDirectory();
+std::string documentsDirectory();
 void setDocumentsDirectory(std::filesystem::path directory);
 
 }  // namespace marbleway::platform

@@ -107,16 +107,17 @@ TEST(PathsTest, DataStandsWhereTheEnvironmentSaysIfThatIsAbsolute) {
 }
 
 TEST(PathsTest, TheDocumentsDirectoryStaysWhereItWasAndIsTheOwnersAlone) {
+  setDocumentsDirectory({});
   const auto usual = documentsDirectory();
-  EXPECT_TRUE(usual.is_absolute());
-  EXPECT_TRUE(usual.string().ends_with("/marbleway/" + executableName()));
+  EXPECT_TRUE(usual.starts_with("/"));
+  EXPECT_TRUE(usual.ends_with("/marbleway/" + executableName()));
 
   const marbleway::testing::TemporaryDirectory folder;
   const auto before = fs::current_path();
   fs::current_path(folder.path());
   setDocumentsDirectory("deep/down/");
   fs::current_path(before);
-  EXPECT_EQ(documentsDirectory(), folder.path() / "deep/down/");
+  EXPECT_EQ(documentsDirectory(), (folder.path() / "deep/down/").string());
   makeDocumentsDirectory();
   EXPECT_EQ(fs::status(folder.path() / "deep/down").permissions(), fs::perms::owner_all);
   setDocumentsDirectory({});

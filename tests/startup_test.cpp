@@ -227,7 +227,8 @@ TEST_F(StartUpTest, ConfigureTakesOnlyServersAndNamesTheOneItRefuses) {
                   ::testing::ThrowsMessage<std::invalid_argument>(HasSubstr(name)));
     }
   }
-  EXPECT_EQ(pathOf(Store::event).parent_path(), directory.path());  // of the last one accepted
+  EXPECT_EQ(std::filesystem::path(pathOf(Store::event)).parent_path(),
+            directory.path());  // of the last one accepted
 }
 
 TEST_F(StartUpTest, ConfigureFillsInWhatTheHostLeavesOut) {

@@ -53,8 +53,9 @@ void countClosing() {
 
 }  // namespace
 
-std::filesystem::path pathOf(Store store) {
-  return platform::documentsDirectory() / (store == Store::event ? DBFileName : HTTPDBFileName);
+std::string pathOf(Store store) {
+  std::string path = platform::documentsDirectory();
+  return path.append("/").append(store == Store::event ? DBFileName : HTTPDBFileName);
 }
 
 void holdStores() noexcept {
@@ -73,7 +74,7 @@ void releaseStoresInChild() noexcept {
   std::construct_at(&openings());
 }
 
-StoreFile::StoreFile(const std::filesystem::path& path, Missing missing) {
+StoreFile::StoreFile(const std::string& path, Missing missing) {
   countOpening();
   if (areAbandoned) return;
   // Who waits looks once in a millisecond; a thread that closes and opens would always be first.
@@ -113,13 +114,20 @@ bool StoreFile::execute(const char* sql) {
 
 Statement::Statement(Store store, const char* sql, Journal journal) : file_(pathOf(store)) {
   if (file_.connection_ == nullptr) return;
-  if (journal == Journal::kept) file_.execute("PRAGMA journal_mode=PERSIST");
+  if (journal == Journal::kept) {
+    if (!file_.execute("BEGIN IMMEDIATE;PRAGMA journal_mode=PERSIST")) return;
+    isTransaction_ = true;
+  }
   sqlite3_prepare_v2(file_.connection_, sql, -1, &statement_, nullptr);
 }
 
-Statement::~Statement() { sqlite3_finalize(statement_); }
+Statement::~Statement() {
+  sqlite3_finalize(statement_);
+  if (isTransaction_ && isDone_) file_.execute("COMMIT");
+}
 
 void Statement::bind(int index, const Text& text) {
+  if (statement_ == nullptr) return;
   const auto bytes = text.view();
   if (validPrefix(bytes) != bytes.size()) return bind(index, repaired(bytes));
   const int result = text.isAbsent()
@@ -130,7 +138,11 @@ void Statement::bind(int index, const Text& text) {
   if (result != SQLITE_OK) sqlite3_finalize(std::exchange(statement_, nullptr));
 }
 
-bool Statement::step() { return statement_ != nullptr && sqlite3_step(statement_) == SQLITE_ROW; }
+bool Statement::step() {
+  const int result = statement_ != nullptr ? sqlite3_step(statement_) : SQLITE_MISUSE;
+  isDone_ = result == SQLITE_DONE;
+  return result == SQLITE_ROW;
+}
 
 std::string_view Statement::text(int index) const {
   const auto* bytes = reinterpret_cast<const char*>(sqlite3_column_text(statement_, index));

@@ -2,7 +2,7 @@
 
 #include <algorithm>
 #include <chrono>
-#include <filesystem>
+#include <string>
 #include <string_view>
 
 #include "Marbleway/store/schema.h"
@@ -15,7 +15,7 @@ struct sqlite3_stmt;
 namespace marbleway {
 
 /// Where a store's file lies: the documents directory and the store's file name.
-std::filesystem::path pathOf(Store store);
+std::string pathOf(Store store);
 
 /// One connection to a store's file, for one statement or one schema. A file that another
 /// connection holds is waited for, two seconds at most in the connection's whole life. Every
@@ -24,7 +24,7 @@ class StoreFile {
  public:
   enum class Missing { fails, isMade };
 
-  explicit StoreFile(const std::filesystem::path& path, Missing missing = Missing::fails);
+  explicit StoreFile(const std::string& path, Missing missing = Missing::fails);
   StoreFile(const StoreFile&) = delete;
   StoreFile& operator=(const StoreFile&) = delete;
   ~StoreFile();
@@ -36,7 +36,7 @@ class StoreFile {
   friend class Statement;
   static int nap(void* file, int naps);
 
-  platform::WriteGuard guard_;     // outlives the connection
+  platform::WriteGuard guard_{platform::WriteGuard::Into::file};  // outlives the connection
   sqlite3* connection_ = nullptr;  // null when it could not be opened
   std::chrono::steady_clock::duration waited_{};
 };
@@ -46,7 +46,9 @@ class StoreFile {
 class Statement {
  public:
   /// How a commit ends the journal: by deleting it, or by clearing its head and keeping the file,
-  /// which is as safe and much faster, and for rows, whose journals are small.
+  /// which is as safe and faster, and for rows, whose journals are small. A kept journal is looked
+  /// at each time the file is locked, so a statement that keeps it locks once: it is a transaction
+  /// from its preparation on, which the destructor commits once it has been stepped to its end.
   enum class Journal { deleted, kept };
 
   Statement(Store store, const char* sql, Journal journal = Journal::deleted);
@@ -67,6 +69,8 @@ class Statement {
  private:
   StoreFile file_;
   sqlite3_stmt* statement_ = nullptr;  // null when it could not be prepared
+  bool isTransaction_ = false;
+  bool isDone_ = false;  // stepped to its end
 };
 
 /// Around a fork, so that its child finds no lock of SQLite's held: waits until no connection is

@@ -53,7 +53,7 @@ std::filesystem::path defaultDataDirectory() {
 
 void makeDocumentsDirectory() {
   std::filesystem::path made;
-  for (const auto& part : documentsDirectory()) {
+  for (const auto& part : std::filesystem::path(documentsDirectory())) {
     made /= part;
     // What is there already stays as it is; what is made is the owner's whatever the umask.
     if (mkdir(made.c_str(), S_IRWXU) == 0) (void)chmod(made.c_str(), S_IRWXU);

@@ -64,7 +64,7 @@ class FileDefaults final : public UserDefaults {
   /// Reads the file, once; as often as it takes when that is not possible.
   void load() {
     if (isLoaded_) return;
-    if (file_.empty()) file_ = documentsDirectory() / "user-defaults.json";
+    if (file_.empty()) file_ = std::filesystem::path(documentsDirectory()) / "user-defaults.json";
     (void)refresh(false);
   }
 
