@@ -9,14 +9,17 @@ namespace marbleway::platform {
 /// that made it.
 class WriteGuard {
  public:
-  WriteGuard();
+  /// What is written to. For files it costs one look at their limit while they have none.
+  enum class Into { pipe, file };
+
+  explicit WriteGuard(Into into);
   WriteGuard(const WriteGuard&) = delete;
   WriteGuard& operator=(const WriteGuard&) = delete;
   ~WriteGuard();
 
  private:
   struct Signals;
-  std::unique_ptr<Signals> before_;
+  std::unique_ptr<Signals> before_;  // null when no signal can come
 };
 
 }  // namespace marbleway::platform

@@ -17,7 +17,7 @@ class StandardError final : public Console {
     whole.reserve(line.size() + 1);
     whole.append(line).push_back('\n');
 
-    const WriteGuard guard;
+    const WriteGuard guard(WriteGuard::Into::pipe);
     writeAll(STDERR_FILENO, whole);
   }
 };

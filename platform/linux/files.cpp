@@ -99,7 +99,7 @@ DirectoryLock::~DirectoryLock() {
 }
 
 bool replaceFile(const std::filesystem::path& file, std::string_view bytes) {
-  const WriteGuard guard;
+  const WriteGuard guard(WriteGuard::Into::file);
   // Always the same name: what a killed process leaves there, the next writing takes away.
   const std::filesystem::path name = std::filesystem::path(file) += ".new";
   const Descriptor temporary(

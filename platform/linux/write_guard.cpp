@@ -1,5 +1,7 @@
 #include "platform/write_guard.h"
 
+#include <sys/resource.h>
+
 #include <array>
 #include <csignal>
 #include <ctime>
@@ -9,6 +11,12 @@ namespace {
 
 // What a failing write raises: on a closed pipe, on a file at its limit.
 constexpr std::array kRaised{SIGPIPE, SIGXFSZ};
+
+bool canRaise(WriteGuard::Into into) {
+  rlimit limit{};
+  return into == WriteGuard::Into::pipe || getrlimit(RLIMIT_FSIZE, &limit) != 0 ||
+         limit.rlim_cur != RLIM_INFINITY;
+}
 
 sigset_t pendingSignals() {
   sigset_t pending;
@@ -23,7 +31,9 @@ struct WriteGuard::Signals {
   sigset_t mask{}, pending{};
 };
 
-WriteGuard::WriteGuard() : before_(std::make_unique<Signals>()) {
+WriteGuard::WriteGuard(Into into)
+    : before_(canRaise(into) ? std::make_unique<Signals>() : nullptr) {
+  if (!before_) return;
   sigset_t raised;
   sigemptyset(&raised);
   for (const int number : kRaised) sigaddset(&raised, number);
@@ -32,6 +42,7 @@ WriteGuard::WriteGuard() : before_(std::make_unique<Signals>()) {
 }
 
 WriteGuard::~WriteGuard() {
+  if (!before_) return;
   const sigset_t pending = pendingSignals();
   for (const int number : kRaised) {
     // One that was pending before is the host's, and stays.
