@@ -19,6 +19,22 @@ const char* const kEventRow[4] = {
     R"({"Value":12.5,"currency":"EUR","quantity":3,"category":"books","gift":true,"tags":["new","blue"],"seller":{"id":7}})",
     "2026-01-02 00:00:00.005"};
 
+void trackPurchase() {
+  Marbleway::trackEvent("Purchase", {{"Value", 12.5},
+                                     {"currency", "EUR"},
+                                     {"quantity", 3},
+                                     {"category", "books"},
+                                     {"gift", true},
+                                     {"tags", Array{"new", "blue"}},
+                                     {"seller", Dictionary{{"id", 7}}}});
+}
+
+void addBareEvent(const std::string& file) {
+  constexpr const char* kInsert =
+      "insert into mrbw_v2_events (SessionID, EventName, EventAttributes, UTCTimeStamp) VALUES (?, ?, ?, ?)";
+  bareRun(file.c_str(), kInsert, std::data(kEventRow), 4);
+}
+
 void NoNetwork::post(platform::HttpRequest request,
                      std::function<void(std::optional<platform::HttpAnswer>)> done) {
   if (request.url.ends_with("mobile/batch")) {

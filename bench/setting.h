@@ -61,6 +61,11 @@ class BareStores {
   std::filesystem::path directory_;
 };
 
+/// Records an event with seven attributes as an application does: its dictionary is made anew.
+void trackPurchase();
+/// Writes the same row as a bare program does.
+void addBareEvent(const std::string& file);
+
 /// An event with seven attributes as a row: session, name, attributes, time.
 extern const char* const kEventRow[4];
 
