@@ -128,19 +128,21 @@ TEST_P(NthFileCallTest, AReadingChangesNoRowAndGivesWholeRows) {
     const auto* arrays = document.as<Dictionary>()->find("BatchData")->as<Dictionary>();
     return arrays->find(table)->as<Array>()->size();
   };
-  untilNoneFails([&](NthFailure when) {
-    kept->bodies.clear();
-    const bool wasReached = failing(when, batchData);
-    expectIntegrity();
-    EXPECT_THAT(names("EventName", "events"), ElementsAre("one"));
-    EXPECT_THAT(names("CompanyName", "companies"), ElementsAre("company"));
-    std::size_t sent = 0;
-    if (const auto document = valueFromJSON(kept->bodies.empty() ? "" : kept->bodies.back())) {
-      sent = count(*document, "Events") + count(*document, "Companies");
-    }
-    EXPECT_GE(sent, 2 - most(2, when, wasReached));
-    return wasReached;
-  });
+  untilNoneFails(
+      [&](NthFailure when) {
+        kept->bodies.clear();
+        const bool wasReached = failing(when, batchData);
+        expectIntegrity();
+        EXPECT_THAT(names("EventName", "events"), ElementsAre("one"));
+        EXPECT_THAT(names("CompanyName", "companies"), ElementsAre("company"));
+        std::size_t sent = 0;
+        if (const auto document = valueFromJSON(kept->bodies.empty() ? "" : kept->bodies.back())) {
+          sent = count(*document, "Events") + count(*document, "Companies");
+        }
+        EXPECT_GE(sent, 2 - most(2, when, wasReached));
+        return wasReached;
+      },
+      100);
 }
 
 TEST_P(NthFileCallTest, AnAcknowledgementDeletesATableOrNotAndTheNextOneDoes) {
@@ -165,7 +167,7 @@ TEST_P(NthFileCallTest, AnAcknowledgementDeletesATableOrNotAndTheNextOneDoes) {
         EXPECT_THAT(names("CompanyName", "companies"), IsEmpty());
         return wasReached;
       },
-      150);
+      50);
 }
 
 void makeStores() {
