@@ -165,6 +165,7 @@ class [[gnu::visibility("default")]] Dictionary {
 
   Dictionary() noexcept = default;
   Dictionary(std::initializer_list<Entry> entries) {
+    entries_.reserve(entries.size());
     for (const Entry& entry : entries) set(entry.first, entry.second);
   }
 
