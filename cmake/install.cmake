@@ -12,10 +12,11 @@ install(TARGETS marbleway EXPORT MarblewayTargets
 install(FILES Marbleway/Marbleway.h Marbleway/Host.h DESTINATION ${include_root}/Marbleway)
 install(FILES
   platform/buffer.h platform/clock.h platform/console.h platform/device.h platform/hooks.h
-  platform/http.h platform/location.h platform/main_loop.h platform/manual_loop.h
+  platform/http.h platform/location.h platform/main_loop.h platform/manual_loop.h platform/pages.h
   platform/platform.h platform/status_bar.h platform/user_defaults.h platform/user_interface.h
   platform/value.h
   DESTINATION ${include_root}/platform)
+install(FILES platform/linux/http_client.h DESTINATION ${include_root}/platform/linux)
 install(DIRECTORY platform/testing DESTINATION ${include_root}/platform)
 
 set_target_properties(marbleway PROPERTIES EXPORT_NAME Marbleway)
