@@ -116,7 +116,7 @@ class [[gnu::visibility("default")]] Value {
   Value(Dictionary dictionary);
 
   Value(const Value& other) = default;
-  Value(Value && other) noexcept : data_(std::exchange(other.data_, Data())) {}
+  Value(Value && other) noexcept { data_.swap(other.data_); }
   Value& operator=(Value other) noexcept {
     data_.swap(other.data_);
     return *this;
