@@ -41,7 +41,8 @@ Openings& openings() {
 
 void countOpening() {
   std::unique_lock lock(openings().lock);
-  openings().changed.wait(lock, [] { return openings().forks == 0; });
+  // Not without an end: a handler of the fork's may have crashed, and the crash wants its row.
+  openings().changed.wait_for(lock, kLongestWait, [] { return openings().forks == 0; });
   ++openings().open;
 }
 
