@@ -238,7 +238,7 @@ class ResilienceDeathTest : public ResilienceTest {
   void SetUp() override {
     GTEST_FLAG_SET(death_test_style, "threadsafe");
     setenv("ASAN_OPTIONS", "detect_leaks=0", 1);  // the end comes with work under way
-    setenv("TSAN_OPTIONS", "die_after_fork=0:atexit_sleep_ms=0", 1);
+    setenv("TSAN_OPTIONS", "die_after_fork=0:atexit_sleep_ms=0:report_thread_leaks=0", 1);
   }
   void TearDown() override {
     unsetenv("ASAN_OPTIONS");
