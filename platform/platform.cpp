@@ -88,7 +88,7 @@ std::string documentsDirectory() {
   return usual;
 }
 
-void setDocumentsDirectory(std::filesystem::path directory) {
+void setDocumentsDirectory(const std::filesystem::path& directory) {
   if (directory.empty()) return chosenDocuments.store(std::nullopt);
   chosenDocuments.store(std::filesystem::absolute(directory));
 }

@@ -48,6 +48,6 @@ void makeDocumentsDirectory();
 
 /// The directory of the stores and of the settings, absolute. Thread: any.
 std::string documentsDirectory();
-void setDocumentsDirectory(std::filesystem::path directory);
+void setDocumentsDirectory(const std::filesystem::path& directory);
 
 }  // namespace marbleway::platform

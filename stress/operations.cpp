@@ -110,8 +110,11 @@ void Pair::compareTables() const {
         testing::query(file, std::string("SELECT count(*) FROM ").append(table.name)).at(0);
     const std::string expected = std::to_string(model_.rows().at(kindNamed(table.arrayKey)));
     if (count == expected) continue;
-    throw std::runtime_error(std::string(table.name) + " has " + count + " rows instead of " +
-                             expected);
+    throw std::runtime_error(std::string(table.name)
+                                 .append(" has ")
+                                 .append(count)
+                                 .append(" rows instead of ")
+                                 .append(expected));
   }
 }
 
