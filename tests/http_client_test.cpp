@@ -195,7 +195,7 @@ TEST_F(HttpClientTest, AsksTheProxyForEveryHostButLoopback) {
   };
   server.answerWith([](const Received&) { return Answer{.status = 403}; });
   for (const auto& [option, plainVariable, secureVariable, exceptions, url, line] : cases) {
-    SCOPED_TRACE(url + " " + option + " " + plainVariable);
+    SCOPED_TRACE(::testing::Message() << url << " " << option << " " << plainVariable);
     setenv("http_proxy", plainVariable.c_str(), 1);
     setenv("https_proxy", secureVariable.c_str(), 1);
     setenv("no_proxy", exceptions.c_str(), 1);
