@@ -266,14 +266,6 @@ TEST_F(ResilienceDeathTest, TheProcessEndsAtOnceWithARequestInFlight) {
   EXPECT_EXIT(run(), ExitedWithCode(0), "");
 }
 
-// ThreadSanitizer does not hold its own locks still over a fork: a child of recording threads may
-// wait for one for ever. There the parent alone is looked at.
-#ifdef __SANITIZE_THREAD__
-constexpr int kForks = 0;
-#else
-constexpr int kForks = 5;
-#endif
-
 TEST_F(ResilienceDeathTest, AChildOfAForkRecordsAndNeitherHangsNorSends) {
   const auto run = [this] {
     LoopbackServer server;
@@ -283,7 +275,7 @@ TEST_F(ResilienceDeathTest, AChildOfAForkRecordsAndNeitherHangsNorSends) {
       return tests::Answer{.status = 500};
     });
     const auto start = [&] { beginTransfers(directory.path(), server.url()); };
-    const auto exit = tests::forkWhileRecording(start, directory.path(), kForks);
+    const auto exit = tests::forkWhileRecording(start, directory.path(), 5);
     EXPECT_EQ(exit.fault, "");
     EXPECT_LT(exit.took, 1s);
     EXPECT_THAT(server.requests(), SizeIs(3));

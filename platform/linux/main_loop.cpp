@@ -95,12 +95,14 @@ class AsioLoop : public MainLoop {
   }
 
   void post(Task task) override {
+    if (isLeftBehind()) return;
     quietly([&] { asio::post(*running(), [task = std::move(task)] { quietly(task); }); });
   }
 
   std::shared_ptr<Timer> repeat(std::chrono::nanoseconds period, Task task) override {
     std::weak_ptr<asio::io_context> loop;
     std::weak_ptr<Repeating> timer;
+    if (isLeftBehind()) return std::make_shared<Handle>(std::move(loop), std::move(timer));
     quietly([&] {
       const auto io = running();
       const auto made = std::make_shared<Repeating>(*io, period, std::move(task));
@@ -112,6 +114,9 @@ class AsioLoop : public MainLoop {
   }
 
  private:
+  /// True in a fork's child: the thread stayed with the parent, and its locks may be held.
+  bool isLeftBehind() const { return getpid() != process_; }
+
   /// The loop, its thread started.
   std::shared_ptr<asio::io_context> running() {
     const std::scoped_lock lock(starting_);
@@ -126,6 +131,7 @@ class AsioLoop : public MainLoop {
     return io_;
   }
 
+  const pid_t process_ = getpid();
   std::mutex starting_;  // guards the rest until the thread runs
   std::shared_ptr<asio::io_context> io_;
   std::thread thread_;

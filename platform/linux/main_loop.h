@@ -11,7 +11,8 @@ namespace marbleway::platform {
 /// next one tries again. An exception that leaves a task is dropped.
 ///
 /// Destroying the loop stops it after the task that runs, waits for the thread unless it is the
-/// calling one, and drops what was still to come. At the process's end it is left alone.
+/// calling one, and drops what was still to come. At the process's end it is left alone. In a
+/// fork's child it drops what it is given.
 std::shared_ptr<MainLoop> makeAsioLoop();
 
 }  // namespace marbleway::platform
