@@ -225,15 +225,14 @@ void beginTransfers(const fs::path& documents, const std::string& url) {
              .developmentURL = url,
              .bundleIdentifier = "org.example.app",
              .appVersion = "1.0"});
-  platform::install(
-      {.mainLoop = platform::makeAsioLoop(), .httpClient = platform::makeCurlClient()});
-  Marbleway::initMarbleway("token", {{"SDKEnvironment", 1}, {"DispatchTime", 30}});
+  Marbleway::initMarbleway("token", {{"SDKEnvironment", 1}, {"PrivacyMode", false}});
   isConnectedToInternet = true;
   Marbleway::trackEvent("e");
   batchData();
 }
 
-class ResilienceDeathTest : public ResilienceTest {
+// Each in a process of its own, with this system's own services: none is a fake.
+class ResilienceDeathTest : public ::testing::Test {
  protected:
   void SetUp() override {
     GTEST_FLAG_SET(death_test_style, "threadsafe");
@@ -246,6 +245,8 @@ class ResilienceDeathTest : public ResilienceTest {
   }
   // Leaves a process that has children, with 0 when all held.
   [[noreturn]] static void leave() { _exit(HasFailure() ? 1 : 0); }
+
+  const TemporaryDirectory directory;
 };
 
 TEST_F(ResilienceDeathTest, TheProcessEndsAtOnceWithARequestInFlight) {

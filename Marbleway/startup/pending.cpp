@@ -33,6 +33,8 @@ Pending::~Pending() {
   if (--count().value == 0) count().isZero.notify_all();
 }
 
+void Pending::settle() noexcept { count(); }
+
 void Pending::forget() noexcept { std::construct_at(&count()); }
 
 bool waitUntilIdle(std::chrono::milliseconds atMost) noexcept {

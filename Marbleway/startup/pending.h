@@ -17,6 +17,8 @@ class Pending {
 
   /// Called in the child of a fork, where nothing goes on of what the parent began.
   static void forget() noexcept;
+  /// Called in front of a fork, so that the child does not find the count half made.
+  static void settle() noexcept;
 };
 
 }  // namespace marbleway

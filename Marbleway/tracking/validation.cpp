@@ -4,31 +4,65 @@
 
 #include <algorithm>
 #include <array>
+#include <atomic>
 #include <locale>
+#include <memory>
 
-#include "platform/guarded.h"
 #include "platform/json.h"
+#include "platform/quietly.h"
 
 namespace marbleway {
 namespace {
 
 // A pattern that is compiled when first needed and never torn down. Says nothing of its own on
-// standard error, whatever it is given.
-class Pattern : public RE2 {
+// standard error, whatever it is given. Whoever matches takes locks of the compiled form, and never
+// one that a fork's child might find taken for ever: the child forgets that form for its own.
+class Pattern {
  public:
-  explicit Pattern(const char* pattern) : RE2(pattern, RE2::Quiet) {}
-  bool matches(const Text& text) const {
+  constexpr explicit Pattern(const char* text) : text_(text) {}
+
+  bool matches(const Text& text) {
     const std::string_view view = text.view();
-    return !text.isAbsent() && FullMatch({view.data(), view.size()}, *this);
+    return !text.isAbsent() && RE2::FullMatch({view.data(), view.size()}, form().compiled);
   }
+  void forget() noexcept {
+    if (Form* const form = form_.exchange(nullptr)) former_ = form;
+  }
+
+ private:
+  struct Form {
+    RE2 compiled;
+    const Form* former;  // an ancestor's, in reach of leak checkers
+  };
+
+  const Form& form() {
+    Form* form = form_;
+    if (form == nullptr) {
+      auto made = std::unique_ptr<Form>(new Form{{text_, RE2::Quiet}, former_});
+      if (form_.compare_exchange_strong(form, made.get())) form = made.release();
+    }
+    return *form;
+  }
+
+  const char* const text_;
+  std::atomic<Form*> form_{nullptr};
+  const Form* former_ = nullptr;
 };
+
+// The pattern of a linked address allows endings of up to 16 letters, that of the attribute 14.
+constinit Pattern linkEmail(R"([A-Z0-9a-z._%+-]+@[A-Za-z0-9.-]+\.[A-Za-z]{2,16})");
+constinit Pattern attributeEmail(R"([A-Z0-9a-z._%+-]+@[A-Za-z0-9.-]+\.[A-Za-z]{2,14})");
+constinit Pattern webAddress(
+    R"((http|https)://((\w)*|([0-9]*)|([-|_])*)+([\.|/]((\w)*|([0-9]*)|([-|_])*))+)");
+constinit Pattern phoneNumber(R"(^\+?[1-9]\d{1,14}$)");
+constinit Pattern absoluteURL(R"([A-Za-z][A-Za-z0-9+.-]*:[A-Za-z0-9\-._~:/?#\[\]@!$&'()*+,;=%]+)");
 
 struct Punctuation {
   char decimalPoint = '.';
   char thousandsSeparator = ',';
 };
 
-Punctuation userPunctuation() {
+Punctuation readPunctuation() {
   try {
     const std::locale locale("");
     const auto& marks = std::use_facet<std::numpunct<char>>(locale);
@@ -36,6 +70,11 @@ Punctuation userPunctuation() {
   } catch (const std::runtime_error&) {
     return {};  // the environment names a locale that is not installed
   }
+}
+
+const Punctuation& userPunctuation() {
+  static const Punctuation marks = readPunctuation();
+  return marks;
 }
 
 bool isDigit(char c) { return c >= '0' && c <= '9'; }
@@ -55,7 +94,7 @@ bool skip(std::string_view& text, std::string_view anyOf) {
 
 // A sign, digits in a row or in groups of three, a fraction, an exponent.
 bool isDecimal(std::string_view text) {
-  static const Punctuation marks = userPunctuation();
+  const Punctuation& marks = userPunctuation();
   skip(text, "+-");
   std::size_t digits = skipDigits(text);
   const bool mayBeGrouped = digits >= 1 && digits <= 3;
@@ -72,33 +111,25 @@ bool isDecimal(std::string_view text) {
 
 }  // namespace
 
-// The pattern of a linked address allows endings of up to 16 letters, that of the attribute 14.
-bool isLinkEmail(const Text& text) {
-  static Lasting<Pattern> pattern(R"([A-Z0-9a-z._%+-]+@[A-Za-z0-9.-]+\.[A-Za-z]{2,16})");
-  return pattern.value.matches(text);
+void settleValidation() noexcept {
+  quietly([] { userPunctuation(); });
 }
 
-bool isAttributeEmail(const Text& text) {
-  static Lasting<Pattern> pattern(R"([A-Z0-9a-z._%+-]+@[A-Za-z0-9.-]+\.[A-Za-z]{2,14})");
-  return pattern.value.matches(text);
+void renewValidation() noexcept {
+  for (Pattern* pattern : {&linkEmail, &attributeEmail, &webAddress, &phoneNumber, &absoluteURL}) {
+    pattern->forget();
+  }
 }
 
-bool isWebAddress(const Text& text) {
-  static Lasting<Pattern> pattern(
-      R"((http|https)://((\w)*|([0-9]*)|([-|_])*)+([\.|/]((\w)*|([0-9]*)|([-|_])*))+)");
-  return pattern.value.matches(text);
-}
+bool isLinkEmail(const Text& text) { return linkEmail.matches(text); }
 
-bool isPhoneNumber(const Text& text) {
-  static Lasting<Pattern> pattern(R"(^\+?[1-9]\d{1,14}$)");
-  return pattern.value.matches(text);
-}
+bool isAttributeEmail(const Text& text) { return attributeEmail.matches(text); }
 
-bool isAbsoluteURL(const Text& text) {
-  static Lasting<Pattern> pattern(
-      R"([A-Za-z][A-Za-z0-9+.-]*:[A-Za-z0-9\-._~:/?#\[\]@!$&'()*+,;=%]+)");
-  return pattern.value.matches(text);
-}
+bool isWebAddress(const Text& text) { return webAddress.matches(text); }
+
+bool isPhoneNumber(const Text& text) { return phoneNumber.matches(text); }
+
+bool isAbsoluteURL(const Text& text) { return absoluteURL.matches(text); }
 
 bool isNumber(const Value& value) {
   if (const auto* text = value.as<std::string>()) return isDecimal(*text);

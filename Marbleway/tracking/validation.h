@@ -21,6 +21,11 @@ bool isAbsoluteURL(const Text& text);
 /// thousands allowed.
 bool isNumber(const Value& value);
 
+/// In front of a fork: reads the user's locale, whose lock a child could find taken.
+void settleValidation() noexcept;
+/// In the child of a fork: leaves the patterns to the parent, whose threads may have been at them.
+void renewValidation() noexcept;
+
 /// The first of `keys` that `dictionary` does not hold; absent when it holds all.
 std::optional<std::string_view> missingKey(const Dictionary& dictionary,
                                            std::initializer_list<std::string_view> keys);
