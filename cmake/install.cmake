@@ -6,8 +6,10 @@ set(include_root ${CMAKE_INSTALL_INCLUDEDIR}/marbleway-${PROJECT_VERSION_MAJOR})
 set(package_dir ${CMAKE_INSTALL_LIBDIR}/cmake/Marbleway)
 
 target_include_directories(marbleway INTERFACE $<INSTALL_INTERFACE:${include_root}>)
+# What a program needs to run, what is needed to build one, and the programs that look inside.
+set(CMAKE_INSTALL_DEFAULT_COMPONENT_NAME development)
 install(TARGETS marbleway EXPORT MarblewayTargets
-  LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
+  LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT runtime NAMELINK_COMPONENT development
   ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR})
 install(FILES Marbleway/Marbleway.h Marbleway/Host.h DESTINATION ${include_root}/Marbleway)
 install(FILES
