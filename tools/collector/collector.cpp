@@ -13,6 +13,7 @@
 
 #include "tools/collector/batch_reader.h"
 #include "tools/collector/handshake.h"
+#include "tools/collector/page.h"
 #include "tools/collector/refusal.h"
 
 namespace collector {
@@ -111,8 +112,11 @@ void Collector::route() {
   post("/v2/mobile/batch", kLongestBatch, &Collector::batch);
   server_.Get("/", [this](const httplib::Request& request, httplib::Response& response) {
     Entry entry = entryOf(request);
-    entry.what = "summary";
-    conclude(entry, response, summary());
+    entry.what = "page";
+    const std::string nonce = unguessable();
+    conclude(entry, response, pageWith(nonce));
+    response.set_content(response.body, "text/html; charset=utf-8");
+    response.set_header("Content-Security-Policy", pagePolicy(nonce));
   });
   server_.set_error_handler([this](const httplib::Request& request, httplib::Response& response) {
     if (response.body.empty()) turnAway(request, response);
@@ -190,15 +194,6 @@ void Collector::turnAway(const httplib::Request& request, httplib::Response& res
     response.set_header("Allow", resource.method);
   }
   conclude(entry, response, errorBody(entry.what));
-}
-
-std::string Collector::summary() {
-  std::string lines;
-  for (const Kind& kind : kKinds) {
-    lines.append(kind.name()).append(20 - kind.name().size(), ' ');
-    lines.append(std::to_string(data_.count(kind))).append("\n");
-  }
-  return lines;
 }
 
 /// Writes a request down, prints its line and fills in its answer.

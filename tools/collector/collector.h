@@ -48,7 +48,6 @@ class Collector {
   std::string handshake(std::string& document, Entry& entry);
   std::string batch(std::string& document, Entry& entry);
   void turnAway(const httplib::Request& request, httplib::Response& response);
-  std::string summary();
   void conclude(const Entry& entry, httplib::Response& response, const std::string& body);
   void print(const std::string& line);
   int bind(const std::string& host, int port);

@@ -58,7 +58,6 @@ void DataFile::createTable(const Kind& kind) {
               eachKey(kind, " AND ", [](auto key) { return key + " = ?"; }));
   statements.insert = prepare("INSERT INTO " + name + " VALUES (" +
                               eachKey(kind, ", ", [](auto) { return "?"; }) + ", 1)");
-  statements.count = prepare("SELECT count(*) FROM " + name);
 }
 
 void DataFile::note(const Entry& entry) noexcept {
@@ -73,16 +72,6 @@ void DataFile::note(const Entry& entry) noexcept {
   bind(note_, ++index, entry.status == 200 ? std::string_view() : entry.what);
   sqlite3_step(note_.get());
   sqlite3_reset(note_.get());
-}
-
-long long DataFile::count(const Kind& kind) {
-  const std::scoped_lock lock(mutex_);
-  const Statement& statement = statements_[positionOf(kind)].count;
-  const bool found = sqlite3_step(statement.get()) == SQLITE_ROW;
-  const long long number = sqlite3_column_int64(statement.get(), 0);
-  sqlite3_reset(statement.get());
-  if (!found) fail();
-  return number;
 }
 
 void DataFile::fail() const {

@@ -43,9 +43,6 @@ class DataFile {
   /// Writes the request down; lost in silence, since its answer does not depend on it.
   void note(const Entry& entry) noexcept;
 
-  /// How many different rows of a kind are kept.
-  long long count(const Kind& kind);
-
  private:
   struct Close {
     void operator()(sqlite3* database) const { sqlite3_close(database); }
@@ -53,9 +50,9 @@ class DataFile {
   };
   using Statement = std::unique_ptr<sqlite3_stmt, Close>;
 
-  /// What is done with a row of one kind: counted, when it is there already; added; and told.
+  /// What is done with a row of one kind: counted, when it is there already, or added.
   struct Statements {
-    Statement countAgain, insert, count;
+    Statement countAgain, insert;
   };
 
   [[noreturn]] void fail() const;
