@@ -18,6 +18,12 @@ install(FILES
   platform/platform.h platform/status_bar.h platform/user_defaults.h platform/user_interface.h
   platform/value.h
   DESTINATION ${include_root}/platform)
+if(TARGET marbleway_c)
+  target_include_directories(marbleway_c INTERFACE $<INSTALL_INTERFACE:${include_root}>)
+  install(TARGETS marbleway_c EXPORT MarblewayTargets
+    LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT runtime NAMELINK_COMPONENT development)
+  install(FILES Marbleway/marbleway_c.h DESTINATION ${include_root}/Marbleway)
+endif()
 install(FILES platform/linux/http_client.h DESTINATION ${include_root}/platform/linux)
 install(DIRECTORY platform/testing DESTINATION ${include_root}/platform)
 

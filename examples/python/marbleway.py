@@ -1,0 +1,156 @@
+"""Marbleway for Python, through ctypes and the C interface.
+
+The library is looked for where the system keeps its libraries, or is the file that the environment's MARBLEWAY_LIBRARY names.
+Dictionaries are Python's own; None is an absent text or value. What cannot be taken raises ValueError, all else is told on the
+console, as in every other language.
+"""
+
+import ctypes
+import json
+import os
+import traceback
+
+_library = ctypes.CDLL(os.environ.get("MARBLEWAY_LIBRARY", "libmarbleway_c.so.2"))
+_library.marbleway_version.restype = ctypes.c_char_p
+_library.marbleway_wait_until_idle.argtypes = [ctypes.c_int64]
+_library.marbleway_set_device_token.argtypes = [ctypes.c_char_p, ctypes.c_size_t]
+
+
+def _text(text):
+    return None if text is None else text.encode()
+
+
+def _json(value):
+    return None if value is None else json.dumps(value).encode()
+
+
+def _call(name, *arguments):
+    if getattr(_library, "marbleway_" + name)(*arguments) != 0:
+        raise ValueError(f"marbleway: {name} was given what it cannot take")
+
+
+def version():
+    return _library.marbleway_version().decode()
+
+
+def configure(**members):
+    """Takes documentsDirectory, developmentURL, testURL, productionURL, bundleIdentifier, appVersion and sites."""
+    _call("configure", _json(members))
+
+
+def wait_until_idle(seconds):
+    return _library.marbleway_wait_until_idle(round(seconds * 1000)) == 1
+
+
+def init(project_token, options=None):
+    """Starts the library; without options with the default ones, which is not the same as with empty ones."""
+    if options is None:
+        _call("init", _text(project_token))
+    else:
+        _call("init_with_options", _text(project_token), _json(options))
+
+
+def start_session():
+    _call("start_session")
+
+
+def stop_session():
+    _call("stop_session")
+
+
+def link_user(identifier, kind="id"):
+    _call("link_user", _text(identifier), _text(kind))
+
+
+def unlink_user():
+    _call("unlink_user")
+
+
+def set_user_attribute(attribute, value):
+    _call("set_user_attribute", _text(attribute), _text(value))
+
+
+def increment_user_attribute(attribute, amount):
+    _call("increment_user_attribute", _text(attribute), _json(amount))
+
+
+def decrement_user_attribute(attribute, amount):
+    _call("decrement_user_attribute", _text(attribute), _json(amount))
+
+
+def link_company(name):
+    _call("link_company", _text(name))
+
+
+def unlink_company():
+    _call("unlink_company")
+
+
+def set_company_attribute(attribute, value):
+    _call("set_company_attribute", _text(attribute), _text(value))
+
+
+def increment_company_attribute(attribute, amount):
+    _call("increment_company_attribute", _text(attribute), _json(amount))
+
+
+def decrement_company_attribute(attribute, amount):
+    _call("decrement_company_attribute", _text(attribute), _json(amount))
+
+
+def track_event(name, attributes=None):
+    _call("track_event", _text(name), _json(attributes))
+
+
+def track_screen_view(name, attributes=None):
+    _call("track_screen_view", _text(name), _json(attributes))
+
+
+def track_ad_impression(details):
+    _call("track_ad_impression", _json(details))
+
+
+def track_ad_interaction(details, kind):
+    _call("track_ad_interaction", _json(details), _text(kind))
+
+
+def track_ad_conversion(details, conversion):
+    _call("track_ad_conversion", _json(details), _json(conversion))
+
+
+def track_deep_link(url):
+    _call("track_deep_link", _text(url))
+
+
+def log_error(name, message, error):
+    """Records a caught exception with its type, its text and, as what else is known, Python's own lines of the call stack."""
+    lines = traceback.format_exception(error)
+    _call("log_error", _text(name), _text(message), _text(type(error).__name__), _text(str(error)), _json({"traceback": lines}))
+
+
+def is_tracking_enabled():
+    return _library.marbleway_get_tracking_enabled() == 1
+
+
+def set_tracking_enabled(enabled):
+    _call("set_tracking_enabled", int(enabled))
+
+
+def is_uploading_enabled():
+    return _library.marbleway_get_uploading_enabled() == 1
+
+
+def set_uploading_enabled(enabled):
+    _call("set_uploading_enabled", int(enabled))
+
+
+def set_device_token(token):
+    _call("set_device_token", token, 0 if token is None else len(token))
+
+
+def track_push_notification(user_info):
+    _call("track_push_notification", _json(user_info))
+
+
+def set_location_monitoring_enabled(enabled):
+    _call("set_location_monitoring_enabled", int(enabled))
