@@ -1,0 +1,57 @@
+#pragma once
+
+#include <filesystem>
+#include <optional>
+#include <string>
+
+#include "Marbleway/store/schema.h"
+
+namespace inspect {
+
+/// A documents directory to read, whose files stay as they are, byte for byte.
+///
+/// A store whose last writer was killed amid a commit is read from a private copy, in which that
+/// commit is undone as the library's next start will undo it. While there is a copy, signals that
+/// end the program wait, so that it never outlives the program; `kill -9` leaves it in the
+/// temporary directory, mode 0700.
+class Documents {
+ public:
+  /// Throws a ReadError when there is no store or one cannot be read.
+  explicit Documents(const std::filesystem::path& directory);
+  Documents(const Documents&) = delete;
+  Documents& operator=(const Documents&) = delete;
+  ~Documents();
+
+  bool has(marbleway::Store store) const;
+  /// Where a store is read.
+  std::filesystem::path pathOf(marbleway::Store store) const;
+  /// The directory in which both stores are read.
+  const std::filesystem::path& readable() const { return copies_.empty() ? directory_ : copies_; }
+  /// The file of settings, which may be missing.
+  std::filesystem::path settings() const { return directory_ / "user-defaults.json"; }
+
+ private:
+  void makeCopies();
+
+  std::filesystem::path directory_;  // absolute
+  std::filesystem::path copies_;     // empty as long as there are none
+};
+
+/// The rows that are asked for: all of them, or those of one user's sessions.
+class Selection {
+ public:
+  Selection(const Documents& documents, const std::optional<std::string>& user);
+
+  /// What holds for a row of `table` that is asked for; "?1" in it is the parameter.
+  std::string condition(const marbleway::Table& table) const;
+  std::optional<std::string> parameter(const marbleway::Table& table) const;
+  bool isEverything() const { return !user_; }
+  /// True when a user is asked for whom no session names.
+  bool isUnknownUser() const { return user_ && sessions_ == "[]"; }
+
+ private:
+  std::optional<std::string> user_;
+  std::string sessions_ = "[]";  // the user's, a JSON array of texts
+};
+
+}  // namespace inspect
