@@ -5,12 +5,13 @@
 #include <filesystem>
 #include <string>
 
+/// What operations are given, and what a host tells the library.
 namespace marbleway {
 
 /// A place on the map, in degrees.
 struct Coordinate {
-  double latitude = 0;
-  double longitude = 0;
+  double latitude = 0;   ///< North of the equator.
+  double longitude = 0;  ///< East of Greenwich.
 };
 
 /// What a host tells the library about itself and about its servers.
@@ -19,12 +20,15 @@ struct Configuration {
   /// the working directory of the call. Empty: $XDG_DATA_HOME or ~/.local/share, then
   /// "marbleway"/bundleIdentifier.
   std::filesystem::path documentsDirectory{};
+  /// The server of the option "SDKEnvironment" 1.
   std::string developmentURL = "http://127.0.0.1:8080/v2/";
+  /// The server of the option "SDKEnvironment" 2.
   std::string testURL = "https://test.marbleway.invalid/v2/";
+  /// The server of any other "SDKEnvironment", and where the option is left out.
   std::string productionURL = "https://collect.marbleway.invalid/v2/";
-  std::string bundleIdentifier{};        // empty: the executable's file name
-  std::string appVersion{};              // empty: "1.0"
-  std::array<Coordinate, 3> sites = {};  // centres A, B and C of the fixed regions
+  std::string bundleIdentifier{};        ///< Empty: the executable's file name.
+  std::string appVersion{};              ///< Empty: "1.0".
+  std::array<Coordinate, 3> sites = {};  ///< Centres A, B and C of the fixed regions.
 };
 
 /// Takes the host's configuration. Call before `initMarbleway`. Thread: any.

@@ -141,10 +141,12 @@ class [[gnu::visibility("default")]] Marbleway {
 
   /// Whether rows are recorded. The switch lasts until the next start-up.
   static bool getTrackingEnabled() noexcept;
+  /// Switches recording on or off, until the next start-up reads the options again.
   static void setTrackingEnabled(bool trackingEnabled) noexcept;
 
   /// Whether rows are uploaded. The switch lasts until the next start-up.
   static bool getUploadingEnabled() noexcept;
+  /// Switches uploading on or off, until the next start-up reads the options again.
   static void setUploadingEnabled(bool uploadingEnabled) noexcept;
 
   /// Records the device's push token as the user attribute "ApplePushToken", under the refusals of

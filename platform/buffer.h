@@ -17,16 +17,21 @@ namespace marbleway::platform {
 class Buffer {
  public:
   Buffer() noexcept = default;
+  /// Takes the other's bytes, which is then empty.
   Buffer(Buffer&& other) noexcept { swap(other); }
+  /// Takes the other's bytes, which is then empty.
   Buffer& operator=(Buffer&& other) noexcept {
     Buffer(std::move(other)).swap(*this);
     return *this;
   }
   ~Buffer() = default;
 
+  /// How many bytes there are.
   std::size_t size() const noexcept { return size_; }
+  /// The bytes. Valid until more are added.
   std::string_view view() const noexcept { return {block_.get(), size_}; }
 
+  /// Adds `bytes` at the end.
   void append(std::string_view bytes) {
     if (bytes.empty()) return;
     std::memcpy(room(bytes.size()), bytes.data(), bytes.size());

@@ -9,6 +9,7 @@ namespace marbleway::platform {
 class [[gnu::visibility("default")]] Clock {
  public:
   virtual ~Clock() = default;
+  /// The time.
   virtual std::chrono::system_clock::time_point now() = 0;
 };
 

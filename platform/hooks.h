@@ -10,16 +10,20 @@ namespace marbleway::platform {
 class [[gnu::visibility("default")]] NetworkCapture {
  public:
   virtual ~NetworkCapture() = default;
+  /// First of the three calls at a session's start, with network monitoring on.
   virtual void defaultConfiguration() = 0;
+  /// The second.
   virtual void load() = 0;
+  /// The third: requests are captured from here on.
   virtual void registerProtocol() = 0;
+  /// At a session's end: requests are captured no more.
   virtual void unregisterProtocol() = 0;
 };
 
 /// An uncaught failure of the process.
 struct Failure {
-  std::string description;  // what failed: a type and its reason, or a signal
-  std::string callStack;    // the frames of the failing thread, a line each
+  std::string description;  ///< What failed: a type and its reason, or a signal.
+  std::string callStack;    ///< The frames of the failing thread, a line each.
 };
 
 /// Tells of failures that end the process.

@@ -15,16 +15,16 @@ inline constexpr std::size_t kLongestAnswer = 1U << 20U;
 
 /// One POST.
 struct HttpRequest {
-  std::string url;                                           // http or https
-  std::vector<std::pair<std::string, std::string>> headers;  // name and value, in order
-  Buffer body;
-  std::size_t answerLimit = kLongestAnswer;  // bytes of the answer's body that are wanted
+  std::string url;                                           ///< http or https
+  std::vector<std::pair<std::string, std::string>> headers;  ///< Name and value, in order.
+  Buffer body;                                               ///< What is posted.
+  std::size_t answerLimit = kLongestAnswer;  ///< Bytes of the answer's body that are wanted.
 };
 
 /// An answer whose transfer is complete.
 struct HttpAnswer {
-  long status = 0;
-  std::string body;
+  long status = 0;   ///< The HTTP status.
+  std::string body;  ///< As much as was wanted.
 };
 
 /// The network. It verifies certificates and host names, follows no redirect and sends no "Expect".

@@ -32,6 +32,7 @@ class [[gnu::visibility("default")]] MainLoop {
                                         std::function<void()> task) = 0;
 };
 
+/// A shorter period counts as this one.
 inline constexpr std::chrono::nanoseconds kShortestPeriod = std::chrono::microseconds(100);
 
 }  // namespace marbleway::platform

@@ -13,6 +13,7 @@ namespace marbleway::platform {
 /// one thread at a time. An exception that leaves a task is dropped.
 class [[gnu::visibility("default")]] ManualLoop : public MainLoop {
  public:
+  /// What timers go by.
   using Time = std::chrono::steady_clock::time_point;
 
   /// `now` is the time that timers go by; another clock than the steady one makes it virtual.

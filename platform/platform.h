@@ -14,21 +14,22 @@
 #include "platform/user_defaults.h"
 #include "platform/user_interface.h"
 
+/// What the library asks of its surroundings, and this system's answers.
 namespace marbleway::platform {
 
 /// The services that the library asks of its surroundings, one pointer each.
 struct Platform {
-  std::shared_ptr<Console> console{};
-  std::shared_ptr<Clock> clock{};
-  std::shared_ptr<MainLoop> mainLoop{};
-  std::shared_ptr<HttpClient> httpClient{};
-  std::shared_ptr<UserDefaults> userDefaults{};
-  std::shared_ptr<Device> device{};
-  std::shared_ptr<StatusBar> statusBar{};
-  std::shared_ptr<UserInterface> userInterface{};
-  std::shared_ptr<LocationService> locationService{};
-  std::shared_ptr<NetworkCapture> networkCapture{};
-  std::shared_ptr<CrashHook> crashHook{};
+  std::shared_ptr<Console> console{};                  ///< Where lines go.
+  std::shared_ptr<Clock> clock{};                      ///< The wall clock.
+  std::shared_ptr<MainLoop> mainLoop{};                ///< Timers and continuations.
+  std::shared_ptr<HttpClient> httpClient{};            ///< The network.
+  std::shared_ptr<UserDefaults> userDefaults{};        ///< Settings kept between launches.
+  std::shared_ptr<Device> device{};                    ///< Facts of the device.
+  std::shared_ptr<StatusBar> statusBar{};              ///< Tells the connection.
+  std::shared_ptr<UserInterface> userInterface{};      ///< Badge, links, alerts.
+  std::shared_ptr<LocationService> locationService{};  ///< Location managers.
+  std::shared_ptr<NetworkCapture> networkCapture{};    ///< Captures the host's requests.
+  std::shared_ptr<CrashHook> crashHook{};              ///< Uncaught failures.
 };
 
 /// Replaces the services that `replacement` holds and leaves the others. Call before
@@ -48,6 +49,7 @@ void makeDocumentsDirectory();
 
 /// The directory of the stores and of the settings, absolute. Thread: any.
 std::string documentsDirectory();
+/// Sets it; a relative one counts from the working directory of the call.
 void setDocumentsDirectory(const std::filesystem::path& directory);
 
 }  // namespace marbleway::platform

@@ -8,12 +8,12 @@ namespace marbleway::platform {
 
 /// One view of the status bar, as far as the connection can be read from it.
 struct View {
-  std::string className;
-  std::vector<View> subviews;
-  std::string text;                            // its "text", empty when it has none
-  int dataNetworkType = 0;                     // its "dataNetworkType", 0 when it has none
-  std::shared_ptr<const View> statusBar;       // its "statusBar", null when it has none
-  std::shared_ptr<const View> foregroundView;  // its "foregroundView", null when it has none
+  std::string className;                       ///< The name of its class.
+  std::vector<View> subviews;                  ///< The views in it.
+  std::string text;                            ///< Its "text", empty when it has none.
+  int dataNetworkType = 0;                     ///< Its "dataNetworkType", 0 when it has none.
+  std::shared_ptr<const View> statusBar;       ///< Its "statusBar", null when it has none.
+  std::shared_ptr<const View> foregroundView;  ///< Its "foregroundView", null when it has none.
 };
 
 /// The device's status bar. Thread: any.

@@ -12,8 +12,11 @@ class [[gnu::visibility("default")]] UserDefaults {
   virtual ~UserDefaults() = default;
   /// Absent when there is no text under `key`.
   virtual std::optional<std::string> text(std::string_view key) = 0;
+  /// Keeps a text in the place of what was there.
   virtual void setText(std::string_view key, std::string_view text) = 0;
+  /// Keeps a flag in the place of what was there.
   virtual void setFlag(std::string_view key, bool flag) = 0;
+  /// Forgets what was there.
   virtual void remove(std::string_view key) = 0;
   /// Writes out what has changed, if anything has; a failure is silent and leaves it to be written
   /// by the next call.

@@ -23,6 +23,8 @@ class Dictionary;
 /// A view: what it was made from has to live as long as the call that it is handed to.
 class Text {
  public:
+  ///@{
+  /// Made from whatever holds a text; a null pointer and an empty optional are absent.
   constexpr Text(std::nullptr_t) noexcept {}
   constexpr Text(std::nullopt_t) noexcept {}
   constexpr Text(std::string_view text) noexcept : view_(text.substr(0, text.find('\0'))) {}
@@ -33,6 +35,7 @@ class Text {
   Text(const std::optional<std::string>& text) noexcept {
     if (text) *this = Text(*text);
   }
+  ///@}
 
   /// True for an absent text; an empty one is present.
   constexpr bool isAbsent() const noexcept { return !view_; }
@@ -92,6 +95,7 @@ class Handle {
 class [[gnu::visibility("default")]] Value {
  public:
   Value() noexcept = default;
+  /// A boolean.
   template <std::same_as<bool> T>
   Value(T flag) noexcept : data_(flag) {}
   /// An integer beyond 64 signed bits is kept as a double.
@@ -104,6 +108,7 @@ class [[gnu::visibility("default")]] Value {
       data_ = static_cast<std::int64_t>(number);
     }
   }
+  /// A number of any floating type, kept as a double.
   template <std::floating_point T>
   Value(T number) noexcept : data_(static_cast<double>(number)) {}
   /// An absent text is null.
@@ -112,17 +117,21 @@ class [[gnu::visibility("default")]] Value {
     const Text given(text);
     if (!given.isAbsent()) data_.emplace<std::string>(given.view());
   }
-  Value(Array array);
-  Value(Dictionary dictionary);
+  Value(Array array);            ///< Its elements in order.
+  Value(Dictionary dictionary);  ///< Its keys in order.
 
+  ///@{
+  /// Copies share; what has been moved from is null.
   Value(const Value& other) = default;
   Value(Value && other) noexcept { data_.swap(other.data_); }
   Value& operator=(Value other) noexcept {
     data_.swap(other.data_);
     return *this;
   }
+  ///@}
   ~Value() = default;
 
+  /// True for null, which an absent text is as well.
   bool isNull() const noexcept { return std::holds_alternative<std::monostate>(data_); }
 
   /// The value of type `bool`, `std::int64_t`, `double`, `std::string`, `Array` or `Dictionary`;
@@ -143,15 +152,21 @@ class [[gnu::visibility("default")]] Value {
 class [[gnu::visibility("default")]] Array {
  public:
   Array() noexcept = default;
+  /// The values between braces.
   Array(std::initializer_list<Value> values) : values_(values) {}
 
+  /// Adds a value at the end.
   void push_back(Value value) { values_.push_back(std::move(value)); }
+  ///@{
+  /// As in the standard library's containers.
   std::size_t size() const noexcept { return values_.size(); }
   bool empty() const noexcept { return values_.empty(); }
   const Value& operator[](std::size_t index) const { return values_[index]; }
   auto begin() const noexcept { return values_.begin(); }
   auto end() const noexcept { return values_.end(); }
+  ///@}
 
+  /// Equal values in the same order.
   friend bool operator==(const Array& left, const Array& right);
 
  private:
@@ -161,9 +176,11 @@ class [[gnu::visibility("default")]] Array {
 /// Text keys to values, in order of insertion; a later equal key replaces the earlier value.
 class [[gnu::visibility("default")]] Dictionary {
  public:
+  /// A key and its value.
   using Entry = std::pair<std::string, Value>;
 
   Dictionary() noexcept = default;
+  /// The pairs between braces.
   Dictionary(std::initializer_list<Entry> entries) {
     entries_.reserve(entries.size());
     for (const Entry& entry : entries) set(entry.first, entry.second);
@@ -174,11 +191,15 @@ class [[gnu::visibility("default")]] Dictionary {
   /// The value under `key`; null when there is none. Valid until the dictionary changes.
   const Value* find(std::string_view key) const noexcept;
 
+  ///@{
+  /// As in the standard library's containers.
   std::size_t size() const noexcept { return entries_.size(); }
   bool empty() const noexcept { return entries_.empty(); }
   auto begin() const noexcept { return entries_.begin(); }
   auto end() const noexcept { return entries_.end(); }
+  ///@}
 
+  /// Equal values under the same keys, in whatever order.
   friend bool operator==(const Dictionary& left, const Dictionary& right);
 
  private:
@@ -190,11 +211,13 @@ class [[gnu::visibility("default")]] Dictionary {
 
 /// An exception that the application caught; what is absent is left out of the error's details.
 struct ErrorReport {
-  std::optional<std::string> name{};
-  std::optional<std::string> reason{};
+  std::optional<std::string> name{};    ///< What kind of error it is.
+  std::optional<std::string> reason{};  ///< Why it came about.
+  /// The frames of the call stack, innermost first.
   std::optional<std::vector<std::uintptr_t>> callStackReturnAddresses{};
+  /// A line a frame.
   std::optional<std::vector<std::string>> callStackSymbols{};
-  std::optional<Dictionary> userInfo{};
+  std::optional<Dictionary> userInfo{};  ///< What else is known.
 };
 
 /// Reads a JSON text; absent when it is not one, or nests deeper than 512 levels.

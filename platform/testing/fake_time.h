@@ -8,6 +8,7 @@
 #include "platform/clock.h"
 #include "platform/manual_loop.h"
 
+/// Surroundings in a test's hand.
 namespace marbleway::platform::testing {
 
 /// A wall clock, and a main loop whose timers go by a time of their own; both stand still until
@@ -21,6 +22,7 @@ class FakeTime : public Clock {
         std::chrono::duration_cast<std::chrono::system_clock::duration>(wall));
   }
 
+  /// The loop, to be installed beside this clock.
   std::shared_ptr<ManualLoop> mainLoop() const { return mainLoop_; }
 
   /// Moves both clocks by `duration` and runs what is posted or falls due on the way, in order,

@@ -11,24 +11,30 @@ namespace marbleway::platform::testing {
 
 /// What a `FixedDevice` answers.
 struct DeviceFacts {
+  ///@{
+  /// The answer to the function of this name.
   std::string vendorIdentifier = "AAAAAAAA-0000-0000-0000-000000000001";
   std::string advertisingIdentifier = "BBBBBBBB-0000-0000-0000-000000000001";
   std::string systemVersion = "12.5";
   std::string model = "x86_64";
   std::string timeZone = "Europe/Berlin";
-  std::uint32_t randomNumber = 1234567;  // taken modulo the bound
+  ///@}
+  std::uint32_t randomNumber = 1234567;  ///< Taken modulo the bound.
 };
 
 /// A device without chance: new identifiers count upwards from
 /// "00000000-0000-0000-0000-000000000001". Thread: any.
 class FixedDevice : public Device {
  public:
+  /// Answers with `facts`.
   explicit FixedDevice(DeviceFacts facts = {}) : facts_(std::move(facts)) {}
 
+  /// Answers with other facts from now on.
   void setFacts(DeviceFacts facts) {
     const std::scoped_lock lock(lock_);
     facts_ = std::move(facts);
   }
+  /// What is answered now.
   DeviceFacts facts() const {
     const std::scoped_lock lock(lock_);
     return facts_;

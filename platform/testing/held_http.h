@@ -16,17 +16,22 @@ namespace marbleway::platform::testing {
 
 /// A request as it was posted.
 struct HeldRequest {
+  ///@{
+  /// The request's member of this name.
   std::string url;
   std::vector<std::pair<std::string, std::string>> headers;
   std::string body;
   std::size_t answerLimit = 0;
+  ///@}
 };
 
 /// A network in the test's hand: every request waits until the test answers it. Thread: any.
 class HeldHttp : public HttpClient {
  public:
+  /// Takes the answer, or that there is none.
   using Done = std::function<void(std::optional<HttpAnswer>)>;
 
+  /// Keeps the request; `done` runs when the test answers.
   void post(HttpRequest request, Done done) override {
     const std::scoped_lock lock(lock_);
     requests_.push_back({std::move(request.url), std::move(request.headers),

@@ -16,6 +16,7 @@ namespace marbleway::platform::testing {
 /// Thread: any.
 class MemoryDefaults : public UserDefaults {
  public:
+  /// Texts and flags under their keys.
   using Content = std::map<std::string, std::variant<std::string, bool>, std::less<>>;
 
   std::optional<std::string> text(std::string_view key) override {

@@ -17,6 +17,7 @@ class RecordingCapture : public NetworkCapture {
   void registerProtocol() override { keep("registerProtocol"); }
   void unregisterProtocol() override { keep("unregisterProtocol"); }
 
+  /// The names so far.
   std::vector<std::string> calls() const {
     const std::scoped_lock lock(lock_);
     return calls_;

@@ -11,7 +11,10 @@ namespace marbleway::platform::testing {
 
 /// An alert as it was shown.
 struct ShownAlert {
-  std::string title, message, button;
+  std::string title;    ///< Its first line.
+  std::string message;  ///< Its text.
+  std::string button;   ///< The button's word.
+  /// Equal word for word.
   bool operator==(const ShownAlert&) const = default;
 };
 
@@ -25,9 +28,12 @@ class RecordingInterface : public UserInterface {
     keep(alerts_, ShownAlert{std::string(title), std::string(message), std::string(button)});
   }
 
+  ///@{
+  /// What was shown or opened so far.
   std::vector<int> badgeNumbers() const { return copy(badges_); }
   std::vector<std::string> openedURLs() const { return copy(urls_); }
   std::vector<ShownAlert> alerts() const { return copy(alerts_); }
+  ///@}
 
  private:
   template <class T>

@@ -19,6 +19,7 @@ namespace marbleway::platform::testing {
 /// any". Numbers stand as shortly as they read back the same, whatever the locale. Thread: any.
 class RecordingManager : public LocationManager {
  public:
+  /// What it says of ranging.
   explicit RecordingManager(bool rangingAvailable) : rangingAvailable_(rangingAvailable) {}
 
   void setDelegate(LocationDelegate* delegate) override {
