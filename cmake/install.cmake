@@ -50,3 +50,8 @@ endif()
 configure_file(cmake/marbleway.pc.in marbleway.pc @ONLY)
 install(FILES ${CMAKE_CURRENT_BINARY_DIR}/marbleway.pc
   DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
+if(TARGET marbleway_c)
+  configure_file(cmake/marbleway_c.pc.in marbleway_c.pc @ONLY)
+  install(FILES ${CMAKE_CURRENT_BINARY_DIR}/marbleway_c.pc
+    DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
+endif()
