@@ -1,9 +1,11 @@
 #include "tools/inspect/documents.h"
 
+#include <algorithm>
 #include <csignal>
 #include <cstdlib>
 #include <fstream>
 #include <iterator>
+#include <vector>
 
 #include "Marbleway/startup/state.h"
 #include "platform/utf8.h"
@@ -31,12 +33,6 @@ void holdEnd(int how) {
   pthread_sigmask(how, &signals, nullptr);
 }
 
-fs::path makePrivateDirectory() {
-  std::string name = (fs::temp_directory_path() / "marbleway-inspect-XXXXXX").string();
-  if (mkdtemp(name.data()) == nullptr) throw ReadError(name + ": cannot be made for a copy");
-  return name;
-}
-
 std::string bytesOf(const fs::path& file) {
   std::ifstream stream(file, std::ios::binary);
   return {std::istreambuf_iterator<char>(stream), {}};
@@ -56,41 +52,36 @@ void copyHalfWritten(const fs::path& store, const fs::path& copy) {
   throw ReadError(store.string() + ": changes too fast to be copied");
 }
 
-}  // namespace
-
-Documents::Documents(const fs::path& directory) : directory_(fs::absolute(directory)) {
-  bool isAnyHalfWritten = false;
-  bool isThere = false;
-  for (const Store store : kStores) {
-    if (!has(store)) continue;
-    isThere = true;
-    isAnyHalfWritten |= isHalfWritten(pathOf(store));
-  }
-  if (!isThere) throw ReadError(directory_.string() + ": no stores here");
-  if (isAnyHalfWritten) makeCopies();
+// A store that is whole is read where it stands, by a link.
+void supply(const fs::path& store, const fs::path& copy) {
+  if (isHalfWritten(store)) return copyHalfWritten(store, copy);
+  fs::create_symlink(store, copy);
 }
 
-Documents::~Documents() {
-  if (copies_.empty()) return;
+}  // namespace
+
+PrivateFolder::PrivateFolder() {
+  std::string name = (fs::temp_directory_path() / "marbleway-inspect-XXXXXX").string();
+  holdEnd(SIG_BLOCK);
+  if (mkdtemp(name.data()) == nullptr) throw ReadError(name + ": cannot be made for a copy");
+  path_ = name;
+}
+
+PrivateFolder::~PrivateFolder() {
   std::error_code error;
-  fs::remove_all(copies_, error);
+  fs::remove_all(path_, error);
   holdEnd(SIG_UNBLOCK);
 }
 
-// A store that is whole is read where it stands, by a link beside the copies.
-void Documents::makeCopies() {
-  holdEnd(SIG_BLOCK);
-  const fs::path copies = makePrivateDirectory();
-  for (const Store store : kStores) {
-    const fs::path file = directory_ / nameOf(store);
-    if (!has(store)) continue;
-    if (isHalfWritten(file)) {
-      copyHalfWritten(file, copies / nameOf(store));
-    } else {
-      fs::create_symlink(file, copies / nameOf(store));
-    }
-  }
-  copies_ = copies;
+Documents::Documents(const fs::path& directory) : directory_(fs::absolute(directory)) {
+  std::vector<Store> there;
+  std::ranges::copy_if(kStores, std::back_inserter(there),
+                       [this](Store store) { return has(store); });
+  if (there.empty()) throw ReadError(directory_.string() + ": no stores here");
+  const auto isWhole = [this](Store store) { return !isHalfWritten(directory_ / nameOf(store)); };
+  if (std::ranges::all_of(there, isWhole)) return;
+  copies_.emplace();
+  for (const Store store : there) supply(directory_ / nameOf(store), pathOf(store));
 }
 
 bool Documents::has(Store store) const { return fs::exists(pathOf(store)); }

@@ -8,33 +8,40 @@
 
 namespace inspect {
 
+/// A folder of its own, mode 0700, gone with this object. While it lives, signals that end the
+/// program wait, so that it never outlives the program; `kill -9` leaves it there.
+class PrivateFolder {
+ public:
+  PrivateFolder();
+  PrivateFolder(const PrivateFolder&) = delete;
+  PrivateFolder& operator=(const PrivateFolder&) = delete;
+  ~PrivateFolder();
+
+  const std::filesystem::path& path() const { return path_; }
+
+ private:
+  std::filesystem::path path_;
+};
+
 /// A documents directory to read, whose files stay as they are, byte for byte.
 ///
 /// A store whose last writer was killed amid a commit is read from a private copy, in which that
-/// commit is undone as the library's next start will undo it. While there is a copy, signals that
-/// end the program wait, so that it never outlives the program; `kill -9` leaves it in the
-/// temporary directory, mode 0700.
+/// commit is undone as the library's next start will undo it.
 class Documents {
  public:
   /// Throws a ReadError when there is no store or one cannot be read.
   explicit Documents(const std::filesystem::path& directory);
-  Documents(const Documents&) = delete;
-  Documents& operator=(const Documents&) = delete;
-  ~Documents();
-
   bool has(marbleway::Store store) const;
   /// Where a store is read.
   std::filesystem::path pathOf(marbleway::Store store) const;
   /// The directory in which both stores are read.
-  const std::filesystem::path& readable() const { return copies_.empty() ? directory_ : copies_; }
+  const std::filesystem::path& readable() const { return copies_ ? copies_->path() : directory_; }
   /// The file of settings, which may be missing.
   std::filesystem::path settings() const { return directory_ / "user-defaults.json"; }
 
  private:
-  void makeCopies();
-
   std::filesystem::path directory_;  // absolute
-  std::filesystem::path copies_;     // empty as long as there are none
+  std::optional<PrivateFolder> copies_;
 };
 
 /// The rows that are asked for: all of them, or those of one user's sessions.

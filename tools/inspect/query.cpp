@@ -9,7 +9,8 @@
 namespace inspect {
 namespace {
 
-constexpr std::chrono::milliseconds kLongestWait{2000};
+constexpr std::chrono::seconds kLongestWait{2};
+constexpr int kNap = 1;  // ms; with ever longer ones a busy writer would always be first
 constexpr const char* kLook = "SELECT count(*) FROM sqlite_master";
 
 using Connection = std::unique_ptr<sqlite3, Query::Close>;
@@ -18,12 +19,21 @@ using Connection = std::unique_ptr<sqlite3, Query::Close>;
   throw ReadError(store.string().append(": ").append(sqlite3_errmsg(connection)));
 }
 
+int nap(void* /*unused*/, int naps) {
+  using std::chrono::steady_clock;
+  static steady_clock::time_point end;
+  if (naps == 0) end = steady_clock::now() + kLongestWait;
+  if (steady_clock::now() >= end) return 0;
+  sqlite3_sleep(kNap);
+  return 1;
+}
+
 Connection open(const std::filesystem::path& store, int flags, const char* files = nullptr) {
   sqlite3* opened = nullptr;
   const int result = sqlite3_open_v2(store.c_str(), &opened, flags | SQLITE_OPEN_NOMUTEX, files);
   Connection connection(opened);
   if (result != SQLITE_OK) failOn(store, opened);
-  sqlite3_busy_timeout(opened, static_cast<int>(kLongestWait.count()));
+  sqlite3_busy_handler(opened, nap, nullptr);
   return connection;
 }
 
