@@ -18,6 +18,9 @@
 /// The callbacks of a location manager are left out, and no part of the platform can be replaced:
 /// both are interfaces of C++. A process uses this library or the one of C++, not both, unless this
 /// one was built upon the shared library. Thread: any, unless told.
+///
+/// A runtime that lives with fatal signals (null checks by SIGSEGV, as virtual machines make them)
+/// starts with the option "PerformanceMonitoringEnabled" off: each would count as a crash.
 
 #include <stddef.h>  // NOLINT(modernize-deprecated-headers): C has no other
 #include <stdint.h>  // NOLINT(modernize-deprecated-headers)

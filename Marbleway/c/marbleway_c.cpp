@@ -69,6 +69,14 @@ int track(const char* attributes_json, Plain plain, Detailed detailed) noexcept 
   });
 }
 
+using Change = void(marbleway::Text attribute, const Value& value) noexcept;
+
+int change(Change& operation, const char* attribute, const char* value_json) noexcept {
+  return statusOf([&] {
+    return with([&](const Value& value) { operation(attribute, value); }, valueFrom(value_json));
+  });
+}
+
 marbleway::ErrorReport reportOf(const char* type, const char* reason, const Dictionary& userInfo,
                                 const void* caller) {
   std::vector<std::uintptr_t> addresses = marbleway::platform::returnAddresses();
@@ -131,16 +139,10 @@ int marbleway_set_user_attribute(const char* attribute, const char* value) {
   return done([&] { Marbleway::setUserAttribute(attribute, value); });
 }
 int marbleway_increment_user_attribute(const char* attribute, const char* value_json) {
-  return statusOf([&] {
-    return with([&](const Value& value) { Marbleway::incrementUserAttribute(attribute, value); },
-                valueFrom(value_json));
-  });
+  return change(Marbleway::incrementUserAttribute, attribute, value_json);
 }
 int marbleway_decrement_user_attribute(const char* attribute, const char* value_json) {
-  return statusOf([&] {
-    return with([&](const Value& value) { Marbleway::decrementUserAttribute(attribute, value); },
-                valueFrom(value_json));
-  });
+  return change(Marbleway::decrementUserAttribute, attribute, value_json);
 }
 
 int marbleway_link_company(const char* company_name) {
@@ -151,16 +153,10 @@ int marbleway_set_company_attribute(const char* attribute, const char* value) {
   return done([&] { Marbleway::setCompanyAttribute(attribute, value); });
 }
 int marbleway_increment_company_attribute(const char* attribute, const char* value_json) {
-  return statusOf([&] {
-    return with([&](const Value& value) { Marbleway::incrementCompanyAttribute(attribute, value); },
-                valueFrom(value_json));
-  });
+  return change(Marbleway::incrementCompanyAttribute, attribute, value_json);
 }
 int marbleway_decrement_company_attribute(const char* attribute, const char* value_json) {
-  return statusOf([&] {
-    return with([&](const Value& value) { Marbleway::decrementCompanyAttribute(attribute, value); },
-                valueFrom(value_json));
-  });
+  return change(Marbleway::decrementCompanyAttribute, attribute, value_json);
 }
 
 int marbleway_track_event(const char* event_name, const char* attributes_json) {
