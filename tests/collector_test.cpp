@@ -238,7 +238,7 @@ TEST_F(CollectorTest, AnswersWithItsConfigurationAndAlwaysWithASessionTimeout) {
 TEST_F(CollectorTest, TurnsAwayOtherPathsAndMethods) {
   start();
   const std::vector<std::tuple<std::string, std::string, int>> cases{
-      {"GET", "/", 200}, {"GET", kInit, 405}, {"PUT", kBatch, 405}, {"POST", "/v2/mobile/x", 404}};
+      {"POST", "/", 405}, {"GET", kInit, 405}, {"PUT", kBatch, 405}, {"POST", "/v2/mobile/x", 404}};
   for (const auto& [method, path, status] : cases) {
     httplib::Client client("127.0.0.1", server->port());
     httplib::Request request;

@@ -21,12 +21,14 @@ int number(const std::string& text, int largest) {
 std::optional<Settings> readArguments(std::span<const char* const> arguments) {
   Settings settings;
   std::string token, port = "0", failBatches = "0";
-  const std::map<std::string, std::string*, std::less<>> options{{"--data", &settings.dataFile},
-                                                                 {"--token", &token},
-                                                                 {"--port", &port},
-                                                                 {"--host", &settings.host},
-                                                                 {"--config", &settings.configFile},
-                                                                 {"--fail-batches", &failBatches}};
+  const std::map<std::string, std::string*, std::less<>> options{
+      {"--data", &settings.dataFile},
+      {"--token", &token},
+      {"--port", &port},
+      {"--host", &settings.host},
+      {"--config", &settings.configFile},
+      {"--page-token", &settings.pageToken},
+      {"--fail-batches", &failBatches}};
   for (std::size_t i = 0; i < arguments.size(); i += 2) {
     const std::string name = arguments[i];
     if (name == "--help") return std::nullopt;

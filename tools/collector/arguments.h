@@ -16,6 +16,8 @@ Takes handshakes and batches, checks them strictly and keeps their rows in a SQL
   --token TOKEN       a project token to accept, given once for each (required)
   --port PORT         the port to listen on; 0, the default, takes a free one
   --host HOST         the address to listen on; 127.0.0.1 by default
+  --page-token TEXT   what whoever opens the page must know; needed, and made up if not given,
+                      where --host is not this machine alone
   --config FILE       what handshakes are answered with: a JSON object with the members
                       "Config" and "NetworkMonitoring"
   --fail-batches N    answer the first N batches with 503

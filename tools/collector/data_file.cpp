@@ -1,9 +1,38 @@
 #include "tools/collector/data_file.h"
 
-#include <stdexcept>
+#include <utility>
+
+#include "tools/collector/json_text.h"
 
 namespace collector {
 namespace {
+
+/// Whoever looks into the file meanwhile neither waits nor makes a batch wait.
+constexpr auto kBegin = "PRAGMA journal_mode = WAL; PRAGMA synchronous = FULL; BEGIN IMMEDIATE";
+constexpr auto kCreateOthers =
+    "CREATE TABLE IF NOT EXISTS Arrivals (n INTEGER PRIMARY KEY AUTOINCREMENT, Received INTEGER, "
+    "Kind TEXT, Row INTEGER, SessionID TEXT, Token TEXT, Batch INTEGER, State TEXT); "
+    "CREATE INDEX IF NOT EXISTS ArrivalsByKind ON Arrivals (Kind, State); "
+    "CREATE INDEX IF NOT EXISTS ArrivalsBySession ON Arrivals (SessionID, Received); "
+    "CREATE INDEX IF NOT EXISTS ArrivalsByBatch ON Arrivals (Batch); "
+    "CREATE INDEX IF NOT EXISTS SessionsByDevice ON Sessions (PlatformDeviceID, SessionID); "
+    "CREATE TABLE IF NOT EXISTS Requests (Time TEXT, Method TEXT, Path TEXT, Status INTEGER, "
+    "Rows INTEGER, NewRows INTEGER, Bytes INTEGER, Fault TEXT); COMMIT";
+
+// A device numbers the rows of a table without leaving one out. So a row follows a gap if its
+// device has sent a smaller number, but not the one before. Privacy mode gives a device another
+// name: a number that came from a session in the other mode, or of an unknown device, may be its
+// own and closes the gap. @ is the table, ?1 the batch.
+constexpr std::string_view kMarkGaps =
+    "UPDATE Arrivals SET State = 'gap' WHERE Batch = ?1 AND Kind = '@' AND State = 'new' AND EXISTS "
+    "(SELECT 1 FROM @ AS r JOIN Sessions AS s USING (SessionID) WHERE r.rowid = Arrivals.Row "
+    "AND s.PlatformDeviceID <> '' AND NOT EXISTS "
+    "(SELECT 1 FROM @ AS p LEFT JOIN Sessions AS q USING (SessionID) WHERE p.id = r.id - 1 "
+    "AND (q.SessionID IS NULL OR q.PrivacyMode <> s.PrivacyMode OR (q.BundleID = s.BundleID "
+    "AND q.ProjectToken = s.ProjectToken AND q.PlatformDeviceID = s.PlatformDeviceID))) AND EXISTS "
+    "(SELECT 1 FROM Sessions AS q JOIN @ AS p USING (SessionID) WHERE p.id < r.id "
+    "AND q.BundleID = s.BundleID AND q.ProjectToken = s.ProjectToken "
+    "AND q.PlatformDeviceID = s.PlatformDeviceID))";
 
 /// What `term` makes of each key of `kind`, joined.
 template <class Term>
@@ -16,108 +45,121 @@ std::string eachKey(const Kind& kind, std::string_view separator, Term term) {
   return list;
 }
 
-void bind(const auto& statement, int index, std::string_view text) {
-  const char* data = text.empty() ? "" : text.data();  // a null pointer would bind NULL
-  sqlite3_bind_text64(statement.get(), index, data, text.size(), SQLITE_STATIC, SQLITE_UTF8);
+std::string withTable(std::string_view sql, std::string_view table) {
+  std::string text(sql);
+  for (auto at = text.find('@'); at != text.npos; at = text.find('@', at)) {
+    text.replace(at, 1, table);
+  }
+  return text;
 }
-
-void bind(const auto& statement, int index, long long number) {
-  sqlite3_bind_int64(statement.get(), index, number);
-}
-
-std::size_t positionOf(const Kind& kind) { return static_cast<std::size_t>(&kind - kKinds.data()); }
 
 }  // namespace
 
-DataFile::DataFile(const std::string& path) : path_(path) {
-  sqlite3* database = nullptr;
-  const int result = sqlite3_open(path.c_str(), &database);
-  database_.reset(database);
-  if (result != SQLITE_OK) fail();
-  sqlite3_busy_timeout(database, 10'000);
-  // Whoever looks into the file meanwhile neither waits nor makes a batch wait.
-  execute("PRAGMA journal_mode = WAL; PRAGMA synchronous = FULL; BEGIN IMMEDIATE");
+DataFile::DataFile(const std::string& path)
+    : path_(path), database_(path, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE) {
+  database_.execute(kBegin);
   for (const Kind& kind : kKinds) createTable(kind);
-  execute(
-      "CREATE TABLE IF NOT EXISTS Requests (Time TEXT, Method TEXT, Path TEXT, Status INTEGER, "
-      "Rows INTEGER, NewRows INTEGER, Bytes INTEGER, Fault TEXT); COMMIT");
-  note_ = prepare(
+  database_.execute(kCreateOthers);
+  for (const Kind& kind : kKinds) {
+    if (!kind.hasSession()) continue;
+    statements_[positionOf(kind)].markGaps = database_.prepare(withTable(kMarkGaps, kind.name()));
+  }
+  note_ = database_.prepare(
       "INSERT INTO Requests VALUES (strftime('%Y-%m-%d %H:%M:%f', 'now'), ?, ?, ?, ?, ?, ?, ?)");
+  arrive_ = database_.prepare("INSERT INTO Arrivals VALUES (NULL, ?, ?, ?, ?, ?, ?, ?)");
 }
 
 void DataFile::createTable(const Kind& kind) {
   const std::string name(kind.name());
-  execute("CREATE TABLE IF NOT EXISTS " + name + " (" +
-          eachKey(kind, ", ", [](auto key) { return key + (key == "id" ? " INTEGER" : " TEXT"); }) +
-          ", TimesReceived INTEGER)");
-  execute("CREATE INDEX IF NOT EXISTS " + name + "ByTime ON " + name + " (UTCTimeStamp, id)");
+  database_.execute(
+      "CREATE TABLE IF NOT EXISTS " + name + " (" +
+      eachKey(kind, ", ", [](auto key) { return key + (key == "id" ? " INTEGER" : " TEXT"); }) +
+      ", TimesReceived INTEGER)");
+  const auto index = [&](const char* by, const char* columns) {
+    database_.execute("CREATE INDEX IF NOT EXISTS " + name + by + " ON " + name + columns);
+  };
+  index("ByTime", " (UTCTimeStamp, id)");
+  index("ById", " (id)");
+  if (kind.hasSession()) index("BySession", " (SessionID, id)");
 
   Statements& statements = statements_[positionOf(kind)];
-  statements.countAgain =
-      prepare("UPDATE " + name + " SET TimesReceived = TimesReceived + 1 WHERE " +
-              eachKey(kind, " AND ", [](auto key) { return key + " = ?"; }));
-  statements.insert = prepare("INSERT INTO " + name + " VALUES (" +
-                              eachKey(kind, ", ", [](auto) { return "?"; }) + ", 1)");
+  statements.countAgain = database_.prepare(
+      "UPDATE " + name + " SET TimesReceived = TimesReceived + 1 WHERE " +
+      eachKey(kind, " AND ", [](auto key) { return key + " = ?"; }) + " RETURNING rowid");
+  statements.insert = database_.prepare("INSERT INTO " + name + " VALUES (" +
+                                        eachKey(kind, ", ", [](auto) { return "?"; }) + ", 1)");
 }
 
 void DataFile::note(const Entry& entry) noexcept {
   const std::scoped_lock lock(mutex_);
-  int index = 0;
-  bind(note_, ++index, entry.method);
-  bind(note_, ++index, entry.path);
-  bind(note_, ++index, entry.status);
-  bind(note_, ++index, entry.tally.rows);
-  bind(note_, ++index, entry.tally.newRows);
-  bind(note_, ++index, static_cast<long long>(entry.bytes));
-  bind(note_, ++index, entry.status == 200 ? std::string_view() : entry.what);
-  sqlite3_step(note_.get());
-  sqlite3_reset(note_.get());
+  const std::string_view fault = entry.status == 200 ? std::string_view() : entry.what;
+  note_.bindAll(entry.method, entry.path, entry.status, entry.tally.rows, entry.tally.newRows,
+                static_cast<long long>(entry.bytes), fault);
+  note_.tryRun();
 }
 
-void DataFile::fail() const {
-  throw std::runtime_error("the data file " + path_ + ": " + sqlite3_errmsg(database_.get()));
+void DataFile::forget() {
+  const std::scoped_lock lock(mutex_);
+  std::string sql = "BEGIN IMMEDIATE; DELETE FROM Arrivals; DELETE FROM Requests; ";
+  for (const Kind& kind : kKinds) sql.append("DELETE FROM ").append(kind.name()).append("; ");
+  database_.execute(sql + "COMMIT");
 }
 
-void DataFile::execute(const std::string& sql) {
-  if (sqlite3_exec(database_.get(), sql.c_str(), nullptr, nullptr, nullptr) != SQLITE_OK) fail();
+long long DataFile::lastBatch() {
+  const std::scoped_lock lock(mutex_);
+  Statement statement = database_.prepare("SELECT max(Batch) FROM Arrivals");
+  statement.step();
+  return statement.number(0);
 }
 
-DataFile::Statement DataFile::prepare(const std::string& sql) {
-  sqlite3_stmt* statement = nullptr;
-  if (sqlite3_prepare_v2(database_.get(), sql.c_str(), -1, &statement, nullptr) != SQLITE_OK) {
-    fail();
-  }
-  return Statement(statement);
-}
-
-DataFile::Batch::Batch(DataFile& file) : file_(file), lock_(file.mutex_) {
-  file_.execute("BEGIN IMMEDIATE");
+DataFile::Batch::Batch(DataFile& file, Origin origin)
+    : file_(file), lock_(file.mutex_), origin_(std::move(origin)), received_(millisecondsNow()) {
+  file_.database_.execute("BEGIN IMMEDIATE");
 }
 
 DataFile::Batch::~Batch() {
-  if (!committed_) sqlite3_exec(file_.database_.get(), "ROLLBACK", nullptr, nullptr, nullptr);
+  if (!committed_) file_.database_.tryExecute("ROLLBACK");
 }
 
 void DataFile::Batch::keep(const Kind& kind, std::span<const std::string_view> texts) {
-  const Statements& statements = file_.statements_[positionOf(kind)];
+  const auto [row, isNew] = place(kind, texts);
   ++tally_.rows;
-  run(statements.countAgain, texts);
-  if (sqlite3_changes(file_.database_.get()) != 0) return;
-  run(statements.insert, texts);
-  ++tally_.newRows;
+  ++tally_.counts[positionOf(kind)];
+  if (isNew) ++tally_.newRows;
+  const std::string_view session = kind.hasSession() ? texts[1] : std::string_view();
+  file_.arrive_.bindAll(received_, kind.name(), row, session, origin_.token, origin_.number,
+                        std::string_view(isNew ? "new" : "again"));
+  file_.arrive_.run();
+}
+
+std::pair<long long, bool> DataFile::Batch::place(const Kind& kind,
+                                                  std::span<const std::string_view> texts) {
+  Statements& statements = file_.statements_[positionOf(kind)];
+  const auto bind = [&](Statement& statement) {
+    int index = 0;
+    for (const std::string_view text : texts) statement.bind(++index, text);
+  };
+  bind(statements.countAgain);
+  if (statements.countAgain.step()) {
+    const long long row = statements.countAgain.number(0);
+    statements.countAgain.run();
+    return {row, false};
+  }
+  bind(statements.insert);
+  statements.insert.run();
+  return {file_.database_.lastRow(), true};
 }
 
 Tally DataFile::Batch::commit() {
-  file_.execute("COMMIT");
+  for (const Kind& kind : kKinds) {
+    Statement& markGaps = file_.statements_[positionOf(kind)].markGaps;
+    if (tally_.counts[positionOf(kind)] == 0 || !kind.hasSession()) continue;
+    markGaps.bindAll(origin_.number);
+    markGaps.run();
+  }
+  file_.database_.execute("COMMIT");
   committed_ = true;
   return tally_;
-}
-
-void DataFile::Batch::run(const Statement& statement, std::span<const std::string_view> texts) {
-  int index = 0;
-  for (const std::string_view text : texts) bind(statement, ++index, text);
-  sqlite3_step(statement.get());
-  if (sqlite3_reset(statement.get()) != SQLITE_OK) file_.fail();  // tells what the step met
 }
 
 }  // namespace collector

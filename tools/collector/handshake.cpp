@@ -19,17 +19,6 @@ constexpr const char* kDefault = R"({
 })";
 constexpr double kShortestSession = 60;
 
-std::string_view textOf(const rapidjson::Value& value) {
-  return {value.GetString(), value.GetStringLength()};
-}
-
-/// Parses `text` in place, which the document then points into; throws a Refusal.
-void parse(std::string& text, rapidjson::Document& document) {
-  rapidjson::InsituStringStream stream(text.data());
-  document.ParseStream<kStrictReading>(stream);
-  requireJson(document, stream.Tell(), text.size());
-}
-
 std::string contentsOf(const std::string& file) {
   std::ifstream stream(file, std::ios::binary);
   std::string text{std::istreambuf_iterator<char>(stream), {}};
@@ -51,7 +40,7 @@ void complete(rapidjson::Value& object, const rapidjson::Value& defaults,
 std::string answerFrom(std::string text) {
   rapidjson::Document defaults, data;
   defaults.Parse(kDefault);
-  parse(text, data);
+  parseStrictly(text, data);
   if (!data.IsObject()) throw std::runtime_error("it is not a JSON object");
   complete(data, defaults, data);
   for (const auto& section : std::as_const(defaults).GetObject()) {
@@ -79,7 +68,7 @@ Announcement readAnnouncement(std::string& document) {
   constexpr std::array<std::string_view, 2> kKeys{"OS", "BundleID"};
   const auto place = [] { return "document"; };
   rapidjson::Document root;
-  parse(document, root);
+  parseStrictly(document, root);
   if (!root.IsObject()) throw Refusal(400, "document: not an object");
   Members members(kKeys);
   std::array<std::string, 2> texts;

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <rapidjson/document.h>
 #include <rapidjson/error/en.h>
 #include <rapidjson/reader.h>
 
@@ -29,6 +30,17 @@ inline void requireJson(const rapidjson::ParseResult& result, std::size_t read, 
                            .append(rapidjson::GetParseError_En(result.Code())));
   }
   if (read != size) throw Refusal(400, "byte " + std::to_string(read) + ": NUL after the document");
+}
+
+/// Parses `text` in place, which the document then points into; throws a Refusal.
+inline void parseStrictly(std::string& text, rapidjson::Document& document) {
+  rapidjson::InsituStringStream stream(text.data());
+  document.ParseStream<kStrictReading>(stream);
+  requireJson(document, stream.Tell(), text.size());
+}
+
+inline std::string_view textOf(const rapidjson::Value& value) {
+  return {value.GetString(), value.GetStringLength()};
 }
 
 /// The members of one JSON object, which must have exactly the keys it is known to have.

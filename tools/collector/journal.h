@@ -1,0 +1,66 @@
+#pragma once
+
+#include <deque>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "tools/collector/data_file.h"
+#include "tools/collector/json_text.h"
+
+namespace collector {
+
+/// One handshake or batch and what was answered.
+struct Exchange {
+  long long n = 0;         // its number, from 1 on
+  long long received = 0;  // milliseconds since 1970
+  std::string token;
+  int status = 0;  // 0: no answer was given
+  std::string answer;
+  std::string fault;  // the first thing found wrong with it
+  std::vector<std::pair<std::string, std::string>> headers;
+  std::shared_ptr<const std::string> body;  // absent when it is not kept
+  std::size_t bytes = 0;
+  Tally tally;
+};
+
+/// The latest exchanges of one kind, of this run.
+class Journal {
+ public:
+  using Entry = std::shared_ptr<const Exchange>;
+  static constexpr std::size_t kMost = 200;
+  static constexpr std::size_t kLongestBody = 4'000'000;  // bytes; a longer one is not kept
+  static constexpr std::size_t kMostBytes = 64'000'000;   // of all bodies; the oldest go first
+
+  /// Begins with `first`.
+  explicit Journal(long long first) : next_(first) {}
+
+  /// The number of the next exchange.
+  long long number();
+  void add(Exchange exchange);
+  void clear();
+
+  /// Those added since `cursor`, oldest first; `cursor` moves on to the newest.
+  std::vector<Entry> since(long long& cursor) const;
+  /// A cursor at the newest.
+  long long end() const;
+  /// Nothing when it is not kept.
+  Entry find(long long n) const;
+  /// How many there have been since the start or the last clearing, and how many were faulty.
+  std::pair<long long, long long> counts() const;
+
+ private:
+  mutable std::mutex mutex_;
+  std::deque<Entry> entries_;  // in the order in which they were answered
+  std::size_t bytes_ = 0;      // of their bodies
+  long long next_;
+  long long added_ = 0;  // ever
+  long long count_ = 0, faulty_ = 0;
+};
+
+void putBatch(JsonWriter& writer, const Exchange& batch);
+void putHandshake(JsonWriter& writer, const Exchange& handshake);
+
+}  // namespace collector

@@ -1,0 +1,59 @@
+#pragma once
+
+#include <httplib.h>
+
+#include <memory>
+#include <string>
+#include <string_view>
+
+#include "tools/collector/records.h"
+#include "tools/collector/rows.h"
+
+namespace collector {
+
+/// Server-sent events for one page: what is new since the last look, taken from where it is kept.
+/// Nothing is queued for a page, so a slow one holds up nobody but itself.
+class Stream {
+ public:
+  /// Rows are sent from the one after number `after` on; all else from now on. `place` is kept as
+  /// long as the stream.
+  Stream(Records& records, long long after, std::shared_ptr<void> place);
+
+  /// Sends what is new, or, after five seconds without news, a sign of life; returns false when the
+  /// page is gone.
+  bool send(httplib::DataSink& sink);
+
+ private:
+  std::string news();
+  void addRows(std::string& events);
+  void addExchanges(std::string& events, std::string_view name, const Journal& journal,
+                    long long& cursor, void (*putOne)(JsonWriter&, const Exchange&));
+
+  Records& records_;
+  RowReader rows_;
+  const Filter all_;
+  long long row_, batch_, handshake_, change_, reset_;  // the last ones sent
+  const std::shared_ptr<void> place_;
+};
+
+/// The rows that a filter admits, from the oldest on, as one text in pieces.
+class Export {
+ public:
+  enum class Format { ndjson, csv };
+
+  Export(const std::string& path, Filter filter, Format format, std::shared_ptr<void> place);
+
+  /// Sends the next piece; returns false when the client is gone.
+  bool send(httplib::DataSink& sink);
+
+ private:
+  std::string piece(const std::vector<Row>& rows) const;
+
+  RowReader rows_;
+  const Filter filter_;
+  const Format format_;
+  Range range_;
+  const std::shared_ptr<void> place_;
+};
+
+}  // namespace collector
