@@ -1,5 +1,6 @@
 import assert from "node:assert/strict";
-import {pageTest, useApplication, withFolder} from "./support.mjs";
+import {pageTest} from "./page_test.mjs";
+import {useApplication, withFolder} from "./support.mjs";
 
 /** Presses what is named `label` on the page and waits until the collector has taken it. */
 async function choose(page, label) {

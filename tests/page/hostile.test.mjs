@@ -1,5 +1,6 @@
 import assert from "node:assert/strict";
-import {event, eventually, namesOf, pageTest, send, session} from "./support.mjs";
+import {pageTest} from "./page_test.mjs";
+import {event, eventually, namesOf, send, session} from "./support.mjs";
 
 const HOSTILE = {
   markup: "<img src=x onerror=\"document.title='taken'\"><b>bold</b>",

@@ -1,5 +1,6 @@
 import assert from "node:assert/strict";
-import {event, eventually, namesOf, pageTest, send, session} from "./support.mjs";
+import {pageTest} from "./page_test.mjs";
+import {event, eventually, namesOf, send, session} from "./support.mjs";
 
 const ROWS = 100000;
 const LIVE = 20000;   // of them, pushed to an open page
@@ -35,7 +36,8 @@ const scroll = (page) => page.evaluate(async () => {
   }
 });
 
-const shows = (page, rows) => eventually(() => page.locator("#shown").textContent(), `${rows.toLocaleString("en")} rows`);
+const shows = (page, rows) =>
+  eventually(() => page.locator("#shown").textContent(), `${rows.toLocaleString("en")} rows`);
 
 /** Sends events number `from` to `to`. */
 async function sendEvents(collector, from, to) {

@@ -1,5 +1,6 @@
 import assert from "node:assert/strict";
-import {event, eventually, namesOf, pageTest, rowsOf, screen, send, session, useApplication, user, withFolder}
+import {pageTest} from "./page_test.mjs";
+import {event, eventually, namesOf, rowsOf, screen, send, session, useApplication, user, withFolder}
   from "./support.mjs";
 
 /** A day in a shop: two sessions of two devices, for two tokens. */

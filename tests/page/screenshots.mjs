@@ -1,7 +1,7 @@
 // Makes the pictures of the documents: node screenshots.mjs FOLDER
 import {mkdir} from "node:fs/promises";
 import {join} from "node:path";
-import {event, eventually, screen, send, session, useApplication, user, withCollector, withFolder, withPage}
+import {browser, event, eventually, screen, send, session, useApplication, user, withCollector, withFolder, withPage}
   from "./support.mjs";
 
 const [folder] = process.argv.slice(2);
@@ -51,3 +51,4 @@ await withCollector(async (collector) => {
   });
   await withPage(collector, {...SIZE, colorScheme: "dark"}, (page) => picture(page, "dark"));
 });
+await browser.close();

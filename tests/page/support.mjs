@@ -5,7 +5,6 @@ import {mkdtemp, rm} from "node:fs/promises";
 import {tmpdir} from "node:os";
 import {join} from "node:path";
 import {createInterface} from "node:readline";
-import {after, test} from "node:test";
 import {promisify} from "node:util";
 import {chromium} from "playwright-core";
 
@@ -43,13 +42,12 @@ export async function withCollector(act) {
   });
 }
 
-// One for all tests of a file. As root it runs without its sandbox: it sees no page but the collector's.
-const browser = await chromium.launch({
+// One for all pages. As root it runs without its sandbox: it sees no page but the collector's.
+export const browser = await chromium.launch({
   executablePath: process.env.CHROMIUM ?? "/usr/bin/chromium",
   args: ["--no-sandbox", "--disable-gpu", "--disable-quic", "--no-first-run", "--disable-background-networking",
          "--disable-component-update", "--disable-sync"],
 });
-after(() => browser.close());
 
 /** Runs `act` with the page of `collector`, then asks that the browser had nothing to complain of. */
 export async function withPage(collector, options, act) {
@@ -69,11 +67,6 @@ export async function withPage(collector, options, act) {
   } finally {
     await context.close();
   }
-}
-
-/** A test with a collector of its own and the page of it: `act(page, collector)`. */
-export function pageTest(name, options, act) {
-  test(name, () => withCollector((collector) => withPage(collector, options, (page) => act(page, collector))));
 }
 
 /** Asks `probe` until it agrees with `expected`; fails with its last answer. */
