@@ -1,6 +1,5 @@
 #include "Marbleway/marbleway_c.h"
 
-#include <algorithm>
 #include <chrono>
 #include <concepts>
 #include <optional>
@@ -79,15 +78,11 @@ int change(Change& operation, const char* attribute, const char* value_json) noe
 
 marbleway::ErrorReport reportOf(const char* type, const char* reason, const Dictionary& userInfo,
                                 const void* caller) {
-  std::vector<std::uintptr_t> addresses = marbleway::platform::returnAddresses();
-  const auto outside = std::ranges::find(addresses, reinterpret_cast<std::uintptr_t>(caller));
-  if (outside != addresses.end()) addresses.erase(addresses.begin(), outside);
-
   marbleway::ErrorReport report;
   report.name = marbleway::Text(type).copy();
   report.reason = marbleway::Text(reason).copy();
-  report.callStackSymbols = marbleway::platform::symbolsOf(addresses);
-  report.callStackReturnAddresses = std::move(addresses);
+  report.callStackReturnAddresses = marbleway::platform::returnAddresses(caller);
+  report.callStackSymbols = marbleway::platform::symbolsOf(*report.callStackReturnAddresses);
   if (!userInfo.empty()) report.userInfo = userInfo;
   return report;
 }

@@ -1,4 +1,3 @@
-#include <algorithm>
 #include <string>
 #include <typeinfo>
 #include <utility>
@@ -38,20 +37,11 @@ Dictionary detailsOf(const ErrorReport& report) {
   return details;
 }
 
-// The call stack from the one on who called the library, which goes on at `caller`.
-std::vector<std::uintptr_t> callStackFrom(const void* caller) {
-  std::vector<std::uintptr_t> addresses = platform::returnAddresses();
-  const auto first =
-      std::find(addresses.begin(), addresses.end(), reinterpret_cast<std::uintptr_t>(caller));
-  if (first != addresses.end()) addresses.erase(addresses.begin(), first);
-  return addresses;
-}
-
 ErrorReport reportOf(const std::exception& exception, const void* caller) {
   ErrorReport report;
   report.name = platform::demangled(typeid(exception).name());
   report.reason = Text(exception.what()).copy();  // a null one is absent
-  report.callStackReturnAddresses = callStackFrom(caller);
+  report.callStackReturnAddresses = platform::returnAddresses(caller);
   report.callStackSymbols = platform::symbolsOf(*report.callStackReturnAddresses);
   return report;
 }

@@ -67,12 +67,12 @@ std::string frameLine(std::size_t number, std::uintptr_t address, AddressKind ki
   return line.append(" + ").append(hexadecimal(address - addressOf(start)));
 }
 
-std::vector<std::uintptr_t> returnAddresses() {
+std::vector<std::uintptr_t> returnAddresses(const void* caller) {
   std::array<void*, kDeepestFrame> frames{};
   const int count = backtrace(frames.data(), static_cast<int>(frames.size()));
   const auto end = frames.begin() + count;
-  // The caller's frame is the first that counts, however many are on the way here.
-  auto first = std::find(frames.begin(), end, __builtin_return_address(0));
+  auto first = std::find(frames.begin(), end, caller);
+  if (first == end) first = std::find(frames.begin(), end, __builtin_return_address(0));
   if (first == end) first = frames.begin();
 
   std::vector<std::uintptr_t> addresses;
