@@ -19,6 +19,7 @@ const CASES = [
   ["batch", "500", STAYS],
   ["batch", "Never answer", STAYS],
   ["batch", "Reset", STAYS],
+  ["batch", "Slow", STAYS],  // the application is over before the answer
   ["batch", "200 without JSON", GOES],
   ["batch", "None", GOES],
   ["handshake", "Reset", STAYS],

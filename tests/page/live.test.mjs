@@ -84,6 +84,26 @@ pageTest("Filters, search, pause and clear leave what they name", {}, async (pag
   await count(1);
 });
 
+// What the browser says of a collector that is not there.
+const GONE = {excused: /ERR_(CONNECTION_REFUSED|CONNECTION_RESET|EMPTY_RESPONSE|INCOMPLETE_CHUNKED_ENCODING)/};
+
+pageTest("A page that lost its collector catches up, and a reset empties it", GONE, async (page, collector) => {
+  await fillShop(collector);
+  await eventually(() => namesOf(page).then((names) => names.length), SHOP);
+  await page.evaluate(() => { window.sameDocument = true; });
+  await collector.stop();
+  await page.getByText("○ not connected").waitFor();
+  await collector.start();
+  await send(collector, {Events: [event(3, "S-ONE", "Missed")]});
+  await eventually(async () => (await namesOf(page))[0], "Missed");
+  assert.equal((await namesOf(page)).length, SHOP + 1);
+  await fetch(`${collector.origin}/api/reset`, {method: "POST"});
+  await page.getByText("Nothing has arrived yet").waitFor();
+  await send(collector, {Events: [event(4, "S-ONE", "Anew")]});
+  await eventually(() => namesOf(page), ["Anew"]);
+  assert.ok(await page.evaluate(() => window.sameDocument));
+});
+
 pageTest("A batch that comes again, and a number left out, show as such", {}, async (page, collector) => {
   await send(collector, {Sessions: [session(1, "S-ONE", "DEVICE-A")], Events: [event(1, "S-ONE", "First")]});
   const again = event(2, "S-ONE", "Twice");

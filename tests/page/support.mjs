@@ -21,23 +21,36 @@ export async function withFolder(act) {
   }
 }
 
-/** Runs `act` with a collector on a free port that takes the tokens "demo" and "other". */
+/** A collector on `port`, 0 for a free one, that keeps its rows in `folder`: its address, and how to end it. */
+async function startCollector(folder, port) {
+  const server = spawn(join(BUILD, "tools/collector/marbleway-collector"),
+    ["--data", join(folder, "rows.sqlite"), "--token", "demo", "--token", "other", "--port", port],
+    {stdio: ["ignore", "pipe", "inherit"]});
+  const ended = new Promise((resolve) => server.once("exit", resolve));
+  const lines = createInterface({input: server.stdout});
+  const url = await new Promise((resolve, reject) => {
+    lines.on("line", (line) => { if (line.startsWith("listening on ")) resolve(line.slice(13)); });
+    ended.then(() => reject(new Error("the collector does not start")));
+  });
+  const stop = () => {
+    server.kill();
+    return ended;
+  };
+  return {url, stop};
+}
+
+/** Runs `act` with a collector that takes the tokens "demo" and "other", and can be stopped and started again. */
 export async function withCollector(act) {
   await withFolder(async (folder) => {
-    const server = spawn(join(BUILD, "tools/collector/marbleway-collector"),
-      ["--data", join(folder, "rows.sqlite"), "--token", "demo", "--token", "other", "--port", "0"],
-      {stdio: ["ignore", "pipe", "inherit"]});
-    const ended = new Promise((resolve) => server.once("exit", resolve));
+    let running = await startCollector(folder, "0");
+    const {url} = running;
+    const {origin, port} = new URL(url);
+    const stop = () => running.stop();
+    const start = async () => { running = await startCollector(folder, port); };
     try {
-      const lines = createInterface({input: server.stdout});
-      const url = await new Promise((resolve, reject) => {
-        lines.on("line", (line) => { if (line.startsWith("listening on ")) resolve(line.slice(13)); });
-        ended.then(() => reject(new Error("the collector does not start")));
-      });
-      await act({url, origin: new URL(url).origin});
+      await act({url, origin, stop, start});
     } finally {
-      server.kill();
-      await ended;
+      await stop();
     }
   });
 }
@@ -49,15 +62,17 @@ export const browser = await chromium.launch({
          "--disable-component-update", "--disable-sync"],
 });
 
-/** Runs `act` with the page of `collector`, then asks that the browser had nothing to complain of. */
+/** Runs `act` with the page of `collector`, then asks that the browser had nothing to complain of but `excused`. */
 export async function withPage(collector, options, act) {
-  const {view = "live", ...settings} = options;
+  const {view = "live", excused, ...settings} = options;
   const context = await browser.newContext({viewport: {width: 1280, height: 800}, ...settings});
   try {
     const page = await context.newPage();
     page.setDefaultTimeout(DEADLINE);
     const complaints = [];
-    page.on("console", (message) => { if (message.type() !== "log") complaints.push(message.text()); });
+    page.on("console", (message) => {
+      if (message.type() !== "log" && !excused?.test(message.text())) complaints.push(message.text());
+    });
     page.on("pageerror", (error) => complaints.push(error.stack));
     page.on("dialog", (dialog) => { complaints.push(`dialog: ${dialog.message()}`); dialog.dismiss(); });
     await page.goto(`${collector.origin}/#${view}`);
@@ -107,9 +122,10 @@ export async function send(collector, rows, token = "demo") {
   assert.equal(answer.status, 200, await answer.text());
 }
 
-const now = () => new Date().toISOString().replace("T", " ").replace("Z", "");
+// All rows are of one moment: whose user is whose does not hang on the millisecond.
+const UTCTimeStamp = new Date().toISOString().replace("T", " ").replace("Z", "");
 /** A row whose members between the identifiers and the time are `members`. */
-const row = (id, SessionID, members) => ({id: String(id), SessionID, ...members, UTCTimeStamp: now()});
+const row = (id, SessionID, members) => ({id: String(id), SessionID, ...members, UTCTimeStamp});
 export const event = (id, SessionID, EventName, attributes = "") =>
   row(id, SessionID, {EventName, EventAttributes: attributes && JSON.stringify(attributes)});
 export const screen = (id, SessionID, ScreenName) => row(id, SessionID, {ScreenName, ScreenAttributes: ""});
