@@ -96,7 +96,7 @@ std::string errorBody(const std::string& fault) {
 /// Refuses what is to be refused as asked.
 void refuseFor(Fault fault) {
   const int status = spoilingOf(fault).status;
-  if (status >= 400) throw Refusal(status, "refused as asked");
+  if (status >= 400) throw AskedRefusal(status);
 }
 
 /// Turns what would be answered into what is answered; a refusal is not dressed up.
@@ -188,30 +188,37 @@ void Collector::route() {
 
 void Collector::post(const Resource& resource) {
   server_.Post(resource.path,
-               [this, &resource](const httplib::Request& request, httplib::Response& response,
-                                 const httplib::ContentReader& read) {
-                 Entry entry = entryOf(request);
-                 Exchange exchange = exchangeOf(request);
-                 const Fault fault = records_.behaviour.faultOf(resource.kind);
-                 std::string body;
-                 try {
-                   std::string document = receive(request, read, resource.longest, entry);
-                   exchange.body = keptBody(document);
-                   refuseFor(fault);
-                   body = (this->*resource.take)(document, entry, exchange);
-                 } catch (const Refusal& refusal) {
-                   entry.status = refusal.status;
-                   exchange.fault = entry.what = refusal.what();
-                 } catch (const std::exception& error) {
-                   entry.status = 500;
-                   exchange.fault = entry.what = error.what();
-                 }
-                 if (entry.status != 200) body = errorBody(entry.what);
-                 spoil(fault, entry, body);
-                 write(records_.*resource.journal, entry, std::move(exchange), body);
-                 conclude(entry, response, body);
-                 disturb(fault, request);
+               [this, &resource](const auto& request, auto& response, const auto& read) {
+                 answer(resource, request, response, read);
                });
+}
+
+void Collector::answer(const Resource& resource, const httplib::Request& request,
+                       httplib::Response& response, const httplib::ContentReader& read) {
+  Entry entry = entryOf(request);
+  Exchange exchange = exchangeOf(request);
+  const Fault fault = records_.behaviour.faultOf(resource.kind);
+  std::string body;
+  try {
+    std::string document = receive(request, read, resource.longest, entry);
+    exchange.body = keptBody(document);
+    refuseFor(fault);
+    body = (this->*resource.take)(document, entry, exchange);
+  } catch (const AskedRefusal& refusal) {
+    entry.status = refusal.status;
+    entry.what = refusal.what();
+  } catch (const Refusal& refusal) {
+    entry.status = refusal.status;
+    exchange.fault = entry.what = refusal.what();
+  } catch (const std::exception& error) {
+    entry.status = 500;
+    exchange.fault = entry.what = error.what();
+  }
+  if (entry.status != 200) body = errorBody(entry.what);
+  spoil(fault, entry, body);
+  write(records_.*resource.journal, entry, std::move(exchange), body);
+  conclude(entry, response, body);
+  disturb(fault, request);
 }
 
 /// Writes an exchange into its journal and tells the page.
@@ -266,7 +273,7 @@ std::string Collector::handshake(std::string& document, Entry& entry, Exchange& 
 }
 
 std::string Collector::batch(std::string& document, Entry& entry, Exchange& exchange) {
-  if (failuresLeft_ > 0 && failuresLeft_-- > 0) throw Refusal(503, "refused as asked");
+  if (failuresLeft_ > 0 && failuresLeft_-- > 0) throw AskedRefusal(503);
   exchange.n = records_.batches.number();
   DataFile::Batch batch(records_.data, {exchange.token, exchange.n});
   readBatch(document, [&](const Kind& kind, auto texts) { batch.keep(kind, texts); });

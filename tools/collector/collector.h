@@ -56,6 +56,8 @@ class Collector {
 
   void route();
   void post(const Resource& resource);
+  void answer(const Resource& resource, const httplib::Request& request,
+              httplib::Response& response, const httplib::ContentReader& read);
   std::string receive(const httplib::Request& request, const httplib::ContentReader& read,
                       std::size_t longest, Entry& entry) const;
   std::string handshake(std::string& document, Entry& entry, Exchange& exchange);

@@ -13,7 +13,7 @@ constexpr auto kCreateOthers =
     "CREATE TABLE IF NOT EXISTS Arrivals (n INTEGER PRIMARY KEY AUTOINCREMENT, Received INTEGER, "
     "Kind TEXT, Row INTEGER, SessionID TEXT, Token TEXT, Batch INTEGER, State TEXT); "
     "CREATE INDEX IF NOT EXISTS ArrivalsByKind ON Arrivals (Kind, State); "
-    "CREATE INDEX IF NOT EXISTS ArrivalsBySession ON Arrivals (SessionID, Received); "
+    "CREATE INDEX IF NOT EXISTS ArrivalsBySession ON Arrivals (SessionID, Received, Token); "
     "CREATE INDEX IF NOT EXISTS ArrivalsByBatch ON Arrivals (Batch); "
     "CREATE INDEX IF NOT EXISTS SessionsByDevice ON Sessions (PlatformDeviceID, SessionID); "
     "CREATE TABLE IF NOT EXISTS Requests (Time TEXT, Method TEXT, Path TEXT, Status INTEGER, "

@@ -49,7 +49,7 @@ class PageApi {
   const PageGuard guard_;
   const std::string url_;
   const std::vector<std::string> tokens_;
-  Places streams_{16}, waits_{16};  // exports take the place of a wait
+  Places streams_{24}, waits_{16};  // exports take the place of a wait
 };
 
 }  // namespace collector

@@ -13,6 +13,11 @@ struct Refusal : std::runtime_error {
   int status;
 };
 
+/// A refusal that was asked for: nothing is wrong with the request.
+struct AskedRefusal : Refusal {
+  explicit AskedRefusal(int code) : Refusal(code, "refused as asked") {}
+};
+
 /// What a client sent, fit for a line of its own: ASCII, without control characters ('?' stands
 /// for any other byte), at most 80 characters.
 inline std::string printable(std::string_view sent) {

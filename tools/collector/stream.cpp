@@ -14,6 +14,7 @@ using Clock = std::chrono::steady_clock;
 
 constexpr auto kPause = 100ms;       // between two messages at least
 constexpr auto kSignOfLife = 5s;     // the longest silence
+constexpr auto kLook = 500ms;        // between two looks whether the page is still there
 constexpr auto* kNothing = ":\n\n";  // a comment, which pages pass over
 
 void addEvent(std::string& events, std::string_view name, const std::string& data) {
@@ -42,11 +43,14 @@ Stream::Stream(Records& records, long long after, std::shared_ptr<void> place)
       place_(std::move(place)) {}
 
 bool Stream::send(httplib::DataSink& sink) {
-  const unsigned long long rings = records_.bell.rings();
-  std::string events = news();
-  if (events.empty()) {
-    records_.bell.waitBeyond(rings, Clock::now() + kSignOfLife);
+  const auto deadline = Clock::now() + kSignOfLife;
+  std::string events;
+  while (!records_.bell.ended() && Clock::now() < deadline) {
+    const unsigned long long rings = records_.bell.rings();
     events = news();
+    if (!events.empty()) break;
+    if (!sink.is_writable()) return false;
+    records_.bell.waitBeyond(rings, Clock::now() + kLook);
   }
   if (events.empty()) events = kNothing;
   if (!sink.write(events.data(), events.size())) return false;
