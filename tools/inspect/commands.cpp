@@ -201,9 +201,9 @@ void showPersonalSettings(const Inspection& inspection, Sheet& sheet) {
   const auto settings = marbleway::valueFromJSON(text);
   const auto* const members = settings ? settings->as<marbleway::Dictionary>() : nullptr;
   if (members == nullptr) throw ReadError(file.string() + ": not a JSON object");
-  for (const std::string_view key : kPersonalSettings) {
+  for (const auto& [kind, key] : kPersonalSettings) {
     if (members->find(key) == nullptr) continue;
-    sheet.add({"identifier", file.filename().string(), std::string(key), Cell(), 1, 1});
+    sheet.add({std::string(kind), file.filename().string(), std::string(key), Cell(), 1, 1});
   }
 }
 

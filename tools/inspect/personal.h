@@ -66,9 +66,12 @@ inline constexpr Personal kPersonal[] = {
     {"content", "mrbw_v2_network_requests", "ResponseBody"},
 };
 
-/// The settings that name a person or a device.
-inline constexpr std::string_view kPersonalSettings[] = {
-    "Marbleway_UserID", "Marbleway_GenericDeviceID", "Marbleway_VendorID",
-    "Marbleway_SharedSessionID"};
+/// The settings that name a person or a device, or tie rows to it.
+inline constexpr struct {
+  std::string_view kind, key;
+} kPersonalSettings[] = {{"identifier", "Marbleway_UserID"},
+                         {"identifier", "Marbleway_GenericDeviceID"},
+                         {"identifier", "Marbleway_VendorID"},
+                         {"link", "Marbleway_SharedSessionID"}};
 
 }  // namespace inspect

@@ -16,7 +16,10 @@ constexpr const char* kLook = "SELECT count(*) FROM sqlite_master";
 using Connection = std::unique_ptr<sqlite3, Query::Close>;
 
 [[noreturn]] void failOn(const std::filesystem::path& store, sqlite3* connection) {
-  throw ReadError(store.string().append(": ").append(sqlite3_errmsg(connection)));
+  const bool isHalfWritten = sqlite3_extended_errcode(connection) == SQLITE_READONLY_ROLLBACK;
+  const char* const why =
+      isHalfWritten ? "its writer was killed meanwhile, try again" : sqlite3_errmsg(connection);
+  throw ReadError(store.string().append(": ").append(why));
 }
 
 int nap(void* /*unused*/, int naps) {

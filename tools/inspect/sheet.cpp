@@ -52,19 +52,20 @@ std::string spelledOut(char32_t code) {
   return std::string("\\u").append(hex.size() < 4 ? 4 - hex.size() : 0, '0').append(hex);
 }
 
+/// True for the first byte of a character.
+bool isFirstByte(char c) { return (static_cast<unsigned char>(c) & 0xC0U) != 0x80; }
+
 std::size_t charactersOf(std::string_view text) {
-  return static_cast<std::size_t>(std::ranges::count_if(
-      text, [](char c) { return (static_cast<unsigned char>(c) & 0xC0U) != 0x80; }));
+  return static_cast<std::size_t>(std::ranges::count_if(text, isFirstByte));
 }
 
 /// The first characters of `text`, with a mark of what is missing.
-std::string cut(std::string text) {
+std::string cut(const std::string& text) {
   if (charactersOf(text) <= kWidest) return text;
-  std::size_t size = 0;
-  for (std::size_t count = 0; count < kWidest - 3; ++count) {
-    size += marbleway::sequenceLength(text.data() + size, text.size() - size);
-  }
-  return text.substr(0, size).append("...");
+  std::size_t characters = 0;
+  const auto end = std::ranges::find_if(
+      text, [&](char c) { return isFirstByte(c) && ++characters > kWidest - 3; });
+  return std::string(text.begin(), end).append("...");
 }
 
 class AlignedTable : public Sheet {
