@@ -32,7 +32,7 @@ await withCollector(async (collector) => {
   await fill(collector);
   await withPage(collector, SIZE, async (page) => {
     await page.locator("#spacer").getByText("Purchase").click();
-    await page.locator("#panel summary").first().click();
+    await page.locator("#panel summary", {hasText: "1 {1}"}).waitFor();
     await picture(page, "live");
     await page.keyboard.press("Escape");
     await page.keyboard.press("2");
