@@ -178,7 +178,14 @@ pageTest("Sessions, batches and handshakes tell what came", {}, async (page, col
     await page.keyboard.press(key);
     for (const word of words) await page.locator(view).getByText(word).filter({visible: true}).first().waitFor();
   }
+  await page.keyboard.press("2");
+  const id = await page.locator("#sessions h2").textContent();
+  const before = parseInt(await page.locator("#session-span").textContent());
+  await send(collector, {Events: [event(99, id, "Late in the session")]});
+  await page.getByRole("button", {name: "Late in the session"}).waitFor();
+  await eventually(async () => parseInt(await page.locator("#session-span").textContent()), before + 1);
   await page.keyboard.press("3");
+  await page.getByRole("button", {name: /^#1/}).click();
   await page.getByRole("button", {name: "Show the raw body"}).click();
   await page.locator("#batches pre", {hasText: '{"BatchData":{'}).waitFor();
 });
