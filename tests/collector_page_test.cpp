@@ -183,6 +183,8 @@ TEST_F(CollectorPageTest, StreamsWhatIsNewFromWhereAPageLeftOff) {
   EXPECT_THAT(stream("?after=3", "\n\n"),
               testing::StartsWith("id: 4\nevent: rows\ndata: [{\"n\":4"));
   EXPECT_THAT(stream("?after=0", "\n\n", {{"Last-Event-ID", "2"}}), HasSubstr("data: [{\"n\":3,"));
+  EXPECT_THAT(stream("?after=5", "\"n\":4,"),
+              AllOf(testing::StartsWith("event: reset\n"), HasSubstr("data: [{\"n\":1,")));
 
   const std::vector<std::tuple<std::string, std::string, std::string>> changes{
       {"behaviour", R"({"PrivacyMode": true})", "event: behaviour\ndata: {\"PrivacyMode\":true,"},

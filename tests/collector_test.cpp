@@ -199,13 +199,13 @@ TEST_F(CollectorTest, SaysWhichFileOrPortCannotBeUsed) {
 }
 
 TEST(CollectorArgumentsTest, AreReadOrRefused) {
-  const std::vector<const char*> all{"--token",        "a", "--port",   "8080", "--data", "f",
-                                     "--token",        "b", "--config", "c",    "--host", "h",
-                                     "--fail-batches", "2"};
+  const std::vector<const char*> all{"--token",        "a", "--port",       "8080", "--data", "f",
+                                     "--token",        "b", "--config",     "c",    "--host", "h",
+                                     "--fail-batches", "2", "--page-token", "p-1"};
   const Settings settings = readArguments(all).value();
   EXPECT_EQ(settings.tokens, (std::vector<std::string>{"a", "b"}));
   EXPECT_EQ(std::tie(settings.port, settings.failBatches), std::make_tuple(8080, 2));
-  EXPECT_EQ(settings.dataFile + settings.configFile + settings.host, "fch");
+  EXPECT_EQ(settings.dataFile + settings.configFile + settings.host + settings.pageToken, "fchp-1");
   EXPECT_FALSE(readArguments(std::vector<const char*>{"--help"}));
 
   const std::vector<std::pair<std::vector<const char*>, std::string>> refused{
@@ -214,6 +214,7 @@ TEST(CollectorArgumentsTest, AreReadOrRefused) {
       {{"--data"}, "--data needs a value"},
       {{"data", "f"}, "unknown argument \"data\""},
       {{"--port", "65536"}, "\"65536\" is not a number from 0 to 65535"},
+      {{"--page-token", "a;b"}, "--page-token takes letters, digits and \"-\""},
       {{"--fail-batches", "-1"}, "\"-1\" is not a number from 0 to 1000000"},
   };
   for (const auto& each : refused) {

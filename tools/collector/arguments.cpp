@@ -1,5 +1,6 @@
 #include "tools/collector/arguments.h"
 
+#include <algorithm>
 #include <charconv>
 #include <map>
 #include <string>
@@ -14,6 +15,15 @@ int number(const std::string& text, int largest) {
   const auto read = std::from_chars(text.data(), end, value);
   if (read.ec == std::errc() && read.ptr == end && value >= 0 && value <= largest) return value;
   throw UsageError("\"" + text + "\" is not a number from 0 to " + std::to_string(largest));
+}
+
+/// The page's token stands in an address and in a cookie.
+void checkPageToken(const std::string& token) {
+  const auto isPlain = [](char c) {
+    return (c >= '0' && c <= '9') || (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') || c == '-';
+  };
+  if (std::all_of(token.begin(), token.end(), isPlain)) return;
+  throw UsageError("--page-token takes letters, digits and \"-\"");
 }
 
 }  // namespace
@@ -40,6 +50,7 @@ std::optional<Settings> readArguments(std::span<const char* const> arguments) {
   }
   settings.port = number(port, 65'535);
   settings.failBatches = number(failBatches, 1'000'000);
+  checkPageToken(settings.pageToken);
   if (settings.dataFile.empty()) throw UsageError("--data FILE is required");
   if (settings.tokens.empty()) throw UsageError("--token TOKEN is required");
   return settings;

@@ -18,6 +18,8 @@ class Database {
   /// `flags` are those of sqlite3_open_v2. A file that another connection holds is waited for, ten
   /// seconds at most.
   Database(const std::string& path, int flags);
+  Database(const Database&) = delete;
+  Database& operator=(const Database&) = delete;
 
   void execute(const std::string& sql);
   /// The same, where a failure makes no difference.

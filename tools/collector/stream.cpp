@@ -40,7 +40,11 @@ Stream::Stream(Records& records, long long after, std::shared_ptr<void> place)
       handshake_(records.handshakes.end()),
       change_(records.behaviour.changes()),
       reset_(records.resets),
-      place_(std::move(place)) {}
+      place_(std::move(place)) {
+  if (row_ <= rows_.last()) return;
+  row_ = 0;
+  reset_ = -1;
+}
 
 bool Stream::send(httplib::DataSink& sink) {
   const auto deadline = Clock::now() + kSignOfLife;

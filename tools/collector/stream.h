@@ -15,8 +15,9 @@ namespace collector {
 /// Nothing is queued for a page, so a slow one holds up nobody but itself.
 class Stream {
  public:
-  /// Rows are sent from the one after number `after` on; all else from now on. `place` is kept as
-  /// long as the stream.
+  /// Rows are sent from the one after number `after` on, which a page has of an earlier stream; all
+  /// else from now on. If there is no such number yet, the page knows another data file: it is told
+  /// of a reset, and sent every row. `place` is kept as long as the stream.
   Stream(Records& records, long long after, std::shared_ptr<void> place);
 
   /// Sends what is new, or, after five seconds without news, a sign of life; returns false when the
