@@ -72,6 +72,12 @@ class CollectorTest : public testing::Test {
     return line.substr(std::min(line.size(), path.size() + 6));
   }
 
+  httplib::Client client() const {
+    httplib::Client client("127.0.0.1", server->port());
+    client.set_read_timeout(20);
+    return client;
+  }
+
   std::string lastLine() {
     const std::string lines = log_.str();
     log_.str("");
