@@ -12,7 +12,7 @@ namespace {
 using namespace std::chrono_literals;
 using Clock = std::chrono::steady_clock;
 
-constexpr auto kPause = 100ms;       // between two messages at least
+constexpr auto kPause = 100ms;       // between two messages at least, once all rows are sent
 constexpr auto kSignOfLife = 5s;     // the longest silence
 constexpr auto kLook = 500ms;        // between two looks whether the page is still there
 constexpr auto* kNothing = ":\n\n";  // a comment, which pages pass over
@@ -58,7 +58,7 @@ bool Stream::send(httplib::DataSink& sink) {
   }
   if (events.empty()) events = kNothing;
   if (!sink.write(events.data(), events.size())) return false;
-  if (!records_.bell.pauseUntil(Clock::now() + kPause)) sink.done();
+  if (!isBehind_ && !records_.bell.pauseUntil(Clock::now() + kPause)) sink.done();
   return true;
 }
 
@@ -78,7 +78,9 @@ std::string Stream::news() {
 }
 
 void Stream::addRows(std::string& events) {
-  const std::vector<Row> rows = rows_.read(all_, {.after = row_});
+  const Range next{.after = row_};
+  const std::vector<Row> rows = rows_.read(all_, next);
+  isBehind_ = std::ssize(rows) == next.limit;
   if (rows.empty()) return;
   row_ = rows.back().n;
   events.append("id: ").append(std::to_string(row_)).append("\n");

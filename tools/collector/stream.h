@@ -34,6 +34,7 @@ class Stream {
   RowReader rows_;
   const Filter all_;
   long long row_, batch_, handshake_, change_, reset_;  // the last ones sent
+  bool isBehind_ = false;  // there were more rows than one message takes
   const std::shared_ptr<void> place_;
 };
 
