@@ -15,8 +15,8 @@ namespace marbleway {
 namespace {
 
 // A pattern that is compiled when first needed and never torn down. Says nothing of its own on
-// standard error, whatever it is given. Whoever matches takes locks of the compiled form, and never
-// one that a fork's child might find taken for ever: the child forgets that form for its own.
+// standard error, whatever it is given. Matching takes locks of the compiled form, which a fork's
+// child may find taken for ever: it forgets that form and compiles its own.
 class Pattern {
  public:
   constexpr explicit Pattern(const char* text) : text_(text) {}
@@ -31,6 +31,8 @@ class Pattern {
 
  private:
   struct Form {
+    Form(const char* text, const Form* ancestor) : compiled(text, RE2::Quiet), former(ancestor) {}
+
     RE2 compiled;
     const Form* former;  // an ancestor's, in reach of leak checkers
   };
@@ -38,7 +40,7 @@ class Pattern {
   const Form& form() {
     Form* form = form_;
     if (form == nullptr) {
-      auto made = std::unique_ptr<Form>(new Form{{text_, RE2::Quiet}, former_});
+      auto made = std::make_unique<Form>(text_, former_);
       if (form_.compare_exchange_strong(form, made.get())) form = made.release();
     }
     return *form;
