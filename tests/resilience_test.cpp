@@ -11,8 +11,6 @@
 #include <thread>
 
 #include "Marbleway/upload/batch.h"
-#include "platform/linux/http_client.h"
-#include "platform/linux/main_loop.h"
 #include "tests/support/fixture.h"
 #include "tests/support/loopback_server.h"
 #include "tests/support/process_ends.h"
