@@ -5,6 +5,8 @@
 #include <filesystem>
 #include <string>
 
+#include "platform/export.h"
+
 /// What operations are given, and what a host tells the library.
 namespace marbleway {
 
@@ -35,13 +37,13 @@ struct Configuration {
 ///
 /// Throws std::invalid_argument, naming the member, for a URL that is not http or https with a host
 /// and a path ending in "/v2/".
-[[gnu::visibility("default")]] void configure(Configuration configuration);
+MARBLEWAY_EXPORT void configure(Configuration configuration);
 
 /// Waits until no request is in flight, its answer has been applied, and everything posted to the
 /// main loop before then has run, or the time is over. True when idle.
 ///
 /// For short-lived processes, before exit. Called on the main loop's own thread it cannot see the
 /// loop's work done: a host that pumps by hand pumps, then asks with a time of 0. Thread: any.
-[[gnu::visibility("default")]] bool waitUntilIdle(std::chrono::milliseconds atMost) noexcept;
+MARBLEWAY_EXPORT bool waitUntilIdle(std::chrono::milliseconds atMost) noexcept;
 
 }  // namespace marbleway

@@ -6,6 +6,7 @@
 #include <span>
 #include <vector>
 
+#include "platform/export.h"
 #include "platform/location.h"
 #include "platform/value.h"
 
@@ -18,7 +19,7 @@
 /// The operations that record people, companies, ads and errors are refused before start-up, with
 /// tracking off and without a session; those of users and companies in privacy mode too. The
 /// refusal is a warning that names the reason. docs/data.md shows each row.
-class [[gnu::visibility("default")]] Marbleway {
+class MARBLEWAY_EXPORT Marbleway {
  public:
   Marbleway() = delete;
 
@@ -165,16 +166,16 @@ class [[gnu::visibility("default")]] Marbleway {
 
   /// The callbacks of the location manager. Thread: the one of the user interface.
   static void didUpdateLocations(
-      marbleway::platform::LocationManager & manager,
+      marbleway::platform::LocationManager& manager,
       const std::vector<marbleway::platform::Location>& locations) noexcept;
   /// Shows an alert with the region's identifier.
-  static void didEnterRegion(marbleway::platform::LocationManager & manager,
+  static void didEnterRegion(marbleway::platform::LocationManager& manager,
                              const marbleway::platform::Region& region) noexcept;
   /// Shows an alert with the region's identifier.
-  static void didExitRegion(marbleway::platform::LocationManager & manager,
+  static void didExitRegion(marbleway::platform::LocationManager& manager,
                             const marbleway::platform::Region& region) noexcept;
   /// Shows an alert for each beacon whose signal strength is exactly -28 dBm.
-  static void didRangeBeacons(marbleway::platform::LocationManager & manager,
+  static void didRangeBeacons(marbleway::platform::LocationManager& manager,
                               const std::vector<marbleway::platform::Beacon>& beacons,
                               const marbleway::platform::BeaconRegion& region) noexcept;
 };

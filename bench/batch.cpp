@@ -2,7 +2,7 @@
 
 #include <stdexcept>
 
-#include "Marbleway/store/statement.h"
+#include "Marbleway/store/store.h"
 #include "bench/measure.h"
 #include "bench/setting.h"
 

@@ -5,7 +5,7 @@
 #include <string>
 #include <string_view>
 
-#include "Marbleway/store/statement.h"
+#include "Marbleway/store/store.h"
 #include "bench/bare.h"
 #include "bench/measure.h"
 #include "bench/setting.h"

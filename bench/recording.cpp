@@ -1,6 +1,6 @@
 #include <stdexcept>
 
-#include "Marbleway/store/statement.h"
+#include "Marbleway/store/store.h"
 #include "bench/bare.h"
 #include "bench/measure.h"
 #include "bench/setting.h"

@@ -7,10 +7,10 @@
 
 #include "Marbleway/Host.h"
 #include "Marbleway/Marbleway.h"
-#include "Marbleway/startup/state.h"
-#include "Marbleway/store/statement.h"
+#include "Marbleway/core/state.h"
+#include "Marbleway/platform/manual_loop.h"
+#include "Marbleway/store/store.h"
 #include "bench/bare.h"
-#include "platform/manual_loop.h"
 
 namespace marbleway::bench {
 
@@ -36,11 +36,11 @@ void addBareEvent(const std::string& file) {
 }
 
 void NoNetwork::post(platform::HttpRequest request,
-                     std::function<void(std::optional<platform::HttpAnswer>)> done) {
+                     std::function<void(std::optional<platform::HttpResponse>)> done) {
   if (request.url.ends_with("mobile/batch")) {
     documentBytes_ = request.body.size();
   } else if (handshake_ == Handshake::answered) {
-    std::thread([&] { done(platform::HttpAnswer{.status = 200, .body = "{}"}); }).join();
+    std::thread([&] { done(platform::HttpResponse{.status = 200, .body = "{}"}); }).join();
   }
 }
 

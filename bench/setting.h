@@ -5,8 +5,8 @@
 #include <memory>
 #include <string>
 
+#include "Marbleway/platform/platform.h"
 #include "Marbleway/store/schema.h"
-#include "platform/platform.h"
 
 // The library under measurement and the bare program's files beside its own.
 namespace marbleway::bench {
@@ -30,7 +30,7 @@ class NoNetwork : public platform::HttpClient {
   explicit NoNetwork(Handshake handshake) : handshake_(handshake) {}
 
   void post(platform::HttpRequest request,
-            std::function<void(std::optional<platform::HttpAnswer>)> done) override;
+            std::function<void(std::optional<platform::HttpResponse>)> done) override;
 
   /// The size of the latest document.
   std::size_t documentBytes() const { return documentBytes_; }

@@ -2,11 +2,11 @@
 #include <stdexcept>
 
 #include "Marbleway/Marbleway.h"
-#include "Marbleway/store/statement.h"
+#include "Marbleway/platform/testing/memory_defaults.h"
+#include "Marbleway/store/store.h"
 #include "bench/bare.h"
 #include "bench/measure.h"
 #include "bench/setting.h"
-#include "platform/testing/memory_defaults.h"
 
 namespace marbleway::bench {
 namespace {

@@ -11,21 +11,22 @@ set(CMAKE_INSTALL_DEFAULT_COMPONENT_NAME development)
 install(TARGETS marbleway EXPORT MarblewayTargets
   LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT runtime NAMELINK_COMPONENT development
   ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR})
-install(FILES Marbleway/Marbleway.h Marbleway/Host.h DESTINATION ${include_root}/Marbleway)
-install(FILES
-  platform/buffer.h platform/clock.h platform/console.h platform/device.h platform/hooks.h
-  platform/http.h platform/location.h platform/main_loop.h platform/manual_loop.h platform/pages.h
-  platform/platform.h platform/status_bar.h platform/user_defaults.h platform/user_interface.h
-  platform/value.h
-  DESTINATION ${include_root}/platform)
+install(FILES Marbleway/Marbleway.h Marbleway/Host.h Marbleway/version.h
+  DESTINATION ${include_root}/Marbleway)
+set(platform_headers
+  buffer clock console crash_hook device export http location main_loop manual_loop network_capture
+  pages platform status_bar user_defaults user_interface value)
+list(TRANSFORM platform_headers REPLACE "(.+)" "Marbleway/platform/\\1.h")
+install(FILES ${platform_headers} DESTINATION ${include_root}/Marbleway/platform)
 if(TARGET marbleway_c)
   target_include_directories(marbleway_c INTERFACE $<INSTALL_INTERFACE:${include_root}>)
   install(TARGETS marbleway_c EXPORT MarblewayTargets
     LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT runtime NAMELINK_COMPONENT development)
   install(FILES Marbleway/marbleway_c.h DESTINATION ${include_root}/Marbleway)
 endif()
-install(FILES platform/linux/http_client.h DESTINATION ${include_root}/platform/linux)
-install(DIRECTORY platform/testing DESTINATION ${include_root}/platform)
+install(FILES Marbleway/platform/linux/http_client.h
+  DESTINATION ${include_root}/Marbleway/platform/linux)
+install(DIRECTORY Marbleway/platform/testing DESTINATION ${include_root}/Marbleway/platform)
 
 set_target_properties(marbleway PROPERTIES EXPORT_NAME Marbleway)
 install(EXPORT MarblewayTargets NAMESPACE Marbleway:: DESTINATION ${package_dir})

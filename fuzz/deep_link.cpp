@@ -6,7 +6,7 @@
 #include <cstdlib>
 #include <optional>
 
-#include "Marbleway/startup/state.h"
+#include "Marbleway/core/state.h"
 #include "Marbleway/tracking/operations.h"
 #include "fuzz/setting.h"
 #include "fuzz/strict_json.h"

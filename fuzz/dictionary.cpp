@@ -2,10 +2,10 @@
 
 #include <cmath>
 
+#include "Marbleway/platform/json.h"
 #include "fuzz/made_value.h"
 #include "fuzz/setting.h"
 #include "fuzz/strict_json.h"
-#include "platform/json.h"
 
 namespace {
 

@@ -10,8 +10,8 @@
 #include <algorithm>
 #include <cmath>
 
+#include "Marbleway/core/state.h"
 #include "Marbleway/session/timers.h"
-#include "Marbleway/startup/state.h"
 #include "fuzz/setting.h"
 #include "fuzz/strict_json.h"
 

@@ -4,7 +4,7 @@
 // seed: {"a":[1,-2.5e3,"\u00e9\ud83d\ude00",true,false,null],"b":{}}
 // seed: [[[[0.1]]],"\\\/\b\f\n\r\t"]
 
-#include "platform/json.h"
+#include "Marbleway/platform/json.h"
 
 #include "fuzz/setting.h"
 #include "fuzz/strict_json.h"

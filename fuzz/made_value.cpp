@@ -7,13 +7,13 @@
 namespace marbleway::fuzz {
 namespace {
 
-constexpr int kDeepest = 20;
-constexpr int kMostEntries = 20;
-constexpr std::size_t kLongestText = 40;
+constexpr int kMaxDepth = 20;
+constexpr int kMaxEntries = 20;
+constexpr std::size_t kMaxTextLength = 40;
 
 Array madeArray(FuzzedDataProvider& bytes, int level) {
   Array made;
-  for (int left = bytes.ConsumeIntegralInRange(0, kMostEntries); left > 0; --left) {
+  for (int left = bytes.ConsumeIntegralInRange(0, kMaxEntries); left > 0; --left) {
     made.push_back(madeValue(bytes, level + 1));
   }
   return made;
@@ -22,7 +22,7 @@ Array madeArray(FuzzedDataProvider& bytes, int level) {
 }  // namespace
 
 Value madeValue(FuzzedDataProvider& bytes, int level) {
-  switch (bytes.ConsumeIntegralInRange(0, level < kDeepest ? 6 : 4)) {
+  switch (bytes.ConsumeIntegralInRange(0, level < kMaxDepth ? 6 : 4)) {
     case 0:
       return {};
     case 1:
@@ -32,7 +32,7 @@ Value madeValue(FuzzedDataProvider& bytes, int level) {
     case 3:
       return std::bit_cast<double>(bytes.ConsumeIntegral<std::uint64_t>());
     case 4:
-      return bytes.ConsumeRandomLengthString(kLongestText);
+      return bytes.ConsumeRandomLengthString(kMaxTextLength);
     case 5:
       return madeArray(bytes, level);
     default:
@@ -42,8 +42,8 @@ Value madeValue(FuzzedDataProvider& bytes, int level) {
 
 Dictionary madeDictionary(FuzzedDataProvider& bytes, int level) {
   Dictionary made;
-  for (int left = bytes.ConsumeIntegralInRange(0, kMostEntries); left > 0; --left) {
-    std::string key = bytes.ConsumeRandomLengthString(kLongestText);
+  for (int left = bytes.ConsumeIntegralInRange(0, kMaxEntries); left > 0; --left) {
+    std::string key = bytes.ConsumeRandomLengthString(kMaxTextLength);
     made.set(std::move(key), madeValue(bytes, level + 1));
   }
   return made;

@@ -2,7 +2,7 @@
 
 #include <fuzzer/FuzzedDataProvider.h>
 
-#include "platform/value.h"
+#include "Marbleway/platform/value.h"
 
 namespace marbleway::fuzz {
 

@@ -7,7 +7,7 @@
 #include <limits>
 
 #include "Marbleway/Host.h"
-#include "Marbleway/startup/state.h"
+#include "Marbleway/core/state.h"
 #include "fuzz/made_value.h"
 #include "fuzz/setting.h"
 

@@ -6,12 +6,12 @@
 // {"aps":{"mrbw_data":"yes","mrbw_messageID":"","mrbw_userID":7,"mrbw_messageAction":"LaunchWebURL","mrbw_messageLink":"no
 // link"}} seed: {"aps":{"mrbw_data":0}}
 
-#include "Marbleway/startup/state.h"
+#include "Marbleway/core/state.h"
+#include "Marbleway/platform/platform.h"
+#include "Marbleway/platform/testing/recording_interface.h"
 #include "Marbleway/tracking/operations.h"
 #include "fuzz/setting.h"
 #include "fuzz/strict_json.h"
-#include "platform/platform.h"
-#include "platform/testing/recording_interface.h"
 
 namespace {
 

@@ -5,10 +5,10 @@
 #include <stdexcept>
 
 #include "Marbleway/Host.h"
+#include "Marbleway/platform/platform.h"
+#include "Marbleway/platform/testing/fixed_device.h"
+#include "Marbleway/platform/testing/memory_defaults.h"
 #include "Marbleway/store/store.h"
-#include "platform/platform.h"
-#include "platform/testing/fixed_device.h"
-#include "platform/testing/memory_defaults.h"
 
 namespace marbleway::fuzz {
 
@@ -43,7 +43,7 @@ Setting& setting() {
 }
 
 Setting& settingWithStores() {
-  static Setting& made = (setting(), initMarblewayDB(), initMarblewayHTTPDB(), setting());
+  static Setting& made = (setting(), createStores(), setting());
   return made;
 }
 
@@ -61,7 +61,7 @@ std::vector<std::vector<std::string>> takeRows(const std::string& table,
       values.emplace_back(row.text(static_cast<int>(i)));
     }
   }
-  if (!rows.empty()) removeMarblewayDBData(("DELETE FROM " + table).c_str());
+  if (!rows.empty()) runStatement(Store::event, ("DELETE FROM " + table).c_str());
   return rows;
 }
 

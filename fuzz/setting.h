@@ -11,9 +11,9 @@
 #include <utility>
 #include <vector>
 
-#include "platform/http.h"
-#include "platform/testing/fake_time.h"
-#include "platform/testing/recording_console.h"
+#include "Marbleway/platform/http.h"
+#include "Marbleway/platform/testing/fake_time.h"
+#include "Marbleway/platform/testing/recording_console.h"
 
 namespace marbleway::fuzz {
 
@@ -28,9 +28,9 @@ inline std::string_view textOf(const std::uint8_t* data, std::size_t size) {
 /// A network that keeps the latest request's `done`.
 class OneRequest : public platform::HttpClient {
  public:
-  using Done = std::function<void(std::optional<platform::HttpAnswer>)>;
+  using Done = std::function<void(std::optional<platform::HttpResponse>)>;
   void post(platform::HttpRequest /*request*/, Done done) override { done_ = std::move(done); }
-  void answer(platform::HttpAnswer answer) const { done_(std::move(answer)); }
+  void answer(platform::HttpResponse answer) const { done_(std::move(answer)); }
 
  private:
   Done done_;

@@ -7,10 +7,10 @@
 #include <fstream>
 #include <sstream>
 
+#include "Marbleway/platform/linux/services.h"
+#include "Marbleway/platform/value.h"
 #include "fuzz/setting.h"
 #include "fuzz/strict_json.h"
-#include "platform/linux/services.h"
-#include "platform/value.h"
 
 namespace {
 

@@ -12,8 +12,8 @@
 #include <optional>
 #include <random>
 
-#include "platform/linux/services.h"
-#include "platform/platform.h"
+#include "Marbleway/platform/linux/services.h"
+#include "Marbleway/platform/platform.h"
 #include "stress/setting.h"
 
 namespace marbleway::stress {

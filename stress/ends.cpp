@@ -6,10 +6,10 @@
 
 #include "Marbleway/Host.h"
 #include "Marbleway/Marbleway.h"
-#include "Marbleway/startup/state.h"
+#include "Marbleway/core/state.h"
+#include "Marbleway/platform/linux/http_client.h"
+#include "Marbleway/platform/platform.h"
 #include "Marbleway/upload/batch.h"
-#include "platform/linux/http_client.h"
-#include "platform/platform.h"
 #include "stress/server.h"
 #include "stress/setting.h"
 #include "tests/support/loopback_server.h"
@@ -22,7 +22,7 @@ using namespace std::chrono_literals;
 using tests::Exit;
 using tests::Fault;
 
-constexpr auto kLongestExit = 100ms;
+constexpr auto kMaxExitTime = 100ms;
 
 Fault killed(const fs::path& directory, std::size_t rows, std::chrono::nanoseconds instant) {
   const tests::RefusingPort nobody;
@@ -41,7 +41,7 @@ class Exits {
   /// `what` names the times.
   Outcome judge(Outcome outcome, const char* what) {
     std::ranges::sort(times_);
-    const auto slow = std::ranges::count_if(times_, [](auto time) { return time > kLongestExit; });
+    const auto slow = std::ranges::count_if(times_, [](auto time) { return time > kMaxExitTime; });
     outcome.isMet = outcome.isMet && slow == 0;
     outcome.result += std::string("; ") + what + ": median " +
                       milliseconds(times_[times_.size() / 2]) + ", longest " +

@@ -11,7 +11,7 @@
 
 #include "Marbleway/Host.h"
 #include "Marbleway/Marbleway.h"
-#include "Marbleway/startup/state.h"
+#include "Marbleway/core/state.h"
 #include "Marbleway/upload/batch.h"
 #include "stress/server.h"
 #include "stress/setting.h"

@@ -7,7 +7,7 @@
 #include <thread>
 #include <utility>
 
-#include "platform/http.h"
+#include "Marbleway/platform/http.h"
 #include "stress/server.h"
 
 namespace marbleway::stress {
@@ -17,13 +17,13 @@ namespace marbleway::stress {
 class ReadingNetwork : public platform::HttpClient {
  public:
   void post(platform::HttpRequest request,
-            std::function<void(std::optional<platform::HttpAnswer>)> done) override {
+            std::function<void(std::optional<platform::HttpResponse>)> done) override {
     const bool isBatch = request.url.ends_with("mobile/batch");
     if (isBatch) latest = countsOf(std::string(request.body.view()));
     if (isBatch) ++documents;
     const long status = isBatch ? batchStatus : startStatus;
-    std::optional<platform::HttpAnswer> answer;
-    if (status != 0) answer = platform::HttpAnswer{.status = status, .body = startBody};
+    std::optional<platform::HttpResponse> answer;
+    if (status != 0) answer = platform::HttpResponse{.status = status, .body = startBody};
     std::thread([&] { done(std::move(answer)); }).join();
   }
 

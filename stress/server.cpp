@@ -107,17 +107,17 @@ BatchServer::~BatchServer() { stop(*server_, listening_); }
 std::string BatchServer::url() const { return urlOf("http", port_); }
 
 std::size_t BatchServer::documents() const {
-  const std::scoped_lock lock(lock_);
+  const std::scoped_lock lock(mutex_);
   return documents_;
 }
 
 Counts BatchServer::latest() const {
-  const std::scoped_lock lock(lock_);
+  const std::scoped_lock lock(mutex_);
   return latest_;
 }
 
 std::string BatchServer::fault() const {
-  const std::scoped_lock lock(lock_);
+  const std::scoped_lock lock(mutex_);
   return fault_;
 }
 
@@ -129,7 +129,7 @@ void BatchServer::take(const std::string& document) {
   } catch (const std::exception& refusal) {
     fault = std::string("a document is not valid: ") + refusal.what();
   }
-  const std::scoped_lock lock(lock_);
+  const std::scoped_lock lock(mutex_);
   ++documents_;
   latest_ = counts;
   if (fault_.empty()) fault_ = std::move(fault);

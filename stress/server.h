@@ -52,7 +52,7 @@ class BatchServer {
   std::thread listening_;
   std::atomic<int> status_{200};
 
-  mutable std::mutex lock_;  // on what follows
+  mutable std::mutex mutex_;  // on what follows
   std::size_t documents_ = 0;
   Counts latest_{};
   std::string fault_;

@@ -3,8 +3,8 @@
 #include <stdexcept>
 #include <string>
 
+#include "Marbleway/platform/linux/services.h"
 #include "Marbleway/session/crash.h"
-#include "platform/linux/services.h"
 #include "tests/support/fixture.h"
 
 namespace marbleway::testing {

@@ -1,9 +1,8 @@
-#include "Marbleway/tracking/guard.h"
-
 #include <array>
 #include <functional>
 #include <stdexcept>
 
+#include "Marbleway/core/guards.h"
 #include "Marbleway/session/crash.h"
 #include "tests/support/fixture.h"
 
@@ -154,12 +153,12 @@ TEST_F(GuardTest, NoOperationLetsAnExceptionOut) {
 }
 
 TEST_F(GuardTest, OfTheRefusedCallsOnlyThoseOfAdsAndErrorsKeepTheSessionAlive) {
-  for (const bool isKept : {false, true}) {
-    const Calls& calls = isKept ? kRefusedCallsThatKeepItAlive : kCallsThatKeepNoSessionAlive;
+  for (const bool isPersisted : {false, true}) {
+    const Calls& calls = isPersisted ? kRefusedCallsThatKeepItAlive : kCallsThatKeepNoSessionAlive;
     for (std::size_t i = 0; i < calls.size(); ++i) {
       SessionTime.store("untouched");
       calls[i]();
-      EXPECT_EQ(SessionTime.load(), isKept ? kStart : "untouched") << "call " << i;
+      EXPECT_EQ(SessionTime.load(), isPersisted ? kStart : "untouched") << "call " << i;
     }
   }
 }

@@ -1,4 +1,4 @@
-#include "platform/linux/http_client.h"
+#include "Marbleway/platform/linux/http_client.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -19,23 +19,23 @@
 #include <utility>
 #include <vector>
 
-#include "platform/manual_loop.h"
-#include "platform/platform.h"
+#include "Marbleway/platform/manual_loop.h"
+#include "Marbleway/platform/platform.h"
 #include "tests/support/loopback_server.h"
 
 namespace marbleway::tests {
 namespace {
 
 using namespace std::chrono_literals;
-using platform::HttpAnswer;
 using platform::HttpClient;
 using platform::HttpRequest;
-using platform::kLongestAnswer;
+using platform::HttpResponse;
+using platform::kMaxResponseBytes;
 using platform::makeCurlClient;
 using ::testing::ExitedWithCode;
 using ::testing::SizeIs;
 using ::testing::StartsWith;
-using Result = std::optional<HttpAnswer>;
+using Result = std::optional<HttpResponse>;
 using Clock = std::chrono::steady_clock;
 
 /// What became of one request.
@@ -47,7 +47,7 @@ struct Call {
   Result answer() {
     if (future.wait_for(10s) == std::future_status::ready) return future.get();
     ADD_FAILURE() << "done has not run";
-    return HttpAnswer{.status = -1, .body = "done has not run"};
+    return HttpResponse{.status = -1, .body = "done has not run"};
   }
 };
 
@@ -116,7 +116,7 @@ TEST_F(HttpClientTest, GivesAnAnswerThatIsCompleteAndAsMuchOfItAsIsWanted) {
     Answer answer;
     long status;
     std::string body;
-    std::size_t limit = kLongestAnswer;
+    std::size_t limit = kMaxResponseBytes;
   } cases[] = {
       {{.body = "{}"}, 200, "{}"},
       {{.status = 204}, 204, ""},
@@ -128,14 +128,14 @@ TEST_F(HttpClientTest, GivesAnAnswerThatIsCompleteAndAsMuchOfItAsIsWanted) {
       {{.raw = "HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n2\r\n{}\r\n0\r\n\r\n"},
        200,
        "{}"},
-      {huge, 200, std::string(kLongestAnswer, 'x'), SIZE_MAX},
+      {huge, 200, std::string(kMaxResponseBytes, 'x'), SIZE_MAX},
       {huge, 200, "xxxxx", 5},
       {huge, 200, "", 0},
   };
   for (const auto& [given, status, body, limit] : cases) {
     server.answer(given);
     HttpRequest request = requestTo(server.url());
-    request.answerLimit = limit;
+    request.maxResponseBytes = limit;
     const Result answer = answerTo(std::move(request));
     ASSERT_TRUE(answer) << given.raw << given.status;
     EXPECT_EQ(answer->status, status);

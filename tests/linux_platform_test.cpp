@@ -20,9 +20,9 @@
 #include <thread>
 #include <vector>
 
-#include "platform/linux/services.h"
-#include "platform/linux/time_zone.h"
-#include "platform/platform.h"
+#include "Marbleway/platform/linux/services.h"
+#include "Marbleway/platform/linux/time_zone.h"
+#include "Marbleway/platform/platform.h"
 #include "tests/support/fixture.h"
 
 namespace marbleway::platform {

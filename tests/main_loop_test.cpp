@@ -1,4 +1,4 @@
-#include "platform/linux/main_loop.h"
+#include "Marbleway/platform/linux/main_loop.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -12,8 +12,8 @@
 #include <thread>
 #include <vector>
 
-#include "platform/manual_loop.h"
-#include "platform/testing/fake_time.h"
+#include "Marbleway/platform/manual_loop.h"
+#include "Marbleway/platform/testing/fake_time.h"
 
 namespace marbleway::platform {
 namespace {

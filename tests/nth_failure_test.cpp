@@ -3,10 +3,10 @@
 #include <limits>
 #include <stdexcept>
 
+#include "Marbleway/platform/catch_all.h"
+#include "Marbleway/platform/linux/services.h"
 #include "Marbleway/store/store.h"
 #include "Marbleway/upload/batch.h"
-#include "platform/linux/services.h"
-#include "platform/quietly.h"
 #include "tests/support/failing_memory.h"
 #include "tests/support/failing_vfs.h"
 #include "tests/support/fixture.h"
@@ -30,13 +30,13 @@ using tests::NthFailure;
 /// likes.
 struct KeptHttp : platform::HttpClient {
   void post(platform::HttpRequest request,
-            std::function<void(std::optional<platform::HttpAnswer>)> whenDone) override {
+            std::function<void(std::optional<platform::HttpResponse>)> whenDone) override {
     bodies.emplace_back(request.body.view());
     done = std::move(whenDone);
   }
 
   std::vector<std::string> bodies;
-  std::function<void(std::optional<platform::HttpAnswer>)> done;
+  std::function<void(std::optional<platform::HttpResponse>)> done;
 };
 
 constexpr int kEvery = std::numeric_limits<int>::max();
@@ -150,7 +150,7 @@ TEST_P(NthFileCallTest, AnAcknowledgementDeletesATableOrNotAndTheNextOneDoes) {
   Marbleway::trackEvent("tomorrow");
   time->setWallClock(time->now() - 24h);
   batchData();
-  const auto acknowledge = [&] { kept->done(platform::HttpAnswer{.status = 200, .body = ""}); };
+  const auto acknowledge = [&] { kept->done(platform::HttpResponse{.status = 200, .body = ""}); };
   untilNoneFails(
       [&](NthFailure when) {
         Marbleway::trackEvent("one");
@@ -170,10 +170,7 @@ TEST_P(NthFileCallTest, AnAcknowledgementDeletesATableOrNotAndTheNextOneDoes) {
       50);
 }
 
-void makeStores() {
-  initMarblewayDB();
-  initMarblewayHTTPDB();
-}
+void makeStores() { createStores(); }
 
 TEST_P(NthFileCallTest, AStartUpMakesAllTablesOrLeavesThemToTheNext) {
   untilNoneFails([&](NthFailure when) {
@@ -229,7 +226,7 @@ void answerHere() {
   const auto services = platform::current();
   const auto& http = static_cast<KeptHttp&>(*services->httpClient);
   if (http.done) {
-    http.done(platform::HttpAnswer{
+    http.done(platform::HttpResponse{
         .status = 200,
         .body =
             R"({"Data":{"Config":{"SessionTimeout":300},"NetworkMonitoring":{"Blacklist":["a"]}}})"});
@@ -239,9 +236,9 @@ void answerHere() {
 
 // clang-format off
 const Operation kOperations[] = {
-    {"initMarbleway", [] { Marbleway::initMarbleway("token", kOptions); quietly(answerHere); }, 8},
+    {"initMarbleway", [] { Marbleway::initMarbleway("token", kOptions); catchAll(answerHere); }, 8},
     {"startSession", [] { isValidSession = false; sessionID.store(std::nullopt); Marbleway::startSession(); }},
-    {"stopSession", [] { Marbleway::stopSession(); quietly(answerHere); }, 8},
+    {"stopSession", [] { Marbleway::stopSession(); catchAll(answerHere); }, 8},
     {"linkUser", [] { Marbleway::linkUser("user", "id"); }},
     {"unlinkUser", [] { Marbleway::unlinkUser(); }, 8},
     {"setUserAttribute", [] { Marbleway::setUserAttribute("EmailAddress", "a@example.org"); }},

@@ -1,4 +1,4 @@
-#include "platform/platform.h"
+#include "Marbleway/platform/platform.h"
 
 #include <gtest/gtest.h>
 #include <sys/wait.h>
@@ -9,10 +9,10 @@
 #include <future>
 #include <thread>
 
-#include "platform/fork.h"
-#include "platform/paths.h"
-#include "platform/testing/fake_time.h"
-#include "platform/testing/recording_console.h"
+#include "Marbleway/platform/fork.h"
+#include "Marbleway/platform/paths.h"
+#include "Marbleway/platform/testing/fake_time.h"
+#include "Marbleway/platform/testing/recording_console.h"
 #include "tests/support/fixture.h"
 
 namespace marbleway::platform {

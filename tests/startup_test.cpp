@@ -3,7 +3,7 @@
 #include <stdexcept>
 
 #include "Marbleway/startup/options.h"
-#include "Marbleway/store/statement.h"
+#include "Marbleway/store/store.h"
 #include "tests/support/fixture.h"
 
 namespace marbleway::testing {

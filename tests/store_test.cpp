@@ -9,8 +9,8 @@
 #include <map>
 #include <thread>
 
+#include "Marbleway/platform/linux/services.h"
 #include "Marbleway/store/timestamp.h"
-#include "platform/linux/services.h"
 #include "tests/support/failing_vfs.h"
 #include "tests/support/fixture.h"
 
@@ -46,8 +46,7 @@ class StoreTest : public MarblewayTest {
 };
 
 TEST_F(StoreTest, TheFirstStartUpMakesSixteenTables) {
-  initMarblewayDB();
-  initMarblewayHTTPDB();
+  createStores();
   // clang-format off
   const std::pair<std::string, std::string> tables[] = {
       {"mrbw_v2_sessions", "SessionID,AdvertisingID,ProjectToken,BundleID,PlatformDeviceID,Manufacturer,Model,OS,OSVersion,AppVersion,Carrier,ConnectionType,TimeZone,PrivacyMode,SDKVersion"},
@@ -144,7 +143,7 @@ TEST_F(StoreTest, WithoutADirectoryStartUpGoesOn) {
 
 TEST_F(StoreTest, ARowBeforeStartUpIsLostAndMakesNoFile) {
   insertCompany("lost");
-  removeMarblewayDBData("DELETE FROM mrbw_v2_companies");
+  runStatement(Store::event, "DELETE FROM mrbw_v2_companies");
   EXPECT_THAT(files(), IsEmpty());
   Marbleway::initMarbleway("token");
   insertCompany("kept");
@@ -153,7 +152,7 @@ TEST_F(StoreTest, ARowBeforeStartUpIsLostAndMakesNoFile) {
 
 TEST_F(StoreTest, AFirstStartUpThatWasKilledIsMadeGood) {
   const fs::path unfinished = storePath().concat("-new");
-  ASSERT_TRUE(StoreFile(unfinished, StoreFile::Missing::isMade).execute(kTables[1].create));
+  ASSERT_TRUE(StoreFile(unfinished, StoreFile::IfMissing::create).execute(kTables[1].create));
   Marbleway::initMarbleway("token");
   EXPECT_EQ(rowCount(), 0);  // of sixteen tables that are all there
   EXPECT_THAT(files(), UnorderedElementsAre(DBFileName, HTTPDBFileName));
@@ -163,7 +162,7 @@ TEST_F(StoreTest, StartUpsThatMeetMakeOneStore) {
   std::array<std::thread, 8> threads;
   for (std::thread& thread : threads) {
     thread = std::thread([] {
-      initMarblewayDB();
+      createStores();
       insertCompany("kept");
     });
   }
@@ -219,17 +218,16 @@ TEST_F(StoreTest, StartUpAloneDropsRowsOfMoreThanThirtyDaysAgoByTheirDate) {
 }
 
 TEST_F(StoreTest, RunsStatementsOfEveryKindEachOnItsOwnStore) {
-  initMarblewayDB();
-  initMarblewayHTTPDB();
+  createStores();
   for (const Text& text : {Text(nullptr), Text(""), Text("a\xFF'")}) insertCompany(text);
-  removeMarblewayDBData("SELECT * FROM mrbw_v2_companies");  // read and dropped
-  removeMarblewayDBData("no statement at all");
-  removeMarblewayHTTPDBData("DELETE FROM mrbw_v2_companies");
-  removeMarblewayHTTPDBData("INSERT INTO mrbw_v2_network_requests (RequestURL) VALUES ('u')");
+  runStatement(Store::event, "SELECT * FROM mrbw_v2_companies");  // read and dropped
+  runStatement(Store::event, "no statement at all");
+  runStatement(Store::network, "DELETE FROM mrbw_v2_companies");
+  runStatement(Store::network, "INSERT INTO mrbw_v2_network_requests (RequestURL) VALUES ('u')");
   EXPECT_THAT(query(storePath(), "SELECT id, CompanyName FROM mrbw_v2_companies"),
               ElementsAre("1|NULL", "2|", "3|a\xEF\xBF\xBD'"));
   EXPECT_THAT(rows("mrbw_v2_network_requests"), SizeIs(1));
-  removeMarblewayDBData("DELETE FROM mrbw_v2_companies WHERE id < 3");
+  runStatement(Store::event, "DELETE FROM mrbw_v2_companies WHERE id < 3");
   EXPECT_THAT(rows("mrbw_v2_companies"), SizeIs(1));
 }
 
@@ -270,9 +268,9 @@ TEST_F(StoreTest, WaitsForAStoreThatAnotherConnectionHolds) {
   } uses[] = {
       {"insert", [] { insertCompany("after the wait"); }, 2, true},
       {"delete", [] { removeUpTo(kTables[4], "2001-01-01 00:00:00.000"); }, 0, true},
-      {"read", [] { EXPECT_TRUE(Statement(Store::event, kRead).step()); }, 1, false},
+      {"read", [] { EXPECT_TRUE(Statement(pathOf(Store::event), kRead).step()); }, 1, false},
   };
-  initMarblewayDB();
+  createStores();
   for (const auto& [name, use, rowsLeft, waitsForAWriter] : uses) {
     for (const bool isExclusive : {true, false}) {
       SCOPED_TRACE(std::string(name) + (isExclusive ? ", held" : ", about to be written"));

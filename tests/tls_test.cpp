@@ -11,15 +11,15 @@
 #include <string>
 #include <thread>
 
-#include "platform/linux/background_thread.h"
-#include "platform/linux/http_client.h"
+#include "Marbleway/platform/linux/background_thread.h"
+#include "Marbleway/platform/linux/http_client.h"
 #include "tests/support/fixture.h"
 #include "tests/support/loopback_server.h"
 
 namespace marbleway::tests {
 namespace {
 
-using platform::HttpAnswer;
+using platform::HttpResponse;
 
 template <auto Free>
 struct FreeBy {
@@ -145,9 +145,9 @@ TEST(TlsTest, OnlyAServerThatATrustedAuthorityVouchesForGetsTheRequest) {
                                   .headers = {{"mrbw-project-token", "token"}},
                                   .body = {}};
     request.body.append("{}");
-    std::promise<std::optional<HttpAnswer>> promise;
+    std::promise<std::optional<HttpResponse>> promise;
     client->post(std::move(request),
-                 [&](std::optional<HttpAnswer> answer) { promise.set_value(std::move(answer)); });
+                 [&](std::optional<HttpResponse> answer) { promise.set_value(std::move(answer)); });
     const auto answer = promise.get_future().get();
     EXPECT_EQ(answer && answer->status == 200 && answer->body == "{}", isAnswered);
     EXPECT_EQ(server.received().find("mrbw-project-token: token") != std::string::npos, isAnswered);

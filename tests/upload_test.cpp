@@ -4,7 +4,7 @@
 #include <functional>
 #include <stdexcept>
 
-#include "Marbleway/startup/state.h"
+#include "Marbleway/core/state.h"
 #include "Marbleway/upload/batch.h"
 #include "Marbleway/upload/document.h"
 #include "tests/support/fixture.h"
@@ -98,7 +98,7 @@ TEST_F(UploadTest, NeedsFiveFlagsAndARow) {
   isNetworkMonitoringEnabled = false;
   batchData();
   EXPECT_EQ(http->waiting(), 1U);
-  EXPECT_EQ(http->requests().back().answerLimit, 0U);  // what the server says is never read
+  EXPECT_EQ(http->requests().back().maxResponseBytes, 0U);  // what the server says is never read
 }
 
 TEST_F(UploadTest, TheDocumentHasAllArraysWithTheColumnsAsTheyStand) {

@@ -1,4 +1,4 @@
-#include "platform/value.h"
+#include "Marbleway/platform/value.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -7,7 +7,7 @@
 #include <limits>
 #include <string>
 
-#include "platform/utf8.h"
+#include "Marbleway/platform/utf8.h"
 
 namespace marbleway {
 namespace {

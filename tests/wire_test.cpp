@@ -3,9 +3,9 @@
 #include <sstream>
 #include <thread>
 
+#include "Marbleway/platform/linux/http_client.h"
+#include "Marbleway/platform/linux/main_loop.h"
 #include "Marbleway/upload/batch.h"
-#include "platform/linux/http_client.h"
-#include "platform/linux/main_loop.h"
 #include "tests/support/fixture.h"
 #include "tests/support/loopback_server.h"
 

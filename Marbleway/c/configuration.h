@@ -3,7 +3,7 @@
 #include <optional>
 
 #include "Marbleway/Host.h"
-#include "platform/value.h"
+#include "Marbleway/platform/value.h"
 
 namespace marbleway::c {
 

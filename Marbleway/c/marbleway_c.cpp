@@ -11,8 +11,9 @@
 #include "Marbleway/Host.h"
 #include "Marbleway/Marbleway.h"
 #include "Marbleway/c/configuration.h"
-#include "platform/call_stack.h"
-#include "platform/quietly.h"
+#include "Marbleway/platform/call_stack.h"
+#include "Marbleway/platform/catch_all.h"
+#include "Marbleway/version.h"
 
 // Each function reads its JSON texts, then calls the operation of its name.
 
@@ -48,7 +49,7 @@ int with(Operation operation, const std::optional<Read>&... read) {
 template <std::invocable Work>
 int statusOf(Work work) noexcept {
   int status = MARBLEWAY_OK;
-  marbleway::quietly([&] { status = work(); });
+  marbleway::catchAll([&] { status = work(); });
   return status;
 }
 

@@ -1,12 +1,12 @@
-#include "Marbleway/location/location.h"
-
 #include "Marbleway/Marbleway.h"
-#include "Marbleway/startup/configuration.h"
-#include "Marbleway/startup/state.h"
-#include "platform/guarded.h"
-#include "platform/platform.h"
+#include "Marbleway/core/configuration.h"
+#include "Marbleway/core/operation.h"
+#include "Marbleway/core/state.h"
+#include "Marbleway/platform/guarded.h"
+#include "Marbleway/platform/platform.h"
 
-namespace marbleway {
+using namespace marbleway;
+
 namespace {
 
 using platform::Beacon;
@@ -95,27 +95,42 @@ void watchBeacons(LocationManager& manager) {
       BeaconRegion{{"beacon.testregion"}, "86E4BDEA-C6FF-442C-95CB-E6E557A23CF2", 120, 1025});
 }
 
-}  // namespace
-
-void startLocationMonitoring() {
-  static Lasting<Delegate> delegate;
-  const auto manager = platform::current()->locationService->makeManager();
-  if (!manager) return;
-  mrbwLocationManager.store(manager);
-  manager->setDelegate(&delegate.value);
-  startUpdates(*manager);
-  monitorSites(*manager);
-  watchBeacons(*manager);
-}
-
 void showRegionAlert(std::string_view title, const Region& region) {
   showAlert(title, region.identifier);
 }
 
-void showBeaconAlerts(const std::vector<Beacon>& beacons) {
-  for (const Beacon& beacon : beacons) {
-    if (beacon.rssi == kAlertedRSSI) showAlert("Entered Beacon Region", beacon.description);
-  }
+}  // namespace
+
+void Marbleway::setLocationMonitoringEnabled(bool enabled) noexcept {
+  if (!enabled) return;  // what was started is never stopped
+  operation([] {
+    static NoDestructor<Delegate> delegate;
+    const auto manager = platform::current()->locationService->makeManager();
+    if (!manager) return;
+    mrbwLocationManager.store(manager);
+    manager->setDelegate(&delegate.value);
+    startUpdates(*manager);
+    monitorSites(*manager);
+    watchBeacons(*manager);
+  });
 }
 
-}  // namespace marbleway
+void Marbleway::didUpdateLocations(LocationManager& /*manager*/,
+                                   const std::vector<platform::Location>& /*locations*/) noexcept {}
+
+void Marbleway::didEnterRegion(LocationManager& /*manager*/, const Region& region) noexcept {
+  operation([&] { showRegionAlert("Entered Region", region); });
+}
+
+void Marbleway::didExitRegion(LocationManager& /*manager*/, const Region& region) noexcept {
+  operation([&] { showRegionAlert("Exited Region", region); });
+}
+
+void Marbleway::didRangeBeacons(LocationManager& /*manager*/, const std::vector<Beacon>& beacons,
+                                const BeaconRegion& /*region*/) noexcept {
+  operation([&] {
+    for (const Beacon& beacon : beacons) {
+      if (beacon.rssi == kAlertedRSSI) showAlert("Entered Beacon Region", beacon.description);
+    }
+  });
+}

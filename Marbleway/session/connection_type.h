@@ -2,7 +2,7 @@
 
 #include <string_view>
 
-#include "platform/status_bar.h"
+#include "Marbleway/platform/status_bar.h"
 
 namespace marbleway {
 

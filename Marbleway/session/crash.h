@@ -1,6 +1,6 @@
 #pragma once
 
-#include "platform/hooks.h"
+#include "Marbleway/platform/crash_hook.h"
 
 namespace marbleway {
 

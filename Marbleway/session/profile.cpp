@@ -2,23 +2,23 @@
 
 #include <string_view>
 
+#include "Marbleway/core/configuration.h"
+#include "Marbleway/core/state.h"
+#include "Marbleway/platform/platform.h"
 #include "Marbleway/session/connection_type.h"
-#include "Marbleway/startup/configuration.h"
-#include "Marbleway/startup/state.h"
-#include "platform/platform.h"
 
 namespace marbleway {
 namespace {
 
-// The text under `key`; one that is missing is made and kept.
-template <class Make>
-std::string kept(std::string_view key, Make make) {
+// The text under `key`; a missing one is created and stored.
+template <class Create>
+std::string loadOrCreate(std::string_view key, Create create) {
   const auto defaults = platform::current()->userDefaults;
   if (auto text = defaults->text(key)) return *text;
-  std::string made = make();
-  defaults->setText(key, made);
+  std::string created = create();
+  defaults->setText(key, created);
   defaults->synchronize();
-  return defaults->text(key).value_or(made);  // another process may have been first
+  return defaults->text(key).value_or(created);  // another process may have been first
 }
 
 }  // namespace
@@ -43,15 +43,15 @@ Profile gatherProfile() {
 std::string userIdentifier() {
   constexpr std::uint32_t kFirst = 9999;
   constexpr std::uint32_t kNumbers = 499990002;
-  return kept("Marbleway_UserID", [] {
+  return loadOrCreate("Marbleway_UserID", [] {
     const std::uint32_t random = platform::current()->device->randomBelow(kNumbers);
     return "user" + std::to_string(kFirst + random);
   });
 }
 
 std::string genericDeviceIdentifier() {
-  return kept("Marbleway_GenericDeviceID",
-              [] { return platform::current()->device->newIdentifier(); });
+  return loadOrCreate("Marbleway_GenericDeviceID",
+                      [] { return platform::current()->device->newIdentifier(); });
 }
 
 }  // namespace marbleway

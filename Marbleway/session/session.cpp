@@ -2,31 +2,50 @@
 
 #include <utility>
 
+#include "Marbleway/Marbleway.h"
+#include "Marbleway/core/console.h"
+#include "Marbleway/core/operation.h"
+#include "Marbleway/core/state.h"
+#include "Marbleway/platform/platform.h"
 #include "Marbleway/session/crash.h"
 #include "Marbleway/session/profile.h"
 #include "Marbleway/session/timers.h"
-#include "Marbleway/startup/console.h"
-#include "Marbleway/startup/state.h"
 #include "Marbleway/store/store.h"
 #include "Marbleway/store/timestamp.h"
 #include "Marbleway/upload/batch.h"
-#include "platform/platform.h"
+
+using namespace marbleway;
 
 namespace marbleway {
 namespace {
 
-// Makes a new session where there is none; one that start-up made, or a live one, stays.
-void ensureSession() {
-  const std::string made = platform::current()->device->newIdentifier();
-  std::string startTime = getUTCTimeStamp();  // before there is a session that might lack it
-  const auto isMissing = [](const OptionalText& id) { return !id || id->empty(); };
-  const bool isNew = sessionID.storeIf(isMissing, made);
-  if (isNew) {
-    SessionStartTime.store(std::move(startTime));
-    isSDKValid = true;
-  }
-  isValidSession = true;
-  if (isNew) keepSession(made);
+void persistSession(const std::string& identifier) {
+  const auto defaults = platform::current()->userDefaults;
+  defaults->setText("Marbleway_SharedSessionID", identifier);
+  defaults->setFlag("Marbleway_isValidSession", true);
+  defaults->synchronize();
+}
+
+// The identifier of the session that is now valid: one that start-up made, or a live one, stays;
+// where there is none a new one begins.
+std::string ensureSession() {
+  std::string identifier = platform::current()->device->newIdentifier();
+  const std::string startTime = getUTCTimeStamp();
+  const bool isNew = sessionID.update([&](OptionalText& present) {
+    const bool isMissing = !present || present->empty();
+    if (isMissing) {
+      present = identifier;
+    } else {
+      identifier = *present;
+    }
+    isValidSession = true;
+    return isMissing;
+  });
+  if (!isNew) return identifier;
+  SessionStartTime.store(startTime);
+  isSDKValid = true;
+  persistSession(identifier);
+  return identifier;
 }
 
 void watchSession() {
@@ -41,26 +60,27 @@ void watchSession() {
   }
 }
 
-void insertUser(const std::string& identifier) {
+void insertUser(const std::string& session, const std::string& identifier) {
   insertRow(
       "insert into mrbw_v2_users (id, SessionID, UserID, TypeID, UTCTimeStamp) VALUES (?, ?, ?, ?, ?)",
-      {sessionID.load(), identifier, "id", getUTCTimeStamp()});
+      {session, identifier, "id", getUTCTimeStamp()});
 }
 
-void identify(Profile& profile) {
+void identify(const std::string& session, Profile& profile) {
   const bool isPrivate = isPrivacyMode;
   if (isPrivate) profile.PlatformDeviceID = genericDeviceIdentifier();
-  insertUser(userIdentifier());
+  insertUser(session, userIdentifier());
   profile.PrivacyMode = isPrivate ? "Yes" : "No";
   if (isAdvertisingID && !isPrivate) {
     profile.AdvertisingID = platform::current()->device->advertisingIdentifier();
   }
 }
 
-void insertSession(const Profile& profile, const OptionalText& startTime) {
+void insertSession(const std::string& session, const Profile& profile,
+                   const OptionalText& startTime) {
   insertRow(
       "insert into mrbw_v2_sessions (id, SessionID, AdvertisingID, ProjectToken, BundleID, PlatformDeviceID,  Manufacturer, Model, OS, OSVersion, AppVersion, Carrier, ConnectionType, TimeZone, PrivacyMode, SDKVersion, UTCTimeStamp) VALUES (?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?)",
-      {sessionID.load(), profile.AdvertisingID, internalProjectToken.load(), profile.BundleID,
+      {session, profile.AdvertisingID, internalProjectToken.load(), profile.BundleID,
        profile.PlatformDeviceID, profile.Manufacturer, profile.Model, profile.OS, profile.OSVersion,
        profile.AppVersion, profile.Carrier, profile.ConnectionType, profile.TimeZone,
        profile.PrivacyMode, SDKVersion, startTime});
@@ -68,39 +88,51 @@ void insertSession(const Profile& profile, const OptionalText& startTime) {
 
 }  // namespace
 
-void keepSession(const std::string& identifier) {
-  const auto defaults = platform::current()->userDefaults;
-  defaults->setText("Marbleway_SharedSessionID", identifier);
-  defaults->setFlag("Marbleway_isValidSession", true);
-  defaults->synchronize();
+void beginSession() {
+  const std::string identifier = platform::current()->device->newIdentifier();
+  sessionID.update([&](OptionalText& present) {
+    present = identifier;
+    isValidSession = true;
+  });
+  persistSession(identifier);
 }
 
 void updateSessionTimeout() { SessionTime.store(getUTCTimeStamp()); }
 
-void startSession() {
-  if (!isSDKValid || !isTrackingEnabled) return;
-  ensureSession();
+std::optional<std::string> openSession() {
+  if (!isSDKValid || !isTrackingEnabled) return std::nullopt;
+  const std::string session = ensureSession();
+  updateSessionTimeout();  // before a timer of expiry can look at it
   setDispatchFrequency();
   setSessionTimeout();
   Profile profile = gatherProfile();
   updateSessionTimeout();
   const OptionalText startTime = SessionStartTime.load();
   watchSession();
-  identify(profile);
-  insertSession(profile, startTime);
-}
-
-void stopSession() {
-  batchData();
-  invalidateTimers();
-  sessionID.store(std::nullopt);
-  isValidSession = false;
-  const auto services = platform::current();
-  services->userDefaults->remove("Marbleway_SharedSessionID");
-  services->userDefaults->remove("Marbleway_isValidSession");
-  services->userDefaults->synchronize();
-  if (isNetworkMonitoringEnabled) services->networkCapture->unregisterProtocol();
-  console::message("Session Stopped");
+  identify(session, profile);
+  insertSession(session, profile, startTime);
+  return session;
 }
 
 }  // namespace marbleway
+
+void Marbleway::startSession() noexcept {
+  operation([] { openSession(); });
+}
+
+void Marbleway::stopSession() noexcept {
+  operation([] {
+    batchData();
+    invalidateTimers();
+    sessionID.update([](OptionalText& present) {
+      present.reset();
+      isValidSession = false;
+    });
+    const auto services = platform::current();
+    services->userDefaults->remove("Marbleway_SharedSessionID");
+    services->userDefaults->remove("Marbleway_isValidSession");
+    services->userDefaults->synchronize();
+    if (isNetworkMonitoringEnabled) services->networkCapture->unregisterProtocol();
+    console::message("Session Stopped");
+  });
+}

@@ -1,15 +1,17 @@
 #pragma once
 
+#include <optional>
 #include <string>
 
 namespace marbleway {
 
-/// See `Marbleway::startSession` and `Marbleway::stopSession`. Thread: any.
-void startSession();
-void stopSession();
+/// Replaces the session by a new valid one and keeps that in the user defaults; start-up's first
+/// step.
+void beginSession();
 
-/// Keeps the session's identifier, and that it is valid, in the user defaults.
-void keepSession(const std::string& identifier);
+/// What `Marbleway::startSession` does. Returns the identifier that its rows carry; absent where
+/// it does nothing. Thread: any.
+std::optional<std::string> openSession();
 
 /// Makes now the session's last activity.
 void updateSessionTimeout();

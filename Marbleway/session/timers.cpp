@@ -2,31 +2,33 @@
 
 #include <chrono>
 
-#include "Marbleway/session/session.h"
-#include "Marbleway/startup/console.h"
-#include "Marbleway/startup/state.h"
+#include "Marbleway/Marbleway.h"
+#include "Marbleway/core/console.h"
+#include "Marbleway/core/state.h"
+#include "Marbleway/platform/catch_all.h"
+#include "Marbleway/platform/platform.h"
 #include "Marbleway/store/timestamp.h"
 #include "Marbleway/upload/batch.h"
-#include "platform/platform.h"
-#include "platform/quietly.h"
 
 namespace marbleway {
 namespace {
 
 using std::chrono::nanoseconds;
 
-// Beyond this many seconds a period is for ever: nanoseconds end at 292 years.
-constexpr float kForEver = 9e9F;
+// A longer period never ends: nanoseconds are counted up to 292 years.
+constexpr float kMaxSeconds = 9e9F;
 
-// A period of 0, below, or that is no number is the shortest there is.
+// The period of a timer that was asked for every 0 seconds, fewer, or no number of them.
+constexpr nanoseconds kDefaultPeriod = std::chrono::milliseconds(100);
+
 nanoseconds periodOf(float seconds) {
-  if (!(seconds > 0)) return platform::kShortestPeriod;
-  if (seconds >= kForEver) return nanoseconds::max();
+  if (!(seconds > 0)) return kDefaultPeriod;
+  if (seconds >= kMaxSeconds) return nanoseconds::max();
   return std::chrono::duration_cast<nanoseconds>(std::chrono::duration<double>(seconds));
 }
 
 void startTimer(TimerHandle& task, float seconds, void (*work)()) {
-  task.store(platform::current()->mainLoop->repeat(periodOf(seconds), [work] { quietly(work); }));
+  task.store(platform::current()->mainLoop->repeat(periodOf(seconds), [work] { catchAll(work); }));
 }
 
 // Idleness runs on the wall clock, by the texts; one that cannot be read ends no session.
@@ -36,7 +38,7 @@ void checkExpiry() {
   const std::chrono::duration<double> idle = platform::current()->clock->now() - *lastActive;
   if (SessionTimeout > static_cast<float>(idle.count())) return;
   console::message("Session Expired");
-  stopSession();
+  Marbleway::stopSession();
 }
 
 }  // namespace

@@ -6,15 +6,15 @@
 #include <utility>
 #include <vector>
 
-#include "Marbleway/session/session.h"
-#include "Marbleway/startup/configuration.h"
-#include "Marbleway/startup/pending.h"
-#include "Marbleway/startup/readings.h"
-#include "Marbleway/startup/state.h"
+#include "Marbleway/Marbleway.h"
+#include "Marbleway/core/configuration.h"
+#include "Marbleway/core/conversions.h"
+#include "Marbleway/core/pending.h"
+#include "Marbleway/core/state.h"
+#include "Marbleway/platform/catch_all.h"
+#include "Marbleway/platform/json.h"
+#include "Marbleway/platform/platform.h"
 #include "Marbleway/upload/dispatch.h"
-#include "platform/json.h"
-#include "platform/platform.h"
-#include "platform/quietly.h"
 
 namespace marbleway {
 namespace {
@@ -39,7 +39,7 @@ std::optional<std::vector<std::string>> textsOf(const Value* value) {
 void continueOffline() {
   isConnectedToInternet = false;
   isSDKValid = true;
-  startSession();
+  Marbleway::startSession();
 }
 
 // The server's values replace the host's, whatever they are: a missing one reads as false or 0.
@@ -47,13 +47,13 @@ void continueAccepted(const std::optional<Value>& body) {
   const Value* data = member(body ? &*body : nullptr, "Data");
   const Value* config = member(data, "Config");
   const Value* monitoring = member(data, "NetworkMonitoring");
-  isPrivacyMode = booleanReading(member(config, "PrivacyMode"));
-  isAdvertisingID = booleanReading(member(config, "AdvertisingID"));
-  SessionTimeout = floatReading(member(config, "SessionTimeout"));
-  isNetworkMonitoringEnabled = booleanReading(member(monitoring, "NetworkMonitoringEnabled"));
+  isPrivacyMode = toBool(member(config, "PrivacyMode"));
+  isAdvertisingID = toBool(member(config, "AdvertisingID"));
+  SessionTimeout = toFloat(member(config, "SessionTimeout"));
+  isNetworkMonitoringEnabled = toBool(member(monitoring, "NetworkMonitoringEnabled"));
   networkBlacklist.store(textsOf(member(monitoring, "Blacklist")));
   isSDKValid = true;
-  startSession();
+  Marbleway::startSession();
 }
 
 void continueRefused() {
@@ -61,7 +61,7 @@ void continueRefused() {
   isValidSession = false;
 }
 
-std::function<void()> continuationAfter(const std::optional<platform::HttpAnswer>& answer) {
+std::function<void()> continuationAfter(const std::optional<platform::HttpResponse>& answer) {
   if (!answer) return continueOffline;
   isConnectedToInternet = true;
   if (answer->status != 200) return continueRefused;
@@ -78,8 +78,8 @@ void launchHandshake() {
   const auto services = platform::current();
   services->httpClient->post(std::move(request), [loop = services->mainLoop,
                                                   pending = Pending::begin()](const auto& answer) {
-    quietly(
-        [&] { loop->post([pending, proceed = continuationAfter(answer)] { quietly(proceed); }); });
+    catchAll(
+        [&] { loop->post([pending, proceed = continuationAfter(answer)] { catchAll(proceed); }); });
   });
 }
 

@@ -3,50 +3,50 @@
 #include <atomic>
 #include <string_view>
 
-#include "Marbleway/startup/configuration.h"
-#include "Marbleway/startup/console.h"
-#include "Marbleway/startup/readings.h"
-#include "Marbleway/startup/state.h"
+#include "Marbleway/core/configuration.h"
+#include "Marbleway/core/console.h"
+#include "Marbleway/core/conversions.h"
+#include "Marbleway/core/state.h"
 
 namespace marbleway {
 namespace {
 
-// One option: where its reading goes, what it is when left out or refused.
+// One option: the variable it sets, and its value when left out or refused.
 struct Option {
   std::string_view key;
   void (*read)(const Option& option, const Value* value);
   std::atomic<bool>* flag = nullptr;  // of a boolean option
-  bool standard = true;
+  bool defaultFlag = true;
   std::atomic<float>* seconds = nullptr;  // of an option in seconds
-  float least = 0;
-  float standardSeconds = 0;
+  float minimum = 0;
+  float defaultSeconds = 0;
   std::string_view warning = {};
 };
 
-// Twice on purpose: only a value that reads as neither true nor false is refused.
+// Read twice on purpose: only a value that is neither true nor false is refused.
 void readBoolean(const Option& option, const Value* value) {
   if (value == nullptr) {
-    *option.flag = option.standard;
-  } else if (booleanReading(value)) {
+    *option.flag = option.defaultFlag;
+  } else if (toBool(value)) {
     *option.flag = true;
-  } else if (!booleanReading(value)) {
+  } else if (!toBool(value)) {
     *option.flag = false;
   } else {
-    *option.flag = option.standard;
+    *option.flag = option.defaultFlag;
     console::warning(option.warning);
   }
 }
 
 void readSeconds(const Option& option, const Value* value) {
-  const float seconds = value == nullptr ? option.standardSeconds : floatReading(value);
-  const bool isAccepted = seconds >= option.least;  // no number at all is refused too
-  *option.seconds = isAccepted ? seconds : option.standardSeconds;
+  const float seconds = value == nullptr ? option.defaultSeconds : toFloat(value);
+  const bool isAccepted = seconds >= option.minimum;  // no number at all is refused too
+  *option.seconds = isAccepted ? seconds : option.defaultSeconds;
   if (!isAccepted) console::warning(option.warning);
 }
 
 void readEnvironment(const Option& /*option*/, const Value* value) {
   const auto servers = configuration();
-  const std::int64_t environment = integerReading(value);
+  const std::int64_t environment = toInteger(value);
   apiURL.store(environment == 1   ? servers->developmentURL
                : environment == 2 ? servers->testURL
                                   : servers->productionURL);
@@ -57,8 +57,8 @@ constexpr Option kOptions[] = {  // logging first: the warnings of the others ob
     {.key = "LoggingEnabled", .read = readBoolean, .flag = &isLoggingEnabled,
      .warning = "'LoggingEnabled' value must be 'YES' or 'NO'"},
     {.key = "SDKEnvironment", .read = readEnvironment},
-    // Off by default, and warns in the words of logging.
-    {.key = "SDKDebugging", .read = readBoolean, .flag = &isSDKDebuggingEnabled, .standard = false,
+    // Off by default, and its warning names logging.
+    {.key = "SDKDebugging", .read = readBoolean, .flag = &isSDKDebuggingEnabled, .defaultFlag = false,
      .warning = "'LoggingEnabled' value must be 'YES' or 'NO'"},
     {.key = "TrackingEnabled", .read = readBoolean, .flag = &isTrackingEnabled,
      .warning = "'TrackingEnabled' value must be 'YES' or 'NO'"},
@@ -66,10 +66,10 @@ constexpr Option kOptions[] = {  // logging first: the warnings of the others ob
      .warning = "'UploadingEnabled' value must be 'YES' or 'NO'"},
     {.key = "PrivacyMode", .read = readBoolean, .flag = &isPrivacyMode,
      .warning = "'PrivacyMode' value must be 'YES' or 'NO'"},
-    // Warns of 10 seconds where 30 is the least.
-    {.key = "DispatchTime", .read = readSeconds, .seconds = &DispatchTime, .least = 30, .standardSeconds = 30,
+    // The warning names 10 seconds; the minimum is 30.
+    {.key = "DispatchTime", .read = readSeconds, .seconds = &DispatchTime, .minimum = 30, .defaultSeconds = 30,
      .warning = "'DispatchTime' value must be greater than or equal to 10 seconds"},
-    {.key = "SessionTimeout", .read = readSeconds, .seconds = &SessionTimeout, .least = 60, .standardSeconds = 300,
+    {.key = "SessionTimeout", .read = readSeconds, .seconds = &SessionTimeout, .minimum = 60, .defaultSeconds = 300,
      .warning = "'SessionTimeout' value must be greater than or equal to 60 seconds"},
     {.key = "PerformanceMonitoringEnabled", .read = readBoolean, .flag = &isPerformanceMonitoringEnabled,
      .warning = "'PerformanceMonitoringEnabled' value must be 'YES' or 'NO'"},

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "platform/value.h"
+#include "Marbleway/platform/value.h"
 
 namespace marbleway {
 

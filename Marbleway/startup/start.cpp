@@ -1,19 +1,20 @@
-#include "Marbleway/startup/start.h"
-
+#include "Marbleway/Marbleway.h"
+#include "Marbleway/core/console.h"
+#include "Marbleway/core/operation.h"
+#include "Marbleway/core/pending.h"
+#include "Marbleway/core/state.h"
+#include "Marbleway/platform/fork.h"
+#include "Marbleway/platform/platform.h"
 #include "Marbleway/session/session.h"
-#include "Marbleway/startup/console.h"
 #include "Marbleway/startup/handshake.h"
 #include "Marbleway/startup/options.h"
-#include "Marbleway/startup/pending.h"
-#include "Marbleway/startup/state.h"
 #include "Marbleway/store/store.h"
 #include "Marbleway/store/timestamp.h"
 #include "Marbleway/tracking/validation.h"
 #include "Marbleway/upload/batch.h"
-#include "platform/fork.h"
-#include "platform/platform.h"
 
-namespace marbleway {
+using namespace marbleway;
+
 namespace {
 
 // Nothing is half made when a fork happens: its child would wait for who makes it.
@@ -35,23 +36,21 @@ void leaveToParent() {
 
 }  // namespace
 
-void initMarbleway(const Text& projectToken, const Dictionary& options) {
-  platform::watchForks(leaveToParent, settle, releaseStores);
-
-  const std::string identifier = platform::current()->device->newIdentifier();
-  sessionID.store(identifier);
-  SessionStartTime.store(getUTCTimeStamp());
-  isValidSession = true;
-  isSDKValid = true;
-  keepSession(identifier);
-  internalProjectToken.store(projectToken.copy());
-  initMarblewayDB();
-  initMarblewayHTTPDB();
-  purgeOldRows();
-  readOptions(options);
-  batchData();
-  console::message("Starting Marbleway SDK");
-  launchHandshake();
+void Marbleway::initMarbleway(Text projectToken) noexcept {
+  operation([&] { initMarbleway(projectToken, defaultOptions()); });
 }
 
-}  // namespace marbleway
+// Each step runs by itself: one that fails leaves out none of the others.
+void Marbleway::initMarbleway(Text projectToken, const Dictionary& options) noexcept {
+  platform::watchForks(leaveToParent, settle, releaseStores);
+  operation([] { SessionStartTime.store(getUTCTimeStamp()); });
+  operation([] { beginSession(); });
+  isSDKValid = true;
+  operation([&] { internalProjectToken.store(projectToken.copy()); });
+  operation([] { createStores(); });
+  operation([] { purgeOldRows(); });
+  operation([&] { readOptions(options); });
+  operation([] { batchData(); });
+  operation([] { console::message("Starting Marbleway SDK"); });
+  operation([] { launchHandshake(); });
+}

@@ -10,18 +10,17 @@
 #include <string>
 #include <utility>
 
-#include "Marbleway/startup/state.h"
-#include "platform/guarded.h"
-#include "platform/platform.h"
-#include "platform/utf8.h"
+#include "Marbleway/platform/guarded.h"
+#include "Marbleway/platform/platform.h"
+#include "Marbleway/platform/utf8.h"
 
 namespace marbleway {
 namespace {
 
 using std::chrono::steady_clock;
 
-constexpr std::chrono::seconds kLongestWait{2};
-constexpr std::chrono::milliseconds kNap{1};
+constexpr std::chrono::seconds kBusyTimeout{2};
+constexpr std::chrono::milliseconds kRetryInterval{1};
 
 constinit std::atomic<int> waitingFiles{0};  // open ones that have had to wait
 constinit std::atomic<bool> areAbandoned{false};
@@ -35,14 +34,14 @@ struct Openings {
 };
 
 Openings& openings() {
-  static Lasting<Openings> counting;
+  static NoDestructor<Openings> counting;
   return counting.value;
 }
 
 void countOpening() {
   std::unique_lock lock(openings().lock);
   // Not without an end: a handler of the fork's may have crashed, and the crash wants its row.
-  openings().changed.wait_for(lock, kLongestWait, [] { return openings().forks == 0; });
+  openings().changed.wait_for(lock, kBusyTimeout, [] { return openings().forks == 0; });
   ++openings().open;
 }
 
@@ -54,15 +53,10 @@ void countClosing() {
 
 }  // namespace
 
-std::string pathOf(Store store) {
-  std::string path = platform::documentsDirectory();
-  return path.append("/").append(store == Store::event ? DBFileName : HTTPDBFileName);
-}
-
 void holdStores() noexcept {
   std::unique_lock lock(openings().lock);
   ++openings().forks;
-  openings().changed.wait_for(lock, kLongestWait, [] { return openings().open == 0; });
+  openings().changed.wait_for(lock, kBusyTimeout, [] { return openings().open == 0; });
 }
 
 void releaseStores() noexcept {
@@ -75,19 +69,19 @@ void releaseStoresInChild() noexcept {
   std::construct_at(&openings());
 }
 
-StoreFile::StoreFile(const std::string& path, Missing missing) {
+StoreFile::StoreFile(const std::string& path, IfMissing ifMissing) {
   countOpening();
   if (areAbandoned) return;
   // Who waits looks once in a millisecond; a thread that closes and opens would always be first.
-  if (waitingFiles > 0) sqlite3_sleep(kNap.count());
+  if (waitingFiles > 0) sqlite3_sleep(kRetryInterval.count());
   // One thread uses the connection, so it needs no lock of its own.
   const int flags = SQLITE_OPEN_READWRITE | SQLITE_OPEN_NOMUTEX |
-                    (missing == Missing::isMade ? SQLITE_OPEN_CREATE : 0);
+                    (ifMissing == IfMissing::create ? SQLITE_OPEN_CREATE : 0);
   if (sqlite3_open_v2(path.c_str(), &connection_, flags, nullptr) != SQLITE_OK) {
     sqlite3_close(std::exchange(connection_, nullptr));
     return;
   }
-  sqlite3_busy_handler(connection_, &StoreFile::nap, this);
+  sqlite3_busy_handler(connection_, &StoreFile::busyHandler, this);
 }
 
 StoreFile::~StoreFile() {
@@ -97,14 +91,14 @@ StoreFile::~StoreFile() {
 }
 
 // Short naps: with SQLite's own, ever longer ones, eight busy threads starve each other.
-int StoreFile::nap(void* file, int /*naps*/) {
+int StoreFile::busyHandler(void* file, int /*calls*/) {
   auto& self = *static_cast<StoreFile*>(file);
-  if (self.waited_ >= kLongestWait) return 0;
+  if (self.waited_ >= kBusyTimeout) return 0;
   if (self.waited_ == self.waited_.zero()) ++waitingFiles;
   const auto start = steady_clock::now();
-  sqlite3_sleep(kNap.count());
+  sqlite3_sleep(kRetryInterval.count());
   // A nap that returns early counts in full, so that their number has an end too.
-  self.waited_ += std::max<steady_clock::duration>(steady_clock::now() - start, kNap);
+  self.waited_ += std::max<steady_clock::duration>(steady_clock::now() - start, kRetryInterval);
   return 1;
 }
 
@@ -113,9 +107,9 @@ bool StoreFile::execute(const char* sql) {
          sqlite3_exec(connection_, sql, nullptr, nullptr, nullptr) == SQLITE_OK;
 }
 
-Statement::Statement(Store store, const char* sql, Journal journal) : file_(pathOf(store)) {
+Statement::Statement(const std::string& path, const char* sql, Journal journal) : file_(path) {
   if (file_.connection_ == nullptr) return;
-  if (journal == Journal::kept) {
+  if (journal == Journal::persistent) {
     if (!file_.execute("BEGIN IMMEDIATE;PRAGMA journal_mode=PERSIST")) return;
     isTransaction_ = true;
   }

@@ -5,26 +5,23 @@
 #include <string>
 #include <string_view>
 
+#include "Marbleway/platform/value.h"
+#include "Marbleway/platform/write_guard.h"
 #include "Marbleway/store/schema.h"
-#include "platform/value.h"
-#include "platform/write_guard.h"
 
 struct sqlite3;
 struct sqlite3_stmt;
 
 namespace marbleway {
 
-/// Where a store's file lies: the documents directory and the store's file name.
-std::string pathOf(Store store);
-
 /// One connection to a store's file, for one statement or one schema. A file that another
 /// connection holds is waited for, two seconds at most in the connection's whole life. Every
 /// failure is silent: what is then asked of the connection does nothing.
 class StoreFile {
  public:
-  enum class Missing { fails, isMade };
+  enum class IfMissing { fail, create };
 
-  explicit StoreFile(const std::string& path, Missing missing = Missing::fails);
+  explicit StoreFile(const std::string& path, IfMissing ifMissing = IfMissing::fail);
   StoreFile(const StoreFile&) = delete;
   StoreFile& operator=(const StoreFile&) = delete;
   ~StoreFile();
@@ -34,7 +31,7 @@ class StoreFile {
 
  private:
   friend class Statement;
-  static int nap(void* file, int naps);
+  static int busyHandler(void* file, int calls);
 
   platform::WriteGuard guard_{platform::WriteGuard::Into::file};  // outlives the connection
   sqlite3* connection_ = nullptr;  // null when it could not be opened
@@ -49,9 +46,9 @@ class Statement {
   /// which is as safe and faster, and for rows, whose journals are small. A kept journal is looked
   /// at each time the file is locked, so a statement that keeps it locks once: it is a transaction
   /// from its preparation on, which the destructor commits once it has been stepped to its end.
-  enum class Journal { deleted, kept };
+  enum class Journal { deleted, persistent };
 
-  Statement(Store store, const char* sql, Journal journal = Journal::deleted);
+  Statement(const std::string& path, const char* sql, Journal journal = Journal::deleted);
   Statement(const Statement&) = delete;
   Statement& operator=(const Statement&) = delete;
   ~Statement();

@@ -3,7 +3,7 @@
 #include <cassert>
 #include <string>
 
-#include "platform/platform.h"
+#include "Marbleway/platform/platform.h"
 
 namespace marbleway {
 namespace {
@@ -26,7 +26,7 @@ bool makeTables(StoreFile& file, Store store) {
 
 // Makes a store under another name and gives it its own once it is whole: a process that is killed
 // meanwhile leaves none that later start-ups would take for made.
-void makeStore(Store store) {
+void createIfMissing(Store store) {
   const fs::path path = pathOf(store);
   std::error_code error;
   if (fs::exists(path, error) || error) return;
@@ -35,7 +35,7 @@ void makeStore(Store store) {
   const fs::path unfinished = fs::path(path).concat("-new");
   bool isWhole = false;
   {
-    StoreFile file(unfinished, StoreFile::Missing::isMade);
+    StoreFile file(unfinished, StoreFile::IfMissing::create);
     // Asked again: whoever renamed the unfinished store before it was opened here has made this
     // one.
     isWhole = !fs::exists(path, error) && makeTables(file, store);
@@ -48,29 +48,28 @@ void makeStore(Store store) {
   }
 }
 
-void runToEnd(Store store, const char* sql) {
-  Statement statement(store, sql);
-  while (statement.step()) {
-  }
-}
-
 void remove(const Table& table, std::string_view condition) {
   const std::string sql =
       std::string("DELETE FROM ").append(table.name).append(" WHERE ").append(condition);
-  if (table.store == Store::event) {
-    removeMarblewayDBData(sql.c_str());
-  } else {
-    removeMarblewayHTTPDBData(sql.c_str());
-  }
+  runStatement(table.store, sql.c_str());
 }
 
 }  // namespace
 
-void initMarblewayDB() { makeStore(Store::event); }
-void initMarblewayHTTPDB() { makeStore(Store::network); }
+std::string pathOf(Store store) {
+  std::string path = platform::documentsDirectory();
+  return path.append("/").append(store == Store::event ? DBFileName : HTTPDBFileName);
+}
 
-void removeMarblewayDBData(const char* sql) { runToEnd(Store::event, sql); }
-void removeMarblewayHTTPDBData(const char* sql) { runToEnd(Store::network, sql); }
+void createStores() {
+  for (const Store store : {Store::event, Store::network}) createIfMissing(store);
+}
+
+void runStatement(Store store, const char* sql) {
+  Statement statement(pathOf(store), sql);
+  while (statement.step()) {
+  }
+}
 
 void purgeOldRows() {
   for (const Table& table : kTables) remove(table, "UTCTimeStamp <= date('now','-30 day')");
@@ -82,7 +81,7 @@ void removeUpTo(const Table& table, const std::string& cutOff) {
 
 void insertRow(InsertText sql, std::initializer_list<Text> values) {
   assert(values.size() == sql.size());
-  Statement statement(Store::event, sql.c_str(), Statement::Journal::kept);
+  Statement statement(pathOf(Store::event), sql.c_str(), Statement::Journal::persistent);
   int index = 1;
   statement.bind(index, std::nullopt);  // id: the store numbers the row
   for (const Text& value : values) statement.bind(++index, value);

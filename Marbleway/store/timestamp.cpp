@@ -2,7 +2,7 @@
 
 #include <charconv>
 
-#include "platform/platform.h"
+#include "Marbleway/platform/platform.h"
 
 namespace marbleway {
 namespace {

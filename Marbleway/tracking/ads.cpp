@@ -1,16 +1,18 @@
 #include <string>
 
+#include "Marbleway/Marbleway.h"
+#include "Marbleway/core/console.h"
+#include "Marbleway/core/guards.h"
+#include "Marbleway/core/operation.h"
+#include "Marbleway/core/state.h"
+#include "Marbleway/platform/json.h"
 #include "Marbleway/session/session.h"
-#include "Marbleway/startup/console.h"
-#include "Marbleway/startup/state.h"
 #include "Marbleway/store/store.h"
 #include "Marbleway/store/timestamp.h"
-#include "Marbleway/tracking/guard.h"
-#include "Marbleway/tracking/operations.h"
 #include "Marbleway/tracking/validation.h"
-#include "platform/json.h"
 
-namespace marbleway {
+using namespace marbleway;
+
 namespace {
 
 constexpr std::string_view kImpressionRequires = "Impression Tracking requires value for '";
@@ -36,6 +38,7 @@ bool isCompleteAd(const Dictionary& adDetails, std::string_view requires_) {
 
 // What a row tells beside the ad itself.
 struct AdRow {
+  Text session;
   Text type;
   Text interactionType = nullptr;
   Text conversionDetails = nullptr;
@@ -44,8 +47,8 @@ struct AdRow {
 void insertAd(const AdRow& row, const Dictionary& adDetails, const std::string& timeStamp) {
   insertRow(
       "insert into mrbw_v2_ads (id, SessionID, AdType, AdDetails, InteractionType, ConversionDetails, UTCTimeStamp) VALUES (?, ?, ?, ?, ?, ?, ?)",
-      {sessionID.load(), row.type, json::toJSON(adDetails), row.interactionType,
-       row.conversionDetails, timeStamp});
+      {row.session, row.type, json::toJSON(adDetails), row.interactionType, row.conversionDetails,
+       timeStamp});
 }
 
 // Keeps the session alive before anything is checked: a call that is then refused has done so.
@@ -56,40 +59,51 @@ std::string keepAlive() {
 
 }  // namespace
 
-void trackAdImpression(const Dictionary& adDetails) {
-  if (!admits(guards::trackAdImpression)) return;
-  const std::string timeStamp = keepAlive();
-  if (!isCompleteAd(adDetails, kImpressionRequires)) return;
+void Marbleway::trackAdImpression(const Dictionary& adDetails) noexcept {
+  operation([&] {
+    const auto session = admittedSession(guards::trackAdImpression);
+    if (!session) return;
+    const std::string timeStamp = keepAlive();
+    if (!isCompleteAd(adDetails, kImpressionRequires)) return;
 
-  insertAd({.type = "Impression"}, adDetails, timeStamp);
-  console::message("Impression Tracked");
+    insertAd({.session = *session, .type = "Impression"}, adDetails, timeStamp);
+    console::message("Impression Tracked");
+  });
 }
 
-void trackAdInteraction(const Dictionary& adDetails, const Text& interactionType) {
-  if (!admits(guards::trackAdInteraction)) return;
-  const std::string timeStamp = keepAlive();
-  // Only an empty type is refused, not an absent one.
-  if (!interactionType.isAbsent() && interactionType.isMissing()) {
-    return reportMissing(kInteractionRequires, "interactionType");
-  }
-  // An interaction has no words of its own for the ad's keys.
-  if (!isCompleteAd(adDetails, kImpressionRequires)) return;
+void Marbleway::trackAdInteraction(const Dictionary& adDetails, Text interactionType) noexcept {
+  operation([&] {
+    const auto session = admittedSession(guards::trackAdInteraction);
+    if (!session) return;
+    const std::string timeStamp = keepAlive();
+    // Only an empty type is refused, not an absent one.
+    if (!interactionType.isAbsent() && interactionType.isMissing()) {
+      return reportMissing(kInteractionRequires, "interactionType");
+    }
+    // An interaction has no words of its own for the ad's keys.
+    if (!isCompleteAd(adDetails, kImpressionRequires)) return;
 
-  insertAd({.type = "Interaction", .interactionType = interactionType}, adDetails, timeStamp);
-  console::message("Interaction Tracked");
+    insertAd({.session = *session, .type = "Interaction", .interactionType = interactionType},
+             adDetails, timeStamp);
+    console::message("Interaction Tracked");
+  });
 }
 
-void trackAdConversion(const Dictionary& adDetails, const Dictionary& conversionDetails) {
-  if (!admits(guards::trackAdConversion)) return;
-  const std::string timeStamp = keepAlive();
-  if (!isCompleteAd(adDetails, kConversionRequires)) return;
-  if (!areComplete(conversionDetails, kConversionRequires, {"conversionType", "conversionValue"})) {
-    return;
-  }
+void Marbleway::trackAdConversion(const Dictionary& adDetails,
+                                  const Dictionary& conversionDetails) noexcept {
+  operation([&] {
+    const auto session = admittedSession(guards::trackAdConversion);
+    if (!session) return;
+    const std::string timeStamp = keepAlive();
+    if (!isCompleteAd(adDetails, kConversionRequires) ||
+        !areComplete(conversionDetails, kConversionRequires,
+                     {"conversionType", "conversionValue"})) {
+      return;
+    }
 
-  const OptionalText conversion = json::toJSON(conversionDetails);
-  insertAd({.type = "Conversion", .conversionDetails = conversion}, adDetails, timeStamp);
-  console::message("Impression Tracked");  // a conversion has no words of its own here
+    const OptionalText conversion = json::toJSON(conversionDetails);
+    insertAd({.session = *session, .type = "Conversion", .conversionDetails = conversion},
+             adDetails, timeStamp);
+    console::message("Impression Tracked");  // a conversion has no words of its own here
+  });
 }
-
-}  // namespace marbleway

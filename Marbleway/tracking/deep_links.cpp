@@ -4,14 +4,16 @@
 #include <string>
 #include <string_view>
 
-#include "Marbleway/startup/console.h"
-#include "Marbleway/startup/state.h"
+#include "Marbleway/Marbleway.h"
+#include "Marbleway/core/console.h"
+#include "Marbleway/core/operation.h"
+#include "Marbleway/core/state.h"
+#include "Marbleway/platform/utf8.h"
 #include "Marbleway/store/store.h"
 #include "Marbleway/store/timestamp.h"
-#include "Marbleway/tracking/operations.h"
-#include "platform/utf8.h"
 
-namespace marbleway {
+using namespace marbleway;
+
 namespace {
 
 constexpr std::string_view kIdentifierKey = "mrbw_dlid";
@@ -65,15 +67,15 @@ std::optional<std::string> deepLinkIdentifier(std::string_view query) {
 
 }  // namespace
 
-void trackDeepLink(const Text& url) {
-  const std::string valid = repaired(url.view());
-  const auto identifier = deepLinkIdentifier(queryOf(valid));
-  if (!identifier) return;
+void Marbleway::trackDeepLink(Text url) noexcept {
+  operation([&] {
+    const std::string valid = repaired(url.view());
+    const auto identifier = deepLinkIdentifier(queryOf(valid));
+    if (!identifier) return;
 
-  insertRow(
-      "insert into mrbw_v2_deep_links (id, SessionID, DeepLinkID, OperatingSystem, UTCTimeStamp) VALUES (?, ?, ?, ?, ?)",
-      {sessionID.load(), identifier, "iOS", getUTCTimeStamp()});
-  console::message("Deep Link Tracked");
+    insertRow(
+        "insert into mrbw_v2_deep_links (id, SessionID, DeepLinkID, OperatingSystem, UTCTimeStamp) VALUES (?, ?, ?, ?, ?)",
+        {sessionID.load(), identifier, "iOS", getUTCTimeStamp()});
+    console::message("Deep Link Tracked");
+  });
 }
-
-}  // namespace marbleway

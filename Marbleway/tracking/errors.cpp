@@ -3,17 +3,19 @@
 #include <utility>
 #include <vector>
 
+#include "Marbleway/Marbleway.h"
+#include "Marbleway/core/console.h"
+#include "Marbleway/core/guards.h"
+#include "Marbleway/core/operation.h"
+#include "Marbleway/core/state.h"
+#include "Marbleway/platform/call_stack.h"
+#include "Marbleway/platform/json.h"
 #include "Marbleway/session/session.h"
-#include "Marbleway/startup/console.h"
-#include "Marbleway/startup/state.h"
 #include "Marbleway/store/store.h"
 #include "Marbleway/store/timestamp.h"
-#include "Marbleway/tracking/guard.h"
-#include "Marbleway/tracking/operations.h"
-#include "platform/call_stack.h"
-#include "platform/json.h"
 
-namespace marbleway {
+using namespace marbleway;
+
 namespace {
 
 template <class Elements>
@@ -46,28 +48,30 @@ ErrorReport reportOf(const std::exception& exception, const void* caller) {
   return report;
 }
 
-void insertError(const Text& name, const Text& message, const std::optional<ErrorReport>& report) {
+// `report` is asked for only once the call is admitted.
+template <class Report>
+void track(const Text& name, const Text& message, Report report) {
+  const auto session = admittedSession(guards::logError);
+  if (!session) return;
   updateSessionTimeout();
   const std::string timeStamp = getUTCTimeStamp();
-  if (report) {
+  if (const std::optional<ErrorReport> exception = report()) {
     insertRow(
         "insert into mrbw_v2_errors (id, SessionID, ErrorName, ErrorMessage, ErrorDetails, UTCTimeStamp) VALUES (?, ?, ?, ?, ?, ?)",
-        {sessionID.load(), name, message, json::toJSON(detailsOf(*report)), timeStamp});
+        {session, name, message, json::toJSON(detailsOf(*exception)), timeStamp});
   }
   console::message("Error Tracked");  // without a report too
 }
 
 }  // namespace
 
-void logError(const Text& errorName, const Text& errorMessage,
-              const std::optional<ErrorReport>& exception) {
-  if (admits(guards::logError)) insertError(errorName, errorMessage, exception);
+void Marbleway::logError(Text errorName, Text errorMessage,
+                         const std::optional<ErrorReport>& exception) noexcept {
+  operation([&] { track(errorName, errorMessage, [&] { return exception; }); });
 }
 
-void logError(const Text& errorName, const Text& errorMessage, const std::exception& exception,
-              const void* caller) {
-  if (!admits(guards::logError)) return;
-  insertError(errorName, errorMessage, reportOf(exception, caller));
+void Marbleway::logError(Text errorName, Text errorMessage,
+                         const std::exception& exception) noexcept {
+  const void* caller = __builtin_return_address(0);
+  operation([&] { track(errorName, errorMessage, [&] { return reportOf(exception, caller); }); });
 }
-
-}  // namespace marbleway

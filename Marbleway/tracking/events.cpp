@@ -1,14 +1,16 @@
+#include "Marbleway/Marbleway.h"
+#include "Marbleway/core/console.h"
+#include "Marbleway/core/guards.h"
+#include "Marbleway/core/operation.h"
+#include "Marbleway/core/state.h"
+#include "Marbleway/platform/json.h"
 #include "Marbleway/session/session.h"
-#include "Marbleway/startup/console.h"
-#include "Marbleway/startup/state.h"
 #include "Marbleway/store/store.h"
 #include "Marbleway/store/timestamp.h"
-#include "Marbleway/tracking/guard.h"
-#include "Marbleway/tracking/operations.h"
 #include "Marbleway/tracking/validation.h"
-#include "platform/json.h"
 
-namespace marbleway {
+using namespace marbleway;
+
 namespace {
 
 // The words in which events and screen views differ.
@@ -27,6 +29,14 @@ constexpr Kind kScreenView{
     "insert into mrbw_v2_screen_views (id, SessionID, ScreenName, ScreenAttributes, UTCTimeStamp) VALUES (?, ?, ?, ?, ?)",
     "Screen View Tracked"};
 
+// The session that is valid, or else one that is started here.
+OptionalText currentSession() {
+  if (isValidSession) {
+    if (auto session = sessionID.load()) return session;
+  }
+  return openSession();
+}
+
 // Only warns: the attributes are stored as they are. A value that is no number draws the line once
 // for each of the two spellings.
 void checkNumbers(const Dictionary& attributes) {
@@ -36,24 +46,32 @@ void checkNumbers(const Dictionary& attributes) {
   }
 }
 
+// Without attributes `attributes` is null.
 void track(const Kind& kind, const Text& name, const Dictionary* attributes) {
   if (!admits(kind.guard)) return;
+  const OptionalText session = currentSession();
   if (attributes != nullptr) checkNumbers(*attributes);
 
   updateSessionTimeout();
   const OptionalText details = attributes != nullptr ? json::toJSON(*attributes) : std::nullopt;
-  insertRow(kind.insert, {sessionID.load(), name, details, getUTCTimeStamp()});
+  insertRow(kind.insert, {session, name, details, getUTCTimeStamp()});
   console::message(kind.tracked);
 }
 
 }  // namespace
 
-void trackEvent(const Text& eventName, const Dictionary* attributes) {
-  track(kEvent, eventName, attributes);
+void Marbleway::trackEvent(Text eventName) noexcept {
+  operation([&] { track(kEvent, eventName, nullptr); });
 }
 
-void trackScreenView(const Text& screenName, const Dictionary* attributes) {
-  track(kScreenView, screenName, attributes);
+void Marbleway::trackEvent(Text eventName, const Dictionary& attributes) noexcept {
+  operation([&] { track(kEvent, eventName, &attributes); });
 }
 
-}  // namespace marbleway
+void Marbleway::trackScreenView(Text screenName) noexcept {
+  operation([&] { track(kScreenView, screenName, nullptr); });
+}
+
+void Marbleway::trackScreenView(Text screenName, const Dictionary& attributes) noexcept {
+  operation([&] { track(kScreenView, screenName, &attributes); });
+}

@@ -8,8 +8,8 @@
 #include <locale>
 #include <memory>
 
-#include "platform/json.h"
-#include "platform/quietly.h"
+#include "Marbleway/platform/catch_all.h"
+#include "Marbleway/platform/json.h"
 
 namespace marbleway {
 namespace {
@@ -114,7 +114,7 @@ bool isDecimal(std::string_view text) {
 }  // namespace
 
 void settleValidation() noexcept {
-  quietly([] { userPunctuation(); });
+  catchAll([] { userPunctuation(); });
 }
 
 void renewValidation() noexcept {

@@ -5,7 +5,7 @@
 #include <string>
 #include <string_view>
 
-#include "platform/value.h"
+#include "Marbleway/platform/value.h"
 
 namespace marbleway {
 

@@ -2,19 +2,19 @@
 
 #include <utility>
 
-#include "Marbleway/startup/console.h"
-#include "Marbleway/startup/pending.h"
-#include "Marbleway/startup/state.h"
+#include "Marbleway/core/console.h"
+#include "Marbleway/core/pending.h"
+#include "Marbleway/core/state.h"
+#include "Marbleway/platform/catch_all.h"
+#include "Marbleway/platform/platform.h"
 #include "Marbleway/store/store.h"
-#include "platform/platform.h"
-#include "platform/quietly.h"
 
 namespace marbleway {
 namespace {
 
-void acknowledge(const BatchTimes& times) {
+void acknowledge(const CutOffs& cutOffs) {
   console::message("Data Upload Complete");
-  for (const Table& table : kTables) removeUpTo(table, times.*table.cutOff);
+  for (std::size_t i = 0; i < cutOffs.size(); ++i) removeUpTo(kTables[i], cutOffs.at(i));
 }
 
 }  // namespace
@@ -29,14 +29,14 @@ platform::HttpRequest requestTo(std::string_view path) {
   return request;
 }
 
-void dispatchBatch(platform::Buffer document, BatchTimes times) {
+void dispatchBatch(platform::Buffer document, CutOffs cutOffs) {
   platform::HttpRequest request = requestTo("mobile/batch");
   request.body = std::move(document);
-  request.answerLimit = 0;  // what the server says is never read
+  request.maxResponseBytes = 0;  // the body is never read
   platform::current()->httpClient->post(
       std::move(request),
-      [times = std::move(times), pending = Pending::begin()](const auto& answer) {
-        if (answer && answer->status == 200) quietly([&] { acknowledge(times); });
+      [cutOffs = std::move(cutOffs), pending = Pending::begin()](const auto& response) {
+        if (response && response->status == 200) catchAll([&] { acknowledge(cutOffs); });
       });
 }
 

@@ -2,8 +2,8 @@
 
 #include <string_view>
 
+#include "Marbleway/platform/http.h"
 #include "Marbleway/store/schema.h"
-#include "platform/http.h"
 
 namespace marbleway {
 
@@ -12,8 +12,8 @@ namespace marbleway {
 platform::HttpRequest requestTo(std::string_view path);
 
 /// Posts a batch document to the server. A 200 deletes from each table the rows whose UTC date is
-/// on or before that of the table's time in `times`, on the HTTP client's thread; any other answer,
-/// or none, changes nothing.
-void dispatchBatch(platform::Buffer document, BatchTimes times);
+/// on or before that of the table's cut-off, on the HTTP client's thread; any other response, or
+/// none, changes nothing.
+void dispatchBatch(platform::Buffer document, CutOffs cutOffs);
 
 }  // namespace marbleway

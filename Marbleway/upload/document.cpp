@@ -7,13 +7,13 @@
 #include <cstdint>
 #include <cstring>
 
-#include "platform/utf8.h"
+#include "Marbleway/platform/utf8.h"
 
 namespace marbleway {
 namespace {
 
 // The longest thing that one byte of text turns into: \u001f.
-constexpr std::size_t kLongestEscape = 6;
+constexpr std::size_t kMaxEscapeLength = 6;
 
 constexpr std::uint64_t eightTimes(unsigned char byte) { return 0x0101010101010101U * byte; }
 
@@ -110,8 +110,8 @@ char* putCharacter(char* out, const char*& in, const char* end) {
 }
 
 // The most bytes that `size` bytes turn into, and what is written behind them in passing.
-constexpr std::size_t roomEscaped(std::size_t size) {
-  return size * kLongestEscape + sizeof(std::uint64_t);
+constexpr std::size_t maxEscapedSize(std::size_t size) {
+  return size * kMaxEscapeLength + sizeof(std::uint64_t);
 }
 
 // Writes `text` escaped and returns where it ends.
@@ -139,8 +139,8 @@ char* putEscaped(char* out, std::string_view text) {
 }  // namespace
 
 void appendEscaped(platform::Buffer& buffer, std::string_view text) {
-  char* const start = buffer.room(roomEscaped(text.size()));
-  buffer.grow(static_cast<std::size_t>(putEscaped(start, text) - start));
+  char* const start = buffer.reserve(maxEscapedSize(text.size()));
+  buffer.commit(static_cast<std::size_t>(putEscaped(start, text) - start));
 }
 
 void Document::beginArray(const Table& table) {
@@ -148,24 +148,24 @@ void Document::beginArray(const Table& table) {
   buffer_.append(table.arrayKey);
   buffer_.append("\":[");
   isFirstArray_ = false;
-  betweenValues_.clear();
+  keyPrefixes_.clear();
 }
 
 void Document::beginRows(const Table& table) {
   static_assert(std::ranges::all_of(kTables, [](const Table& any) {
     return std::ranges::all_of(any.keys,
-                               [](auto key) { return key.size() <= Between::kLongestKey; });
+                               [](auto key) { return key.size() <= KeyPrefix::kMaxKeyLength; });
   }));
   for (const std::string_view key : table.keys) {
-    Between& between = betweenValues_.emplace_back();
-    char* const start = between.bytes.data();
+    KeyPrefix& prefix = keyPrefixes_.emplace_back();
+    char* const start = prefix.bytes.data();
     const char* const end = put(put(put(start, R"(",")"), key), R"(":")");
-    between.size = static_cast<std::size_t>(end - start);
+    prefix.size = static_cast<std::size_t>(end - start);
   }
 }
 
 void Document::addRow(const Table& table, const Statement& statement) {
-  const bool isFirstRow = betweenValues_.empty();
+  const bool isFirstRow = keyPrefixes_.empty();
   if (isFirstRow) beginRows(table);
   std::array<char, 12> digits{};
   const char* const last =
@@ -173,11 +173,11 @@ void Document::addRow(const Table& table, const Statement& statement) {
 
   buffer_.append(isFirstRow ? R"({"id":")" : R"(,{"id":")");
   buffer_.append({digits.data(), last});
-  for (int column = 1; const Between& between : betweenValues_) {
+  for (int column = 1; const KeyPrefix& prefix : keyPrefixes_) {
     const std::string_view value = statement.text(column++);
-    char* const start = buffer_.room(sizeof between.bytes + roomEscaped(value.size()));
-    std::memcpy(start, between.bytes.data(), sizeof between.bytes);
-    buffer_.grow(static_cast<std::size_t>(putEscaped(start + between.size, value) - start));
+    char* const start = buffer_.reserve(sizeof prefix.bytes + maxEscapedSize(value.size()));
+    std::memcpy(start, prefix.bytes.data(), sizeof prefix.bytes);
+    buffer_.commit(static_cast<std::size_t>(putEscaped(start + prefix.size, value) - start));
   }
   buffer_.append(R"("})");
   hasRows_ = true;

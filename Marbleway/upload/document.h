@@ -5,8 +5,8 @@
 #include <string_view>
 #include <vector>
 
+#include "Marbleway/platform/buffer.h"
 #include "Marbleway/store/statement.h"
-#include "platform/buffer.h"
 
 namespace marbleway {
 
@@ -32,17 +32,17 @@ class Document {
 
  private:
   /// What stands before a value: ","SessionID":". Copied whole, since a known size is fast.
-  struct Between {
-    static constexpr std::size_t kLongestKey = 34;
+  struct KeyPrefix {
+    static constexpr std::size_t kMaxKeyLength = 34;
 
-    std::array<char, kLongestKey + 6> bytes{};
+    std::array<char, kMaxKeyLength + 6> bytes{};
     std::size_t size = 0;
   };
 
   void beginRows(const Table& table);
 
   platform::Buffer buffer_;
-  std::vector<Between> betweenValues_;  // of the array's rows, once it has one
+  std::vector<KeyPrefix> keyPrefixes_;  // of the array's rows, once it has one
   bool hasRows_ = false;
   bool isFirstArray_ = true;
 };

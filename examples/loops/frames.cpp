@@ -1,5 +1,5 @@
 // The library in a game-like program: pumped by hand, once a frame.
-#include <platform/manual_loop.h>
+#include <Marbleway/platform/manual_loop.h>
 
 #include <algorithm>
 #include <csignal>

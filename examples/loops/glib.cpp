@@ -1,6 +1,6 @@
 // The library on GLib's main loop, as in a program with a GTK window.
+#include <Marbleway/platform/manual_loop.h>
 #include <glib-unix.h>
-#include <platform/manual_loop.h>
 
 #include <algorithm>
 #include <csignal>

@@ -2,7 +2,7 @@
 
 #include <Marbleway/Host.h>
 #include <Marbleway/Marbleway.h>
-#include <platform/platform.h>
+#include <Marbleway/platform/platform.h>
 
 #include <chrono>
 #include <memory>

@@ -2,8 +2,8 @@
 // the recording console that ships with it, and exits with 0 when the library said what it should.
 #include <Marbleway/Host.h>
 #include <Marbleway/Marbleway.h>
-#include <platform/platform.h>
-#include <platform/testing/recording_console.h>
+#include <Marbleway/platform/platform.h>
+#include <Marbleway/platform/testing/recording_console.h>
 
 #include <algorithm>
 #include <cstdlib>

@@ -18,7 +18,7 @@
 
 #include "Marbleway/Host.h"
 #include "Marbleway/Marbleway.h"
-#include "platform/linux/crash_hook.h"
+#include "Marbleway/platform/linux/crash_hook.h"
 
 // Functions that a call stack can name.
 namespace failing {

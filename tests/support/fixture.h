@@ -11,17 +11,17 @@
 
 #include "Marbleway/Host.h"
 #include "Marbleway/Marbleway.h"
-#include "Marbleway/startup/state.h"
+#include "Marbleway/core/state.h"
+#include "Marbleway/platform/platform.h"
+#include "Marbleway/platform/testing/fake_time.h"
+#include "Marbleway/platform/testing/fixed_device.h"
+#include "Marbleway/platform/testing/held_http.h"
+#include "Marbleway/platform/testing/memory_defaults.h"
+#include "Marbleway/platform/testing/recording_capture.h"
+#include "Marbleway/platform/testing/recording_console.h"
+#include "Marbleway/platform/testing/recording_interface.h"
+#include "Marbleway/platform/testing/recording_location.h"
 #include "Marbleway/store/schema.h"
-#include "platform/platform.h"
-#include "platform/testing/fake_time.h"
-#include "platform/testing/fixed_device.h"
-#include "platform/testing/held_http.h"
-#include "platform/testing/memory_defaults.h"
-#include "platform/testing/recording_capture.h"
-#include "platform/testing/recording_console.h"
-#include "platform/testing/recording_interface.h"
-#include "platform/testing/recording_location.h"
 
 namespace marbleway::testing {
 

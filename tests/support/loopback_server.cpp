@@ -135,30 +135,30 @@ LoopbackServer::~LoopbackServer() {
   shutdown(socket_, SHUT_RDWR);
   listening_.join();
   {
-    const std::scoped_lock lock(lock_);
+    const std::scoped_lock lock(mutex_);
     for (const int socket : open_) shutdown(socket, SHUT_RDWR);
   }
   for (std::thread& each : serving_) each.join();
 }
 
 void LoopbackServer::answer(Answer next) {
-  const std::scoped_lock lock(lock_);
+  const std::scoped_lock lock(mutex_);
   answers_.push_back(std::move(next));
 }
 
 void LoopbackServer::answerWith(std::function<Answer(const Received&)> respond) {
-  const std::scoped_lock lock(lock_);
+  const std::scoped_lock lock(mutex_);
   respond_ = std::move(respond);
 }
 
 std::vector<Received> LoopbackServer::waitForRequests(std::size_t count) const {
-  std::unique_lock lock(lock_);
+  std::unique_lock lock(mutex_);
   changed_.wait_for(lock, 10s, [&] { return requests_.size() >= count; });
   return requests_;
 }
 
 void LoopbackServer::waitForConnections(std::size_t count) const {
-  std::unique_lock lock(lock_);
+  std::unique_lock lock(mutex_);
   changed_.wait_for(lock, 10s, [&] { return serving_.size() >= count; });
 }
 
@@ -167,7 +167,7 @@ void LoopbackServer::listen() {
     const int socket = accept4(socket_, nullptr, nullptr, SOCK_CLOEXEC);
     if (socket < 0 && errno == EINVAL) return;  // shut down
     if (socket < 0) continue;
-    const std::scoped_lock lock(lock_);
+    const std::scoped_lock lock(mutex_);
     open_.insert(socket);
     serving_.emplace_back([this, socket] { serve(socket); });
     changed_.notify_all();
@@ -179,17 +179,17 @@ void LoopbackServer::serve(int socket) {
   Received request;
   do {
     if (!receive(socket, unread, request)) break;
-    const std::scoped_lock lock(lock_);
+    const std::scoped_lock lock(mutex_);
     requests_.push_back(request);
     changed_.notify_all();
   } while (sendAnswer(socket, answerTo(request)));
-  const std::scoped_lock lock(lock_);
+  const std::scoped_lock lock(mutex_);
   open_.erase(socket);
   close(socket);
 }
 
 Answer LoopbackServer::answerTo(const Received& request) {
-  std::unique_lock lock(lock_);
+  std::unique_lock lock(mutex_);
   if (!answers_.empty()) {
     Answer next = std::move(answers_.front());
     answers_.pop_front();

@@ -83,7 +83,7 @@ class LoopbackServer : public RefusingPort {
   void serve(int socket);
   Answer answerTo(const Received& request);
 
-  mutable std::mutex lock_;  // on what follows
+  mutable std::mutex mutex_;  // on what follows
   mutable std::condition_variable changed_;
   std::deque<Answer> answers_;
   std::function<Answer(const Received&)> respond_;

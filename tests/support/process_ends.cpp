@@ -31,8 +31,8 @@ using namespace std::chrono_literals;
 using marbleway::testing::query;
 using Clock = std::chrono::steady_clock;
 
-constexpr std::size_t kMostRows = 5000;
-constexpr std::size_t kMostBytes = 65536;
+constexpr std::size_t kMaxRows = 5000;
+constexpr std::size_t kMaxBytes = 65536;
 
 void tell(int descriptor, std::string_view bytes) {
   if (write(descriptor, bytes.data(), bytes.size()) < 0) _exit(EXIT_FAILURE);
@@ -77,7 +77,7 @@ Fault faultOfStores(const fs::path& directory) {
 // A start and some rows, told one by one as each call returns.
 void recordAndTell(const Start& start, int told) {
   start();
-  for (std::size_t row = 0; row < kMostRows; ++row) {
+  for (std::size_t row = 0; row < kMaxRows; ++row) {
     Marbleway::trackEvent(std::to_string(row));
     tell(told, ".");
   }
@@ -87,10 +87,10 @@ void recordAndTell(const Start& start, int told) {
 std::size_t returnedBefore(const Start& start, std::size_t rows, std::chrono::nanoseconds instant) {
   Child child([&](int told) { recordAndTell(start, told); });
   std::size_t returned = child.told(rows).size();
-  returned += child.told(kMostRows, instant).size();
+  returned += child.told(kMaxRows, instant).size();
   child.kill();
   child.wait();
-  return returned + child.told(kMostRows).size();
+  return returned + child.told(kMaxRows).size();
 }
 
 // Tells the time and exits.
@@ -212,7 +212,7 @@ Child::~Child() {
 
 std::string Child::told(std::size_t most, std::chrono::nanoseconds atMost) {
   const auto deadline = Clock::now() + atMost;
-  std::string bytes(std::min(most, kMostBytes), '\0');
+  std::string bytes(std::min(most, kMaxBytes), '\0');
   std::size_t count = 0;
   while (count < bytes.size()) {
     const std::chrono::nanoseconds left = std::max(0ns, deadline - Clock::now());
@@ -239,7 +239,7 @@ int Child::wait() {
 
 Fault faultOfChild(const std::function<Fault()>& work, std::chrono::seconds atMost) {
   Child child([&](int told) { tell(told, work()); }, atMost);
-  Fault fault = child.told(kMostBytes, atMost);
+  Fault fault = child.told(kMaxBytes, atMost);
   const Fault end = faultOfStatus(child.wait());
   return fault.empty() ? end : fault;
 }
@@ -287,7 +287,7 @@ Exit forkWhileRecording(const Start& start, const fs::path& directory, int forks
     waitUntilIdle(1s);  // where the server answers
     tell(told, bytesOf(exits.took) + exits.fault);
   });
-  const std::string told = parent.told(kMostBytes);
+  const std::string told = parent.told(kMaxBytes);
   longest.took = durationIn(told);
   longest.fault = told.size() < sizeof longest.took ? "the parent told nothing"
                                                     : told.substr(sizeof longest.took);

@@ -26,12 +26,12 @@ constexpr auto kJson = "application/json";
 constexpr std::size_t kThreads = 64;  // more than all answers that may take long
 
 /// What is done to an answer, by Fault.
-struct Spoiling {
+struct FaultResponse {
   int status;  // instead of 200; 0: there is none
   std::string_view body;
   const char* what;  // ends the request's line
 };
-constexpr std::array<Spoiling, 8> kSpoilings{{
+constexpr std::array<FaultResponse, 8> kSpoilings{{
     {200, "", ""},
     {200, "<!doctype html><title>Welcome to the guest network</title>", "; answered without JSON"},
     {204, "", "; answered without content"},
@@ -53,7 +53,7 @@ constexpr std::array<std::pair<std::string_view, const char*>, 5> kMethods{
 /// What the server itself adds to a request's headers.
 constexpr std::string_view kOwnHeaders = "REMOTE_ADDR REMOTE_PORT LOCAL_ADDR LOCAL_PORT";
 
-const Spoiling& spoilingOf(Fault fault) { return kSpoilings[static_cast<std::size_t>(fault)]; }
+const FaultResponse& spoilingOf(Fault fault) { return kSpoilings[static_cast<std::size_t>(fault)]; }
 
 Entry entryOf(const httplib::Request& request) {
   Entry entry;
@@ -101,7 +101,7 @@ void refuseFor(Fault fault) {
 
 /// Turns what would be answered into what is answered; a refusal is not dressed up.
 void spoil(Fault fault, Entry& entry, std::string& body) {
-  const Spoiling& spoiling = spoilingOf(fault);
+  const FaultResponse& spoiling = spoilingOf(fault);
   if (entry.status != 200 && spoiling.status != 0) return;
   entry.what += spoiling.what;
   entry.status = spoiling.status;
@@ -120,7 +120,7 @@ Exchange exchangeOf(const httplib::Request& request) {
 
 /// A copy for the page, of a body that is about to be read in place.
 std::shared_ptr<const std::string> keptBody(const std::string& document) {
-  if (document.size() > Journal::kLongestBody) return nullptr;
+  if (document.size() > Journal::kMaxBodyBytes) return nullptr;
   return std::make_shared<const std::string>(document);
 }
 
@@ -182,7 +182,7 @@ void Collector::route() {
   for (const Resource& resource : kResources) post(resource);
   page_->route(server_);
   server_.set_error_handler([this](const httplib::Request& request, httplib::Response& response) {
-    if (response.body.empty()) turnAway(request, response);
+    if (response.body.empty()) reject(request, response);
   });
 }
 
@@ -218,7 +218,7 @@ void Collector::answer(const Resource& resource, const httplib::Request& request
   spoil(fault, entry, body);
   write(records_.*resource.journal, entry, std::move(exchange), body);
   conclude(entry, response, body);
-  disturb(fault, request);
+  delayOrReset(fault, request);
 }
 
 /// Writes an exchange into its journal and tells the page.
@@ -235,7 +235,7 @@ void Collector::write(Journal& journal, const Entry& entry, Exchange exchange,
 
 /// Delays the answer or keeps it from being given. Where too many are delayed already, one that was
 /// to be late comes at once, and one that was never to be given ends at once.
-void Collector::disturb(Fault fault, const httplib::Request& request) {
+void Collector::delayOrReset(Fault fault, const httplib::Request& request) {
   constexpr std::chrono::seconds kDelay(3);
   if (const std::shared_ptr<void> place = disturbed_.take()) {
     if (fault == Fault::slow) records_.bell.pauseUntil(std::chrono::steady_clock::now() + kDelay);
@@ -285,7 +285,7 @@ std::string Collector::batch(std::string& document, Entry& entry, Exchange& exch
 }
 
 /// Answers what no handler takes, and what is not even a request.
-void Collector::turnAway(const httplib::Request& request, httplib::Response& response) {
+void Collector::reject(const httplib::Request& request, httplib::Response& response) {
   Entry entry = entryOf(request);
   entry.status = response.status;
   entry.what = response.status == 404 ? "nothing is here" : "cannot be answered";

@@ -63,8 +63,8 @@ class Collector {
   std::string handshake(std::string& document, Entry& entry, Exchange& exchange);
   std::string batch(std::string& document, Entry& entry, Exchange& exchange);
   void write(Journal& journal, const Entry& entry, Exchange exchange, const std::string& answer);
-  void disturb(Fault fault, const httplib::Request& request);
-  void turnAway(const httplib::Request& request, httplib::Response& response);
+  void delayOrReset(Fault fault, const httplib::Request& request);
+  void reject(const httplib::Request& request, httplib::Response& response);
   void conclude(const Entry& entry, httplib::Response& response, const std::string& body);
   void print(const std::string& line);
   int bind(const std::string& host, int port);

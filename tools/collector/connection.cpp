@@ -51,7 +51,7 @@ bool hasLeft(Socket socket) {
 
 }  // namespace
 
-void waitForLeave(const httplib::Request& request, const Bell& bell) {
+void waitForLeave(const httplib::Request& request, const Notifier& bell) {
   using namespace std::chrono_literals;
   const Socket socket = socketOf(request);
   while (!hasLeft(socket) && bell.pauseUntil(std::chrono::steady_clock::now() + 50ms)) continue;

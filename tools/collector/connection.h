@@ -5,13 +5,13 @@
 #include <atomic>
 #include <memory>
 
-#include "tools/collector/bell.h"
+#include "tools/collector/notifier.h"
 
 namespace collector {
 
 /// Waits until the client of `request`, which is being answered, has gone away, or until `bell`
 /// ends.
-void waitForLeave(const httplib::Request& request, const Bell& bell);
+void waitForLeave(const httplib::Request& request, const Notifier& bell);
 
 /// Resets the connection of `request`, which is being answered: its client gets no answer, and an
 /// error instead of an orderly end.

@@ -113,7 +113,7 @@ long long DataFile::lastBatch() {
 }
 
 DataFile::Batch::Batch(DataFile& file, Origin origin)
-    : file_(file), lock_(file.mutex_), origin_(std::move(origin)), received_(millisecondsNow()) {
+    : file_(file), mutex_(file.mutex_), origin_(std::move(origin)), received_(millisecondsNow()) {
   file_.database_.execute("BEGIN IMMEDIATE");
 }
 

@@ -89,7 +89,7 @@ class DataFile::Batch {
   std::pair<long long, bool> place(const Kind& kind, std::span<const std::string_view> texts);
 
   DataFile& file_;
-  std::scoped_lock<std::mutex> lock_;
+  std::scoped_lock<std::mutex> mutex_;
   const Origin origin_;
   const long long received_;  // milliseconds since 1970, UTC
   bool committed_ = false;

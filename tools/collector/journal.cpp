@@ -30,7 +30,7 @@ void putStart(JsonWriter& writer, const Exchange& exchange) {
 
 long long Journal::number() {
   const std::scoped_lock lock(mutex_);
-  return next_++;
+  return turnMutex_++;
 }
 
 void Journal::add(Exchange exchange) {
@@ -40,7 +40,7 @@ void Journal::add(Exchange exchange) {
   entries_.push_back(std::make_shared<const Exchange>(std::move(exchange)));
   ++added_;
   bytes_ += bodySize(entries_.back());
-  while (entries_.size() > kMost || bytes_ > kMostBytes) {
+  while (entries_.size() > kMax || bytes_ > kMaxBytes) {
     bytes_ -= bodySize(entries_.front());
     entries_.pop_front();
   }

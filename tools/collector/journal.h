@@ -30,12 +30,12 @@ struct Exchange {
 class Journal {
  public:
   using Entry = std::shared_ptr<const Exchange>;
-  static constexpr std::size_t kMost = 200;
-  static constexpr std::size_t kLongestBody = 4'000'000;  // bytes; a longer one is not kept
-  static constexpr std::size_t kMostBytes = 64'000'000;   // of all bodies; the oldest go first
+  static constexpr std::size_t kMax = 200;
+  static constexpr std::size_t kMaxBodyBytes = 4'000'000;  // bytes; a longer one is not kept
+  static constexpr std::size_t kMaxBytes = 64'000'000;     // of all bodies; the oldest go first
 
   /// Begins with `first`.
-  explicit Journal(long long first) : next_(first) {}
+  explicit Journal(long long first) : turnMutex_(first) {}
 
   /// The number of the next exchange.
   long long number();
@@ -55,7 +55,7 @@ class Journal {
   mutable std::mutex mutex_;
   std::deque<Entry> entries_;  // in the order in which they were answered
   std::size_t bytes_ = 0;      // of their bodies
-  long long next_;
+  long long turnMutex_;
   long long added_ = 0;  // ever
   long long count_ = 0, faulty_ = 0;
 };

@@ -52,11 +52,11 @@ void answer(httplib::Response& response, const Journal& journal,
 httplib::Server::HandlerWithContentReader withBody(const httplib::Server::Handler& handler) {
   return [handler](const httplib::Request& request, httplib::Response& response,
                    const httplib::ContentReader& read) {
-    constexpr std::size_t kMost = 64'000;
+    constexpr std::size_t kMax = 64'000;
     httplib::Request whole = request;
     if (request.has_header("Content-Length") && !request.is_multipart_form_data()) {
       read([&](const char* data, std::size_t size) {
-        whole.body.append(data, std::min(size, kMost - whole.body.size()));
+        whole.body.append(data, std::min(size, kMax - whole.body.size()));
         return true;
       });
     }

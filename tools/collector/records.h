@@ -4,9 +4,9 @@
 #include <string>
 
 #include "tools/collector/behaviour.h"
-#include "tools/collector/bell.h"
 #include "tools/collector/data_file.h"
 #include "tools/collector/journal.h"
+#include "tools/collector/notifier.h"
 
 namespace collector {
 
@@ -28,7 +28,7 @@ struct Records {
   DataFile data;
   Journal batches, handshakes;
   std::atomic<long long> resets{0};
-  Bell bell;
+  Notifier bell;
 };
 
 }  // namespace collector

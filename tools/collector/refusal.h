@@ -21,11 +21,11 @@ struct AskedRefusal : Refusal {
 /// What a client sent, fit for a line of its own: ASCII, without control characters ('?' stands
 /// for any other byte), at most 80 characters.
 inline std::string printable(std::string_view sent) {
-  constexpr std::size_t kLongest = 80;
-  std::string line(sent.substr(0, kLongest));
+  constexpr std::size_t kMax = 80;
+  std::string line(sent.substr(0, kMax));
   std::replace_if(
       line.begin(), line.end(), [](char c) { return c < ' ' || c > '~'; }, '?');
-  if (sent.size() > kLongest) line.replace(kLongest - 3, 3, "...");
+  if (sent.size() > kMax) line.replace(kMax - 3, 3, "...");
   return line;
 }
 

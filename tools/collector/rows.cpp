@@ -5,7 +5,7 @@
 namespace collector {
 namespace {
 
-constexpr std::size_t kMostBytes = 8'000'000;  // of the texts of one reading
+constexpr std::size_t kMaxBytes = 8'000'000;  // of the texts of one reading
 
 constexpr auto kArrivals =
     "SELECT a.n, a.Received, a.Kind, a.SessionID, a.Token, a.Batch, a.State, a.Row, "
@@ -76,7 +76,7 @@ std::vector<Row> RowReader::read(const Filter& filter, const Range& range) {
 
   std::vector<Row> rows;
   std::size_t bytes = 0;
-  while (bytes < kMostBytes && arrivals.step()) {
+  while (bytes < kMaxBytes && arrivals.step()) {
     rows.push_back(rowAt(arrivals));
     bytes += sizeOf(rows.back());
   }

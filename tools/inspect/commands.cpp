@@ -5,10 +5,8 @@
 #include <iterator>
 #include <limits>
 
-#include "Marbleway/Host.h"
-#include "Marbleway/startup/state.h"
+#include "Marbleway/platform/value.h"
 #include "Marbleway/upload/document.h"
-#include "platform/value.h"
 #include "tools/inspect/documents.h"
 #include "tools/inspect/personal.h"
 #include "tools/inspect/query.h"
@@ -163,13 +161,12 @@ void rows(const Inspection& inspection) {
 /// empty one, so each is read once before, with every failure told.
 void batch(const Inspection& inspection) {
   for (const Table& table : kTables) summaryOf(inspection, table);
-  marbleway::configure({.documentsDirectory = inspection.documents.readable()});
   marbleway::Document document;
   for (const Table& table : kTables) {
     document.beginArray(table);
     const std::string sql = std::string("SELECT * FROM ").append(table.name).append(" WHERE ") +
                             inspection.selection.condition(table);
-    marbleway::Statement row(table.store, sql.c_str());
+    marbleway::Statement row(inspection.documents.pathOf(table.store), sql.c_str());
     if (const auto parameter = inspection.selection.parameter(table)) row.bind(1, *parameter);
     while (row.step()) document.addRow(table, row);
     document.endArray();

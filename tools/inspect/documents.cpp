@@ -7,8 +7,8 @@
 #include <iterator>
 #include <vector>
 
-#include "Marbleway/startup/state.h"
-#include "platform/utf8.h"
+#include "Marbleway/core/state.h"
+#include "Marbleway/platform/utf8.h"
 #include "tools/inspect/query.h"
 
 namespace inspect {
@@ -19,7 +19,7 @@ using marbleway::Store;
 using marbleway::Table;
 
 constexpr Store kStores[] = {Store::event, Store::network};
-constexpr int kMostAttempts = 100;
+constexpr int kMaxAttempts = 100;
 
 const char* nameOf(Store store) {
   return store == Store::event ? marbleway::DBFileName : marbleway::HTTPDBFileName;
@@ -42,7 +42,7 @@ std::string bytesOf(const fs::path& file) {
 /// still whole together with the journal, as long as that is the same after the store was read.
 void copyHalfWritten(const fs::path& store, const fs::path& copy) {
   const auto journalOf = [](const fs::path& file) { return fs::path(file).concat("-journal"); };
-  for (int attempt = 0; attempt < kMostAttempts; ++attempt) {
+  for (int attempt = 0; attempt < kMaxAttempts; ++attempt) {
     const std::string journal = bytesOf(journalOf(store));
     fs::copy_file(store, copy, fs::copy_options::overwrite_existing);
     if (bytesOf(journalOf(store)) != journal) continue;

@@ -3,7 +3,7 @@
 #include <iostream>
 #include <span>
 
-#include "Marbleway/startup/state.h"
+#include "Marbleway/core/state.h"
 #include "tools/inspect/arguments.h"
 #include "tools/inspect/commands.h"
 #include "tools/inspect/read_only.h"

@@ -9,8 +9,8 @@
 namespace inspect {
 namespace {
 
-constexpr std::chrono::seconds kLongestWait{2};
-constexpr int kNap = 1;  // ms; with ever longer ones a busy writer would always be first
+constexpr std::chrono::seconds kBusyTimeout{2};
+constexpr int kRetryInterval = 1;  // ms; with ever longer ones a busy writer would always be first
 constexpr const char* kLook = "SELECT count(*) FROM sqlite_master";
 
 using Connection = std::unique_ptr<sqlite3, Query::Close>;
@@ -25,9 +25,9 @@ using Connection = std::unique_ptr<sqlite3, Query::Close>;
 int nap(void* /*unused*/, int naps) {
   using std::chrono::steady_clock;
   static steady_clock::time_point end;
-  if (naps == 0) end = steady_clock::now() + kLongestWait;
+  if (naps == 0) end = steady_clock::now() + kBusyTimeout;
   if (steady_clock::now() >= end) return 0;
-  sqlite3_sleep(kNap);
+  sqlite3_sleep(kRetryInterval);
   return 1;
 }
 

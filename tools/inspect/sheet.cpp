@@ -5,8 +5,8 @@
 #include <charconv>
 #include <utility>
 
+#include "Marbleway/platform/utf8.h"
 #include "Marbleway/upload/document.h"
-#include "platform/utf8.h"
 
 namespace inspect {
 namespace {
@@ -82,11 +82,11 @@ class AlignedTable : public Sheet {
   }
   void add(const Row& row) override {
     // More bytes than these make no more characters.
-    constexpr std::size_t kMostBytes = 4 * (kWidest + 1);
+    constexpr std::size_t kMaxBytes = 4 * (kWidest + 1);
     Line line;
     for (std::size_t i = 0; i < row.size(); ++i) {
       areNumbers_[i] = std::holds_alternative<std::int64_t>(row[i]);
-      line.push_back(isNone(row[i]) ? "-" : cut(printable(textOf(row[i], kMostBytes))));
+      line.push_back(isNone(row[i]) ? "-" : cut(printable(textOf(row[i], kMaxBytes))));
     }
     ++count_;
     lines_.push_back(std::move(line));

@@ -1,0 +1,27 @@
+#include "Marbleway/core/console.h"
+
+#include <string>
+
+#include "Marbleway/core/state.h"
+#include "Marbleway/platform/platform.h"
+
+namespace marbleway::console {
+namespace {
+
+void write(std::string_view prefix, std::string_view text) {
+  if (!isLoggingEnabled) return;
+  platform::current()->console->writeLine(std::string(prefix).append(text));
+}
+
+}  // namespace
+
+void warning(std::string_view text) { write("Marbleway Warning: ", text); }
+void error(std::string_view text) { write("Marbleway Error: ", text); }
+void message(std::string_view text) { write("Marbleway Message: ", text); }
+
+void refusal(std::string_view reason, std::string_view action) {
+  if (!isLoggingEnabled) return;  // a refused call costs nothing then
+  warning(std::string(reason).append(", Could Not ").append(action));
+}
+
+}  // namespace marbleway::console

@@ -1,0 +1,56 @@
+#pragma once
+
+#include <memory>
+#include <mutex>
+#include <utility>
+
+namespace marbleway {
+
+/// The lock behind every `Guarded` value. Held for a copy or an assignment, never across a call.
+/// One for all, so that a fork can hold it still (see platform/fork.h).
+inline constinit std::mutex guardedMutex;
+
+/// Room for a process-wide object that is never torn down: threads may touch it at exit.
+template <class T>
+union NoDestructor {
+  template <class... Arguments>
+  constexpr explicit NoDestructor(Arguments&&... arguments)
+      : value(std::forward<Arguments>(arguments)...) {}
+  NoDestructor(const NoDestructor&) = delete;
+  NoDestructor& operator=(const NoDestructor&) = delete;
+  // Leaves `value` alive; a union's default would not compile.
+  constexpr ~NoDestructor() {}  // NOLINT(modernize-use-equals-default)
+
+  T value;
+};
+
+/// One value that any thread reads and writes whole.
+template <class T>
+class Guarded {
+ public:
+  constexpr Guarded() = default;
+
+  T load() const {
+    const std::scoped_lock lock(guardedMutex);
+    return held_.value;
+  }
+  void store(T value) { exchange(std::move(value)); }
+  /// Puts `value` in and hands out what was there.
+  T exchange(T value) {
+    const std::scoped_lock lock(guardedMutex);
+    std::swap(held_.value, value);
+    return value;
+  }
+
+  /// Runs `change` on the value under the lock; `change` must not call out.
+  template <class Change>
+  auto update(Change change) {
+    const std::scoped_lock lock(guardedMutex);
+    return change(held_.value);
+  }
+
+ private:
+  NoDestructor<T> held_{};
+};
+
+}  // namespace marbleway

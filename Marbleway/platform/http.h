@@ -1,0 +1,44 @@
+#pragma once
+
+#include <functional>
+#include <optional>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "buffer.h"
+#include "export.h"
+
+namespace marbleway::platform {
+
+/// Bytes of an answer that are kept at most; the rest is dropped as it comes.
+inline constexpr std::size_t kMaxResponseBytes = 1U << 20U;
+
+/// One POST.
+struct HttpRequest {
+  std::string url;                                           ///< http or https
+  std::vector<std::pair<std::string, std::string>> headers;  ///< Name and value, in order.
+  Buffer body;                                               ///< What is posted.
+  std::size_t maxResponseBytes =
+      kMaxResponseBytes;  ///< Bytes of the answer's body that are wanted.
+};
+
+/// An answer whose transfer is complete.
+struct HttpResponse {
+  long status = 0;   ///< The HTTP status.
+  std::string body;  ///< As much as was wanted.
+};
+
+/// The network. It verifies certificates and host names, follows no redirect and sends no "Expect".
+class MARBLEWAY_EXPORT HttpClient {
+ public:
+  virtual ~HttpClient() = default;
+
+  /// Posts `request` and returns at once; requests overlap. `done` runs exactly once, on another
+  /// thread or later on the main loop; it is given nothing when no answer came (no network, 60 s
+  /// without a byte, refused, cut off), whatever the reason. At the process's end it may not run
+  /// any more.
+  virtual void post(HttpRequest request, std::function<void(std::optional<HttpResponse>)> done) = 0;
+};
+
+}  // namespace marbleway::platform

@@ -1,0 +1,93 @@
+#include "Marbleway/platform/call_stack.h"
+
+#include <cxxabi.h>
+#include <dlfcn.h>
+#include <execinfo.h>
+
+#include <algorithm>
+#include <array>
+#include <bit>
+#include <cstdlib>
+#include <iterator>
+#include <memory>
+#include <string_view>
+
+#include "Marbleway/platform/linux/call_stack.h"
+
+namespace marbleway::platform {
+namespace {
+
+/// The file's name without its folders.
+std::string moduleName(const Dl_info& place) {
+  const std::string path = place.dli_fname != nullptr ? place.dli_fname : "?";
+  return path.substr(path.rfind('/') + 1);
+}
+
+/// The source form of a function's name. One of C, such as "f", is not taken for a type.
+std::string functionName(std::string_view symbol) {
+  return symbol.starts_with("_Z") ? demangled(symbol.data()) : std::string(symbol);
+}
+
+std::uintptr_t addressOf(const void* pointer) { return reinterpret_cast<std::uintptr_t>(pointer); }
+
+}  // namespace
+
+std::string hexadecimal(std::uintptr_t number, std::size_t digits) {
+  std::string text;
+  for (; number != 0 || text.size() < digits; number /= 16) {
+    text.push_back("0123456789abcdef"[number % 16]);
+  }
+  std::ranges::reverse(text);
+  return text.insert(0, "0x");
+}
+
+std::string demangled(const char* name) {
+  struct Free {
+    void operator()(char* text) const { std::free(text); }
+  };
+  int status = 0;
+  const std::unique_ptr<char, Free> text(abi::__cxa_demangle(name, nullptr, nullptr, &status));
+  return text ? text.get() : name;
+}
+
+std::string frameLine(std::size_t number, std::uintptr_t address, AddressKind kind) {
+  // A call that never returns may be the last instruction of its function.
+  const std::uintptr_t inside =
+      address - (kind == AddressKind::returnAddress && address != 0 ? 1 : 0);
+  Dl_info place{};
+  const bool isKnown = dladdr(std::bit_cast<const void*>(inside), &place) != 0;
+  const std::string module = moduleName(place);
+
+  std::string line = std::to_string(number);
+  line.append(" ").append(module).append(" ").append(hexadecimal(address, 16));
+  if (!isKnown) return line;
+
+  const bool isNamed = place.dli_sname != nullptr;
+  const void* start = isNamed ? place.dli_saddr : place.dli_fbase;
+  line.append(" ").append(isNamed ? functionName(place.dli_sname) : module);
+  return line.append(" + ").append(hexadecimal(address - addressOf(start)));
+}
+
+std::vector<std::uintptr_t> returnAddresses(const void* caller) {
+  std::array<void*, kMaxFrames> frames{};
+  const int count = backtrace(frames.data(), static_cast<int>(frames.size()));
+  const auto end = frames.begin() + count;
+  auto first = std::find(frames.begin(), end, caller);
+  if (first == end) first = std::find(frames.begin(), end, __builtin_return_address(0));
+  if (first == end) first = frames.begin();
+
+  std::vector<std::uintptr_t> addresses;
+  std::transform(first, end, std::back_inserter(addresses), addressOf);
+  return addresses;
+}
+
+std::vector<std::string> symbolsOf(const std::vector<std::uintptr_t>& addresses) {
+  std::vector<std::string> lines;
+  lines.reserve(addresses.size());
+  for (const std::uintptr_t address : addresses) {
+    lines.push_back(frameLine(lines.size(), address, AddressKind::returnAddress));
+  }
+  return lines;
+}
+
+}  // namespace marbleway::platform

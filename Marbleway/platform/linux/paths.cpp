@@ -1,0 +1,63 @@
+#include "Marbleway/platform/paths.h"
+
+#include <pwd.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <string_view>
+#include <system_error>
+#include <vector>
+
+#include "Marbleway/platform/platform.h"
+
+namespace marbleway::platform {
+namespace {
+
+/// The path in the environment variable `name`; empty unless it is absolute.
+std::filesystem::path absolutePathIn(const char* name) {
+  const char* text = std::getenv(name);
+  if (text == nullptr || *text != '/') return {};
+  return text;
+}
+
+/// The home directory in the user database; "/" when the user has none.
+std::filesystem::path homeOnRecord() {
+  std::vector<char> room(1024);
+  passwd entry{};
+  passwd* found = nullptr;
+  while (getpwuid_r(getuid(), &entry, room.data(), room.size(), &found) == ERANGE) {
+    room.resize(2 * room.size());
+  }
+  return found != nullptr && *found->pw_dir == '/' ? found->pw_dir : "/";
+}
+
+}  // namespace
+
+std::string executableName() {
+  std::error_code error;
+  const auto link = std::filesystem::read_symlink("/proc/self/exe", error);
+  std::string name = error ? program_invocation_short_name : link.filename().string();
+  // A program that is replaced while it runs keeps its name.
+  constexpr std::string_view kReplaced = " (deleted)";
+  if (name.ends_with(kReplaced)) name.resize(name.size() - kReplaced.size());
+  return name;
+}
+
+std::filesystem::path defaultDataDirectory() {
+  if (auto data = absolutePathIn("XDG_DATA_HOME"); !data.empty()) return data;
+  const auto home = absolutePathIn("HOME");
+  return (home.empty() ? homeOnRecord() : home) / ".local/share";
+}
+
+void makeDocumentsDirectory() {
+  std::filesystem::path made;
+  for (const auto& part : std::filesystem::path(documentsDirectory())) {
+    made /= part;
+    // What is there already stays as it is; what is made is the owner's whatever the umask.
+    if (mkdir(made.c_str(), S_IRWXU) == 0) (void)chmod(made.c_str(), S_IRWXU);
+  }
+}
+
+}  // namespace marbleway::platform

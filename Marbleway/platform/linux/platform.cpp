@@ -1,0 +1,26 @@
+#include "Marbleway/platform/platform.h"
+
+#include "Marbleway/platform/linux/crash_hook.h"
+#include "Marbleway/platform/linux/http_client.h"
+#include "Marbleway/platform/linux/main_loop.h"
+#include "Marbleway/platform/linux/services.h"
+
+namespace marbleway::platform {
+
+Platform makePlatform() {
+  return {
+      .console = makeStandardError(),
+      .clock = makeSystemClock(),
+      .mainLoop = makeAsioLoop(),
+      .httpClient = makeCurlClient(),
+      .userDefaults = makeFileDefaults(),
+      .device = makeLinuxDevice(),
+      .statusBar = makeNoStatusBar(),
+      .userInterface = makeHeadlessInterface(),
+      .locationService = makeNoLocation(),
+      .networkCapture = makeNoCapture(),
+      .crashHook = makeCrashHook(),
+  };
+}
+
+}  // namespace marbleway::platform

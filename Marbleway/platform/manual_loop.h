@@ -1,0 +1,49 @@
+#pragma once
+
+#include <cstddef>
+#include <optional>
+
+#include "export.h"
+#include "main_loop.h"
+
+namespace marbleway::platform {
+
+/// A main loop without a thread: it runs when the host pumps it, on the thread that pumps.
+///
+/// Posting, timers and their invalidation work from any thread, from within a task too. Pump from
+/// one thread at a time. An exception that leaves a task is dropped.
+class MARBLEWAY_EXPORT ManualLoop : public MainLoop {
+ public:
+  /// What timers go by.
+  using Time = std::chrono::steady_clock::time_point;
+
+  /// `now` is the time that timers go by; another clock than the steady one makes it virtual.
+  explicit ManualLoop(std::function<Time()> now = std::chrono::steady_clock::now);
+
+  void post(std::function<void()> task) override;
+  std::shared_ptr<Timer> repeat(std::chrono::nanoseconds period,
+                                std::function<void()> task) override;
+
+  /// Runs everything posted, what that posts in turn included, and then each timer due now, the
+  /// one due first before the others. Returns how many tasks ran.
+  std::size_t runDue();
+
+  /// When there is something to run: now, if anything is posted; absent if there never will be.
+  std::optional<Time> nextDue();
+
+  /// Runs what is due and waits for more until `atMost` of real time has passed. True if a task
+  /// ran.
+  bool pumpFor(std::chrono::milliseconds atMost);
+
+ private:
+  struct Queue;  // shared with the handles, which may outlive the loop
+  struct Handle;
+
+  bool runOne(Time limit);
+  void waitForWork(Time end);
+
+  std::function<Time()> now_;
+  std::shared_ptr<Queue> queue_;
+};
+
+}  // namespace marbleway::platform

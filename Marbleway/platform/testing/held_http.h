@@ -1,0 +1,83 @@
+#pragma once
+
+#include <cstddef>
+#include <deque>
+#include <functional>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <thread>
+#include <utility>
+#include <vector>
+
+#include "../http.h"
+
+namespace marbleway::platform::testing {
+
+/// A request as it was posted.
+struct HeldRequest {
+  ///@{
+  /// The request's member of this name.
+  std::string url;
+  std::vector<std::pair<std::string, std::string>> headers;
+  std::string body;
+  std::size_t maxResponseBytes = 0;
+  ///@}
+};
+
+/// A network in the test's hand: every request waits until the test answers it. Thread: any.
+class HeldHttp : public HttpClient {
+ public:
+  /// Takes the answer, or that there is none.
+  using Done = std::function<void(std::optional<HttpResponse>)>;
+
+  /// Keeps the request; `done` runs when the test answers.
+  void post(HttpRequest request, Done done) override {
+    const std::scoped_lock lock(mutex_);
+    requests_.push_back({std::move(request.url), std::move(request.headers),
+                         std::string(request.body.view()), request.maxResponseBytes});
+    waiting_.push_back({std::move(done), request.maxResponseBytes});
+  }
+
+  /// Answers the oldest request that waits, on a thread of its own, and returns when that is dealt
+  /// with. False if none waits.
+  bool answer(HttpResponse answer) { return finish(std::move(answer)); }
+  /// Ends the oldest request that waits without an answer, as `answer` does.
+  bool fail() { return finish(std::nullopt); }
+
+  /// Every request so far, oldest first.
+  std::vector<HeldRequest> requests() const {
+    const std::scoped_lock lock(mutex_);
+    return requests_;
+  }
+  /// How many requests wait.
+  std::size_t waiting() const {
+    const std::scoped_lock lock(mutex_);
+    return waiting_.size();
+  }
+
+ private:
+  struct Waiting {
+    Done done;
+    std::size_t maxResponseBytes;
+  };
+
+  bool finish(std::optional<HttpResponse> answer) {
+    std::unique_lock lock(mutex_);
+    if (waiting_.empty()) return false;
+    const Waiting oldest = std::move(waiting_.front());
+    waiting_.pop_front();
+    lock.unlock();
+
+    if (answer && answer->body.size() > oldest.maxResponseBytes)
+      answer->body.resize(oldest.maxResponseBytes);
+    std::thread([&] { oldest.done(std::move(answer)); }).join();
+    return true;
+  }
+
+  mutable std::mutex mutex_;
+  std::vector<HeldRequest> requests_;
+  std::deque<Waiting> waiting_;
+};
+
+}  // namespace marbleway::platform::testing

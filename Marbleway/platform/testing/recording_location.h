@@ -1,0 +1,110 @@
+#pragma once
+
+#include <atomic>
+#include <charconv>
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "../location.h"
+
+namespace marbleway::platform::testing {
+
+/// Writes down each call as a line of text: its name and what it is given, such as
+/// "setDistanceFilter 100" and "startMonitoring Door, 00000000-0000-0000-0000-000000000001, 7,
+/// any". Numbers stand as shortly as they read back the same, whatever the locale. Thread: any.
+class RecordingManager : public LocationManager {
+ public:
+  /// What it says of ranging.
+  explicit RecordingManager(bool rangingAvailable) : rangingAvailable_(rangingAvailable) {}
+
+  void setDelegate(LocationDelegate* delegate) override {
+    delegate_ = delegate;
+    keep("setDelegate");
+  }
+  void setDesiredAccuracyBest() override { keep("setDesiredAccuracyBest"); }
+  void setDistanceFilter(double metres) override { keep("setDistanceFilter", metres); }
+  void setAllowsBackgroundLocationUpdates(bool allowed) override {
+    keep("setAllowsBackgroundLocationUpdates", allowed);
+  }
+  void setPausesLocationUpdatesAutomatically(bool pauses) override {
+    keep("setPausesLocationUpdatesAutomatically", pauses);
+  }
+  void startUpdatingLocation() override { keep("startUpdatingLocation"); }
+  void startMonitoringSignificantLocationChanges() override {
+    keep("startMonitoringSignificantLocationChanges");
+  }
+  void startMonitoring(const CircularRegion& region) override {
+    keep("startMonitoring", region.identifier, region.latitude, region.longitude, region.radius);
+  }
+  void startMonitoring(const BeaconRegion& region) override {
+    keep("startMonitoring", region.identifier, region.proximityUUID, region.major, region.minor);
+  }
+  bool isRangingAvailable() override {
+    keep("isRangingAvailable");
+    return rangingAvailable_;
+  }
+  void startRangingBeacons(const BeaconRegion& region) override {
+    keep("startRangingBeacons", region.identifier, region.proximityUUID, region.major,
+         region.minor);
+  }
+
+  /// The calls so far, oldest first.
+  std::vector<std::string> calls() const {
+    const std::scoped_lock lock(mutex_);
+    return calls_;
+  }
+  /// The last one set; null before.
+  LocationDelegate* delegate() const { return delegate_; }
+
+ private:
+  template <class... Given>
+  void keep(std::string call, const Given&... given) {
+    [[maybe_unused]] const char* separator = " ";
+    ((call.append(separator).append(text(given)), separator = ", "), ...);
+    const std::scoped_lock lock(mutex_);
+    calls_.push_back(std::move(call));
+  }
+  static std::string text(const std::string& given) { return given; }
+  static std::string text(bool given) { return given ? "true" : "false"; }
+  static std::string text(double given) {
+    char digits[32];
+    return {digits, std::to_chars(digits, digits + sizeof digits, given).ptr};
+  }
+  static std::string text(std::optional<std::uint16_t> given) {
+    return given ? std::to_string(*given) : "any";
+  }
+
+  const bool rangingAvailable_;
+  std::atomic<LocationDelegate*> delegate_{nullptr};
+  mutable std::mutex mutex_;
+  std::vector<std::string> calls_;
+};
+
+/// Makes recording managers and keeps them all. Thread: any.
+class RecordingLocation : public LocationService {
+ public:
+  std::shared_ptr<LocationManager> makeManager() override {
+    const std::scoped_lock lock(mutex_);
+    managers_.push_back(std::make_shared<RecordingManager>(rangingAvailable_));
+    return managers_.back();
+  }
+  /// What managers made from now on say of ranging; at first it is available.
+  void setRangingAvailable(bool available) { rangingAvailable_ = available; }
+  /// The managers, oldest first.
+  std::vector<std::shared_ptr<RecordingManager>> managers() const {
+    const std::scoped_lock lock(mutex_);
+    return managers_;
+  }
+
+ private:
+  std::atomic<bool> rangingAvailable_{true};
+  mutable std::mutex mutex_;
+  std::vector<std::shared_ptr<RecordingManager>> managers_;
+};
+
+}  // namespace marbleway::platform::testing
