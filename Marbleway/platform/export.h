@@ -1,6 +1,4 @@
 #pragma once
 
-/// @file
-/// Marks what the shared library shows; everything else in it is hidden.
-
+/// Exports a class or a function from the shared library; everything else in it is hidden.
 #define MARBLEWAY_EXPORT __attribute__((visibility("default")))
