@@ -21,7 +21,7 @@ install(FILES ${platform_headers} DESTINATION ${include_root}/Marbleway/platform
 if(TARGET marbleway_c)
   target_include_directories(marbleway_c INTERFACE $<INSTALL_INTERFACE:${include_root}>)
   install(TARGETS marbleway_c EXPORT MarblewayTargets
-    LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT runtime NAMELINK_COMPONENT development)
+    LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT c NAMELINK_COMPONENT development)
   install(FILES Marbleway/marbleway_c.h DESTINATION ${include_root}/Marbleway)
 endif()
 install(FILES Marbleway/platform/linux/http_client.h

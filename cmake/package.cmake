@@ -1,28 +1,69 @@
-# Debian packages, made by `cpack` in a build folder with BUILD_SHARED_LIBS: the library for programs
-# that run, what builds them, and the tools.
+# Debian packages, made by scripts/package in a build folder with BUILD_SHARED_LIBS and the prefix /usr:
+# the two libraries, what programs are built with, and the tools.
 set(CPACK_GENERATOR DEB)
 set(CPACK_PACKAGE_VERSION ${PROJECT_VERSION})
-set(CPACK_PACKAGE_CONTACT "Marbleway <marbleway@example.org>")
-set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "Analytics and attribution for applications")
+# The owner has not named an address. Whoever gives packages away sets theirs.
+set(MARBLEWAY_MAINTAINER "Marbleway maintainers <maintainers@marbleway.invalid>" CACHE STRING
+  "The maintainer of the Debian packages, with a mail address")
+set(CPACK_PACKAGE_CONTACT ${MARBLEWAY_MAINTAINER})
+set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "analytics and attribution for applications")
+set(CPACK_PACKAGE_DESCRIPTION
+"Records what happens in an application (sessions, users, events, screens,
+ errors, crashes) row by row in SQLite on the device, sends the rows to a
+ collection server and deletes them once the server has taken them.")
 set(CPACK_PACKAGING_INSTALL_PREFIX /usr)
 set(CPACK_STRIP_FILES ON)
-set(CPACK_COMPONENTS_ALL runtime development)
-if(MARBLEWAY_TOOLS)
-  list(APPEND CPACK_COMPONENTS_ALL tools)
-endif()
+set(CPACK_INSTALL_DEFAULT_DIRECTORY_PERMISSIONS
+  OWNER_READ OWNER_WRITE OWNER_EXECUTE GROUP_READ GROUP_EXECUTE WORLD_READ WORLD_EXECUTE)
 set(CPACK_COMPONENTS_GROUPING IGNORE)
 set(CPACK_DEB_COMPONENT_INSTALL ON)
 set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
+set(CPACK_DEBIAN_PACKAGE_RELEASE 1)
+set(CPACK_DEBIAN_PACKAGE_CONTROL_STRICT_PERMISSION ON)
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
+set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS ${PROJECT_BINARY_DIR})
 set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS ON)
+set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS_POLICY ">=")
 
-set(CPACK_DEBIAN_RUNTIME_PACKAGE_NAME libmarbleway${PROJECT_VERSION_MAJOR})
-set(CPACK_DEBIAN_RUNTIME_PACKAGE_SECTION libs)
-set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_NAME libmarbleway-dev)
-set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_SECTION libdevel)
-set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_DEPENDS
-  "libmarbleway${PROJECT_VERSION_MAJOR} (= ${PROJECT_VERSION})")
-set(CPACK_DEBIAN_TOOLS_PACKAGE_NAME marbleway-tools)
-set(CPACK_DEBIAN_TOOLS_PACKAGE_SECTION devel)
+# Each package has its changelog and the licence's state under /usr/share/doc.
+file(WRITE ${PROJECT_BINARY_DIR}/debian/triggers "activate-noawait ldconfig\n")
+string(TIMESTAMP date "%a, %d %b %Y %H:%M:%S +0000" UTC)
+function(debian_package component package section summary)
+  string(TOUPPER ${component} name)
+  set(CPACK_DEBIAN_${name}_PACKAGE_NAME ${package} PARENT_SCOPE)
+  set(CPACK_DEBIAN_${name}_PACKAGE_SECTION ${section} PARENT_SCOPE)
+  set(CPACK_COMPONENT_${name}_DESCRIPTION
+    "${CPACK_PACKAGE_DESCRIPTION_SUMMARY} - ${summary}\n${CPACK_PACKAGE_DESCRIPTION}" PARENT_SCOPE)
+  list(APPEND CPACK_COMPONENTS_ALL ${component})
+  set(CPACK_COMPONENTS_ALL ${CPACK_COMPONENTS_ALL} PARENT_SCOPE)
+  if(section STREQUAL libs)
+    set(CPACK_DEBIAN_${name}_PACKAGE_CONTROL_EXTRA ${PROJECT_BINARY_DIR}/debian/triggers PARENT_SCOPE)
+  endif()
+  set(folder ${PROJECT_BINARY_DIR}/debian/${package})
+  file(WRITE ${folder}/changelog "${package} (${PROJECT_VERSION}-1) unstable; urgency=medium
+
+  * See CHANGELOG.md in the sources.
+
+ -- ${CPACK_PACKAGE_CONTACT}  ${date}
+")
+  execute_process(COMMAND gzip -9nf changelog WORKING_DIRECTORY ${folder})
+  install(FILES ${PROJECT_SOURCE_DIR}/cmake/copyright
+    DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/${package} COMPONENT ${component})
+  install(FILES ${folder}/changelog.gz RENAME changelog.Debian.gz
+    DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/${package} COMPONENT ${component})
+endfunction()
+
+set(major ${PROJECT_VERSION_MAJOR})
+debian_package(runtime libmarbleway${major} libs "library")
+debian_package(development libmarbleway-dev libdevel "what programs are built with")
+set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_DEPENDS "libmarbleway${major} (= ${PROJECT_VERSION}-1)")
+if(TARGET marbleway_c)
+  debian_package(c libmarbleway-c${major} libs "library for C")
+  string(APPEND CPACK_DEBIAN_DEVELOPMENT_PACKAGE_DEPENDS
+    ", libmarbleway-c${major} (= ${PROJECT_VERSION}-1)")
+endif()
+if(MARBLEWAY_TOOLS)
+  debian_package(tools marbleway-tools devel "collector and inspector")
+endif()
 
 include(CPack)
