@@ -2,10 +2,12 @@
 
 #include <array>
 #include <chrono>
+#include <exception>
 #include <filesystem>
 #include <string>
 
 #include "platform/export.h"
+#include "platform/value.h"
 
 /// The values that operations take, and what a host configures.
 namespace marbleway {
@@ -31,6 +33,9 @@ struct Configuration {
   std::string bundleIdentifier{};        ///< Empty: the executable's file name.
   std::string appVersion{};              ///< Empty: "1.0".
   std::array<Coordinate, 3> sites = {};  ///< Centres A, B and C of the fixed regions.
+  /// Begins a batch as soon as the handshake has been accepted, so that a crash of the last launch
+  /// is sent even when this one is short.
+  bool uploadOnStart = false;
 };
 
 /// Sets the host's configuration. Call it before `initMarbleway`. Thread: any.
@@ -45,5 +50,15 @@ MARBLEWAY_EXPORT void configure(Configuration configuration);
 /// A short-lived process calls it before it ends. The main loop does not run while its own thread
 /// waits here: a host that pumps the loop pumps, then asks with a time of 0. Thread: any.
 MARBLEWAY_EXPORT bool waitUntilIdle(std::chrono::milliseconds atMost) noexcept;
+
+/// Begins a batch now, under the batch's own guards; the session goes on. Returns as soon as the
+/// request has begun. Thread: any.
+MARBLEWAY_EXPORT void uploadNow() noexcept;
+
+/// What `Marbleway::logError` takes, made from an exception of any type: its type, its `what()` if
+/// it is a std::exception, and the call stack of this call. Absent members for a null `exception`.
+///
+///     catch (...) { Marbleway::logError("Import", "failed", reportOf(std::current_exception())); }
+MARBLEWAY_EXPORT ErrorReport reportOf(const std::exception_ptr& exception);
 
 }  // namespace marbleway

@@ -17,4 +17,7 @@ std::vector<std::string> symbolsOf(const std::vector<std::uintptr_t>& addresses)
 /// The source form of a mangled type or function name; the name itself when it is none.
 std::string demangled(const char* name);
 
+/// The mangled type of the exception that a `catch` block of this thread handles.
+const char* currentExceptionType();
+
 }  // namespace marbleway::platform

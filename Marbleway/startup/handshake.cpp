@@ -6,6 +6,7 @@
 #include <utility>
 #include <vector>
 
+#include "Marbleway/Host.h"
 #include "Marbleway/Marbleway.h"
 #include "Marbleway/core/configuration.h"
 #include "Marbleway/core/conversions.h"
@@ -54,6 +55,7 @@ void continueAccepted(const std::optional<Value>& body) {
   networkBlacklist.store(textsOf(member(monitoring, "Blacklist")));
   isSDKValid = true;
   Marbleway::startSession();
+  if (configuration()->uploadOnStart) uploadNow();
 }
 
 void continueRefused() {

@@ -3,6 +3,7 @@
 #include <utility>
 #include <vector>
 
+#include "Marbleway/Host.h"
 #include "Marbleway/Marbleway.h"
 #include "Marbleway/core/console.h"
 #include "Marbleway/core/guards.h"
@@ -39,10 +40,11 @@ Dictionary detailsOf(const ErrorReport& report) {
   return details;
 }
 
-ErrorReport reportOf(const std::exception& exception, const void* caller) {
+// The report of an exception of the mangled type `type`; `reason` may be null.
+ErrorReport reportOf(const char* type, const char* reason, const void* caller) {
   ErrorReport report;
-  report.name = platform::demangled(typeid(exception).name());
-  report.reason = Text(exception.what()).copy();  // a null one is absent
+  report.name = platform::demangled(type);
+  report.reason = Text(reason).copy();
   report.callStackReturnAddresses = platform::returnAddresses(caller);
   report.callStackSymbols = platform::symbolsOf(*report.callStackReturnAddresses);
   return report;
@@ -73,5 +75,24 @@ void Marbleway::logError(Text errorName, Text errorMessage,
 void Marbleway::logError(Text errorName, Text errorMessage,
                          const std::exception& exception) noexcept {
   const void* caller = __builtin_return_address(0);
-  operation([&] { track(errorName, errorMessage, [&] { return reportOf(exception, caller); }); });
+  operation([&] {
+    track(errorName, errorMessage,
+          [&] { return reportOf(typeid(exception).name(), exception.what(), caller); });
+  });
 }
+
+namespace marbleway {
+
+ErrorReport reportOf(const std::exception_ptr& exception) {
+  if (!exception) return {};
+  const void* caller = __builtin_return_address(0);
+  try {
+    std::rethrow_exception(exception);
+  } catch (const std::exception& known) {
+    return ::reportOf(typeid(known).name(), known.what(), caller);
+  } catch (...) {
+    return ::reportOf(platform::currentExceptionType(), nullptr, caller);
+  }
+}
+
+}  // namespace marbleway

@@ -6,6 +6,8 @@
 #include <utility>
 #include <vector>
 
+#include "Marbleway/Host.h"
+#include "Marbleway/core/operation.h"
 #include "Marbleway/core/state.h"
 #include "Marbleway/store/store.h"
 #include "Marbleway/store/timestamp.h"
@@ -55,5 +57,7 @@ void batchData() {
   }
   if (document.hasRows()) dispatchBatch(document.take(), std::move(cutOffs));
 }
+
+void uploadNow() noexcept { operation(batchData); }
 
 }  // namespace marbleway

@@ -11,6 +11,7 @@
 #include <iterator>
 #include <memory>
 #include <string_view>
+#include <typeinfo>
 
 #include "Marbleway/platform/linux/call_stack.h"
 
@@ -49,6 +50,8 @@ std::string demangled(const char* name) {
   const std::unique_ptr<char, Free> text(abi::__cxa_demangle(name, nullptr, nullptr, &status));
   return text ? text.get() : name;
 }
+
+const char* currentExceptionType() { return abi::__cxa_current_exception_type()->name(); }
 
 std::string frameLine(std::size_t number, std::uintptr_t address, AddressKind kind) {
   // A call that never returns may be the last instruction of its function.
