@@ -1,40 +1,44 @@
 #include "fuzz/setting.h"
 
-#include <cstdio>
-#include <cstdlib>
-#include <stdexcept>
+#include <rapidjson/memorystream.h>
+#include <rapidjson/reader.h>
 
-#include "Marbleway/Host.h"
-#include "Marbleway/platform/platform.h"
-#include "Marbleway/platform/testing/fixed_device.h"
-#include "Marbleway/platform/testing/memory_defaults.h"
-#include "Marbleway/store/store.h"
+#include <cstring>
 
 namespace marbleway::fuzz {
+namespace {
+
+struct Reading : rapidjson::BaseReaderHandler<rapidjson::UTF8<>, Reading> {
+  bool String(const char* text, rapidjson::SizeType size, bool /*copy*/) {
+    content.texts.emplace_back(text, size);
+    return true;
+  }
+  bool RawNumber(const char* text, rapidjson::SizeType size, bool /*copy*/) {
+    content.numbers.push_back(std::strtod(std::string(text, size).c_str(), nullptr));
+    return true;
+  }
+  Content content;
+};
+
+}  // namespace
 
 void require(bool holds, std::string_view property) {
   if (holds) return;
-  (void)std::fprintf(stderr, "does not hold: %.*s\n", static_cast<int>(property.size()),
-                     property.data());
+  (void)std::fprintf(stderr, "does not hold: %s\n", std::string(property).c_str());
   std::abort();
 }
 
 Setting::Setting() {
-  std::string name = (std::filesystem::temp_directory_path() / "marbleway-fuzz-XXXXXX").string();
-  if (mkdtemp(name.data()) == nullptr) throw std::runtime_error("no temporary directory");
-  directory = name;
-  configure({.documentsDirectory = directory, .bundleIdentifier = "org.example.app"});
-  platform::install({.console = console,
-                     .clock = time,
-                     .mainLoop = time->mainLoop(),
-                     .httpClient = http,
-                     .userDefaults = std::make_shared<platform::testing::MemoryDefaults>(),
-                     .device = std::make_shared<platform::testing::FixedDevice>()});
+  beginSession();
+  takeRows();
+  platform::install({.httpClient = network});
 }
 
-Setting::~Setting() {
-  std::error_code error;
-  std::filesystem::remove_all(directory, error);
+std::vector<std::string> Setting::takeColumn(const std::string& column,
+                                             const std::string& table) const {
+  auto values = testing::query(storePath(), "SELECT " + column + " FROM " + table);
+  testing::query(storePath(), "DELETE FROM " + table);
+  return values;
 }
 
 Setting& setting() {
@@ -42,27 +46,48 @@ Setting& setting() {
   return only;
 }
 
-Setting& settingWithStores() {
-  static Setting& made = (setting(), createStores(), setting());
-  return made;
+std::int64_t integerIn(std::string_view bytes) {
+  std::int64_t integer = 0;
+  std::memcpy(&integer, bytes.data(), std::min(bytes.size(), sizeof integer));
+  return integer;
 }
 
-std::vector<std::vector<std::string>> takeRows(const std::string& table,
-                                               std::initializer_list<std::string_view> columns) {
-  std::string sql = "SELECT id";
-  for (const std::string_view column : columns) sql.append(", ").append(column);
-  sql.append(" FROM ").append(table);
-
-  std::vector<std::vector<std::string>> rows;
-  Statement row(Store::event, sql.c_str());
-  while (row.step()) {
-    auto& values = rows.emplace_back();
-    for (std::size_t i = 1; i <= columns.size(); ++i) {
-      values.emplace_back(row.text(static_cast<int>(i)));
-    }
+std::string hexOf(std::string_view bytes, std::string_view mark) {
+  constexpr const char* kDigits = "0123456789ABCDEF";
+  std::string result;
+  for (const unsigned char byte : bytes) {
+    result.append(mark).append({kDigits[byte / 16], kDigits[byte % 16]});
   }
-  if (!rows.empty()) runStatement(Store::event, ("DELETE FROM " + table).c_str());
-  return rows;
+  return result;
+}
+
+std::string withReplacements(std::string_view text) {
+  std::string result;
+  while (!text.empty()) {
+    rapidjson::MemoryStream stream(text.data(), text.size());
+    unsigned point = 0;
+    const std::size_t size = rapidjson::UTF8<>::Decode(stream, &point) ? stream.Tell() : 0;
+    result += size > 0 ? text.substr(0, size) : "\uFFFD";
+    text.remove_prefix(std::max<std::size_t>(size, 1));
+  }
+  return result;
+}
+
+std::optional<Content> contentOf(std::string_view json) {
+  using namespace rapidjson;
+  constexpr unsigned kFlags =
+      kParseValidateEncodingFlag | kParseIterativeFlag | kParseNumbersAsStringsFlag;
+  MemoryStream stream(json.data(), json.size());
+  Reading reading;
+  const bool isValid = !Reader().Parse<kFlags>(stream, reading).IsError();
+  if (!isValid || stream.Tell() != json.size()) return std::nullopt;  // a NUL ends the reading
+  return reading.content;
 }
 
 }  // namespace marbleway::fuzz
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+  marbleway::fuzz::setting();
+  marbleway::fuzz::run({reinterpret_cast<const char*>(data), size});
+  return 0;
+}

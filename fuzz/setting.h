@@ -1,63 +1,50 @@
 #pragma once
 
-#include <cstdint>
-#include <filesystem>
-#include <functional>
-#include <initializer_list>
-#include <memory>
-#include <optional>
-#include <string>
-#include <string_view>
-#include <utility>
-#include <vector>
-
-#include "Marbleway/platform/http.h"
-#include "Marbleway/platform/testing/fake_time.h"
-#include "Marbleway/platform/testing/recording_console.h"
+#include "tests/support/fixture.h"
 
 namespace marbleway::fuzz {
 
-/// Ends the process, which is then a finding, unless `holds`.
+/// What each target defines: `bytes` as its input.
+void run(std::string_view bytes);
+
+/// Aborts the process, which is then a finding, unless `holds`.
 void require(bool holds, std::string_view property);
 
-/// The bytes that the fuzzer hands over.
-inline std::string_view textOf(const std::uint8_t* data, std::size_t size) {
-  return {reinterpret_cast<const char*>(data), size};
-}
-
-/// A network that keeps the latest request's `done`.
-class OneRequest : public platform::HttpClient {
- public:
+/// A network that holds the callback of the latest request.
+struct LatestRequest : platform::HttpClient {
   using Done = std::function<void(std::optional<platform::HttpResponse>)>;
-  void post(platform::HttpRequest /*request*/, Done done) override { done_ = std::move(done); }
-  void answer(platform::HttpResponse answer) const { done_(std::move(answer)); }
-
- private:
-  Done done_;
+  void post(platform::HttpRequest /*request*/, Done whenDone) override {
+    done = std::move(whenDone);
+  }
+  Done done;
 };
 
-/// The library on fakes: virtual time, lines that are kept, no network, stores in a directory of
-/// their own. Made once in a process, when first asked for.
-struct Setting {
+/// The library on fakes, in a session whose start is forgotten. Made once in a process.
+struct Setting : testing::MarblewayTest {
   Setting();
-  ~Setting();
-  Setting(const Setting&) = delete;
-  Setting& operator=(const Setting&) = delete;
+  void TestBody() override {}
+  /// The values of one column of a table, which is then emptied; NULL as "NULL".
+  std::vector<std::string> takeColumn(const std::string& column, const std::string& table) const;
 
-  std::filesystem::path directory;
-  std::shared_ptr<platform::testing::FakeTime> time =
-      std::make_shared<platform::testing::FakeTime>();
-  std::shared_ptr<platform::testing::RecordingConsole> console =
-      std::make_shared<platform::testing::RecordingConsole>();
-  std::shared_ptr<OneRequest> http = std::make_shared<OneRequest>();
+  using MarblewayTest::directory, MarblewayTest::lines, MarblewayTest::time;
+  std::shared_ptr<LatestRequest> network = std::make_shared<LatestRequest>();
 };
 Setting& setting();
 
-/// The setting with both stores made.
-Setting& settingWithStores();
+/// The first eight bytes; fewer, completed by zeros.
+std::int64_t integerIn(std::string_view bytes);
+/// Each byte in two hexadecimal digits, after `mark`.
+std::string hexOf(std::string_view bytes, std::string_view mark = "");
+/// `text` with each byte that belongs to no valid UTF-8 sequence replaced by U+FFFD.
+std::string withReplacements(std::string_view text);
 
-/// The rows of a table of the event store, which are then deleted: the columns named, NULL as "".
-std::vector<std::vector<std::string>> takeRows(const std::string& table,
-                                               std::initializer_list<std::string_view> columns);
+/// What a JSON text holds, in order; keys are texts.
+struct Content {
+  std::vector<std::string> texts;
+  std::vector<double> numbers;
+  bool operator==(const Content&) const = default;
+};
+/// Absent when `json` is not valid JSON in valid UTF-8.
+std::optional<Content> contentOf(std::string_view json);
 
 }  // namespace marbleway::fuzz
