@@ -1,6 +1,6 @@
-/* A bakery's till in C: what is sold becomes events, a failing printer becomes an error.
+/* A bakery's till in C. Each sale is an event; a printer that fails is an error.
  *
- *   till                           asks for orders on standard input, one a line
+ *   till                           reads orders from standard input, one a line
  *   till --once DOCUMENTS SERVER   records three orders in that directory and ends
  */
 #include <Marbleway/marbleway_c.h>
@@ -8,20 +8,20 @@
 #include <stdio.h>
 #include <string.h>
 
-/* Options are a JSON text; what is left out takes its default, privacy mode on. */
+/* Options are a JSON text. Without "PrivacyMode" privacy mode would be on. */
 static const char kOptions[] = "{\"SDKEnvironment\": 1, \"PrivacyMode\": false}";
 
 static int configure(const char* documents, const char* server) {
-  char told[2048];
-  const int length = snprintf(told, sizeof told,
+  char json[2048];
+  const int length = snprintf(json, sizeof json,
                               "{\"documentsDirectory\": \"%s\", \"developmentURL\": \"%s\","
                               " \"appVersion\": \"1.0\"}",
                               documents, server);
-  if (length < 0 || (size_t)length >= sizeof told) return MARBLEWAY_REFUSED;
-  return marbleway_configure(told);
+  if (length < 0 || (size_t)length >= sizeof json) return MARBLEWAY_REFUSED;
+  return marbleway_configure(json);
 }
 
-/* A text inside JSON: quotes, backslashes and control characters are left out. */
+/* Copies a text for use inside JSON, without quotes, backslashes and control characters. */
 static void quote(const char* text, char* quoted, size_t size) {
   size_t used = 0;
   for (; *text != '\0' && used + 1 < size; ++text) {
@@ -36,7 +36,7 @@ static void sell(const char* bread, double price) {
   char attributes[300];
   quote(bread, name, sizeof name);
   snprintf(attributes, sizeof attributes, "{\"bread\": \"%s\", \"Value\": %.2f}", name, price);
-  if (marbleway_track_event("Sale", attributes) != MARBLEWAY_OK) fputs("not a sale\n", stderr);
+  if (marbleway_track_event("Sale", attributes) != MARBLEWAY_OK) fputs("invalid sale\n", stderr);
 }
 
 static void print(void) {
@@ -63,7 +63,7 @@ int main(int count, char** arguments) {
   if (status != MARBLEWAY_OK) return 2;
 
   marbleway_init_with_options("my-project", kOptions);
-  marbleway_wait_until_idle(5000); /* the server's answer, or that there is none */
+  marbleway_wait_until_idle(5000); /* for the server's answer to the start */
   marbleway_track_screen_view("Till", NULL);
   if (once) {
     sell("Rye", 4.2);

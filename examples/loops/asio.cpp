@@ -1,4 +1,4 @@
-// The library on an application's own Asio context, beside whatever else runs there.
+// The library on an application's own Asio context.
 #include <algorithm>
 #include <asio/io_context.hpp>
 #include <asio/post.hpp>
@@ -16,7 +16,7 @@ using namespace std::chrono_literals;
 namespace platform = marbleway::platform;
 using Task = std::function<void()>;
 
-/// A timer that its wait on the context keeps alive.
+/// A repeating timer. Its pending wait on the context owns it.
 class Repeating : public platform::Timer, public std::enable_shared_from_this<Repeating> {
  public:
   Repeating(asio::io_context& io, std::chrono::nanoseconds period, Task task)
@@ -33,7 +33,7 @@ class Repeating : public platform::Timer, public std::enable_shared_from_this<Re
     });
   }
   void invalidate() override {
-    isOver_ = true;  // at once, on any thread; the wait ends on the context's
+    isOver_ = true;  // on any thread; the wait is cancelled on the context's
     asio::post(timer_.get_executor(), [self = shared_from_this()] { self->timer_.cancel(); });
   }
 
@@ -74,6 +74,6 @@ int main(int count, char** words) {
   asio::signal_set signals(*io, SIGINT);
   signals.async_wait([&](const asio::error_code& /*error*/, int /*signal*/) { end(); });
   if (example::begin(loop, count, words)) end();
-  io->run();  // the application's own work belongs here, too
+  io->run();  // also runs the application's own work
   return ending->status();
 }

@@ -1,4 +1,4 @@
-// The library in a game-like program: pumped by hand, once a frame.
+// The library in a game-like program, which pumps the main loop once a frame.
 #include <Marbleway/platform/manual_loop.h>
 
 #include <algorithm>
@@ -20,18 +20,18 @@ volatile std::sig_atomic_t isInterrupted = 0;
 
 /// A ball between two walls.
 struct Game {
-  double place = 0, speed = 0.4;  // of the way from wall to wall; the same a second
+  double position = 0, speed = 0.4;  // distance between the walls is 1; speed is a second's
 
-  /// Moves on by `seconds`. True when the ball meets a wall.
+  /// Moves the ball for `seconds`. True when it hits a wall.
   bool move(double seconds) {
-    place += speed * seconds;
-    const bool meetsWall = place < 0 || place > 1;
-    if (meetsWall) speed = -speed;
-    return meetsWall;
+    position += speed * seconds;
+    const bool hitsWall = position < 0 || position > 1;
+    if (hitsWall) speed = -speed;
+    return hitsWall;
   }
   void draw() const {
     std::cout << "\r|"
-              << std::string(static_cast<std::size_t>(40 * std::clamp(place, 0.0, 1.0)), ' ')
+              << std::string(static_cast<std::size_t>(40 * std::clamp(position, 0.0, 1.0)), ' ')
               << "o " << std::flush;
   }
 };
@@ -50,7 +50,7 @@ int main(int count, char** words) {
     if (!isOnce) game.draw();
     if (!ending && (isOnce || isInterrupted != 0)) ending.emplace();
     if (ending && ending->isOver()) return ending->status();
-    // What is left of the frame is the library's: its timers, and what its requests brought.
+    // The rest of the frame is for the library's timers and the answers to its requests.
     const auto left = frameEnd - steady_clock::now();
     loop->pumpFor(std::max(std::chrono::duration_cast<std::chrono::milliseconds>(left), 0ms));
   }

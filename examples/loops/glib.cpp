@@ -14,8 +14,8 @@ using namespace std::chrono_literals;
 using std::chrono::milliseconds;
 namespace platform = marbleway::platform;
 
-/// The library's loop without a thread, which GLib's default context pumps whenever there is
-/// something to run. It stays to the process's end, as all that is installed.
+/// A loop without a thread, which GLib's default context pumps when something is due. It exists
+/// until the process ends, as everything that is installed must.
 class ContextLoop : public platform::ManualLoop {
  public:
   ContextLoop() {
@@ -24,7 +24,7 @@ class ContextLoop : public platform::ManualLoop {
     g_source_attach(source, nullptr);
   }
 
-  // Called on any thread: the context may be waiting, and has to look again.
+  // Called on any thread: wakes the context, which may be waiting.
   void post(std::function<void()> task) override {
     ManualLoop::post(std::move(task));
     g_main_context_wakeup(nullptr);
@@ -42,7 +42,7 @@ class ContextLoop : public platform::ManualLoop {
     ContextLoop* loop;
   };
 
-  /// Whether to dispatch; if not, for how many milliseconds to wait, -1 without an end.
+  /// True to dispatch now; otherwise `wait` is the time to wait in milliseconds, -1 for no limit.
   static gboolean prepare(GSource* source, gint* wait) {
     const auto due = reinterpret_cast<Source*>(source)->loop->nextDue();
     *wait = -1;

@@ -9,11 +9,11 @@
 #include <string_view>
 #include <utility>
 
-/// What the examples do with the library, whatever their loop.
+/// The use of the library that the examples share.
 namespace example {
 
-/// Starts the library on `loop`. The arguments are "--once", for a program that ends at once and
-/// not by ^C, and a server's URL; both may be missing. True with "--once".
+/// Starts the library on `loop`. The arguments are "--once", which makes the program end by itself,
+/// and a server's URL; both are optional. True with "--once".
 inline bool begin(std::shared_ptr<marbleway::platform::MainLoop> loop, int count, char** words) {
   const bool isOnce = count > 1 && std::string_view(words[1]) == "--once";
   const char* const url = count > (isOnce ? 2 : 1) ? words[count - 1] : nullptr;
@@ -24,20 +24,20 @@ inline bool begin(std::shared_ptr<marbleway::platform::MainLoop> loop, int count
   return isOnce;
 }
 
-/// The end of the library's use, bit by bit: whoever waited for it would hold up the loop on which
-/// the answers that it waits for are dealt with.
+/// Ends the session and waits for the upload without blocking: answers are applied on the loop, so
+/// a task that waited for them there would wait in vain.
 class Ending {
  public:
-  /// True once all is sent, or 1.5 s are over. Asked again and again, on the loop.
+  /// True when the upload has ended or 1.5 s have passed. Call it repeatedly, on the loop.
   bool isOver() {
     isIdle_ = marbleway::waitUntilIdle(std::chrono::milliseconds(0));
     if (std::chrono::steady_clock::now() > latest_ || (isIdle_ && isStopped_)) return true;
     if (!isIdle_) return false;
     isStopped_ = true;
-    Marbleway::stopSession();  // begins an upload, if the server has answered the start
+    Marbleway::stopSession();  // begins an upload if the server has answered the start
     return false;
   }
-  /// The program's: 1 if the time was not enough.
+  /// The program's exit status: 1 when the time was too short.
   int status() const { return isIdle_ && isStopped_ ? 0 : 1; }
 
  private:

@@ -1,8 +1,8 @@
 #!/usr/bin/env python3
-"""Reads numbers from files and records what became of it.
+"""Reads numbers from files and records the results and the errors.
 
     example.py FILE...                  sends to http://127.0.0.1:8080/v2/
-    example.py --once DOCUMENTS SERVER  records one good and one bad file in that directory, looks at the rows, and ends
+    example.py --once DOCUMENTS SERVER  records one good and one bad file in that directory, checks the rows, and ends
 """
 
 import pathlib
@@ -24,13 +24,13 @@ def read(paths):
         try:
             total(path)
         except (OSError, ValueError) as error:
-            marbleway.log_error("Read", "a file was left out", error)
+            marbleway.log_error("Read", "a file was skipped", error)
 
 
 def record(paths, **configuration):
     marbleway.configure(appVersion="1.0", **configuration)
     marbleway.init("my-project", {"SDKEnvironment": 1, "PrivacyMode": False})
-    marbleway.wait_until_idle(5)  # the server's answer, or that there is none
+    marbleway.wait_until_idle(5)  # for the server's answer to the start
     read(paths)
     marbleway.stop_session()  # begins an upload
     return marbleway.wait_until_idle(5)

@@ -1,8 +1,8 @@
 """Marbleway for Python, through ctypes and the C interface.
 
-The library is looked for where the system keeps its libraries, or is the file that the environment's MARBLEWAY_LIBRARY names.
-Dictionaries are Python's own; None is an absent text or value. What cannot be taken raises ValueError, all else is told on the
-console, as in every other language.
+Loads the library from the system's folders, or from the file that the environment variable MARBLEWAY_LIBRARY names. Dictionaries are
+Python's own; None is an absent text or value. An argument that the library cannot read raises ValueError. Everything else is reported
+on the console.
 """
 
 import ctypes
@@ -26,7 +26,7 @@ def _json(value):
 
 def _call(name, *arguments):
     if getattr(_library, "marbleway_" + name)(*arguments) != 0:
-        raise ValueError(f"marbleway: {name} was given what it cannot take")
+        raise ValueError(f"marbleway: invalid argument of {name}")
 
 
 def version():
@@ -34,7 +34,7 @@ def version():
 
 
 def configure(**members):
-    """Takes documentsDirectory, developmentURL, testURL, productionURL, bundleIdentifier, appVersion and sites."""
+    """Sets any of documentsDirectory, developmentURL, testURL, productionURL, bundleIdentifier, appVersion, sites."""
     _call("configure", _json(members))
 
 
@@ -43,7 +43,7 @@ def wait_until_idle(seconds):
 
 
 def init(project_token, options=None):
-    """Starts the library; without options with the default ones, which is not the same as with empty ones."""
+    """Starts the library. Without options it uses the default ones: privacy mode off. With {} privacy mode is on."""
     if options is None:
         _call("init", _text(project_token))
     else:
@@ -123,7 +123,7 @@ def track_deep_link(url):
 
 
 def log_error(name, message, error):
-    """Records a caught exception with its type, its text and, as what else is known, Python's own lines of the call stack."""
+    """Records a caught exception with its type, its text and, as user info, Python's traceback."""
     lines = traceback.format_exception(error)
     _call("log_error", _text(name), _text(message), _text(type(error).__name__), _text(str(error)), _json({"traceback": lines}))
 

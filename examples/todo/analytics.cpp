@@ -13,15 +13,14 @@ namespace {
 
 using marbleway::Dictionary;
 
-// How long the person at the keyboard is made to wait for a server.
-constexpr std::chrono::seconds kPatience(2);
+constexpr std::chrono::seconds kServerTimeout(2);
 
-bool isOn = false;
+bool isStarted = false;
 
-/// A terminal: no icon and no windows, but links open inside the application.
-class Screen final : public marbleway::platform::UserInterface {
+/// A terminal has no badge and no alerts; links open in the application.
+class Terminal final : public marbleway::platform::UserInterface {
  public:
-  explicit Screen(std::function<void(std::string_view)> openLink)
+  explicit Terminal(std::function<void(std::string_view)> openLink)
       : openLink_(std::move(openLink)) {}
 
   void setBadgeNumber(int /*number*/) override {}
@@ -33,7 +32,7 @@ class Screen final : public marbleway::platform::UserInterface {
   std::function<void(std::string_view)> openLink_;
 };
 
-/// The partner's ad: all six keys are required.
+/// The partner's ad. All six keys are required.
 Dictionary tip() {
   return {{"adID", "tip-7"},        {"adName", "Pocket notebooks"}, {"adType", "Text"},
           {"adCategory", "Office"}, {"orgID", "paperworks"},        {"orgName", "Paperworks"}};
@@ -43,7 +42,7 @@ Dictionary tip() {
 
 void start(const Settings& settings, std::function<void(std::string_view)> openLink) {
   marbleway::platform::Platform services;
-  services.userInterface = std::make_shared<Screen>(std::move(openLink));
+  services.userInterface = std::make_shared<Terminal>(std::move(openLink));
   marbleway::platform::install(std::move(services));
   if (settings.collector.empty()) return;
 
@@ -54,7 +53,7 @@ void start(const Settings& settings, std::function<void(std::string_view)> openL
   configuration.appVersion = "1.0";
   marbleway::configure(std::move(configuration));
 
-  // All ten: privacy mode and network monitoring would be on if they were left out.
+  // All ten options: without them privacy mode and network monitoring would be on.
   Marbleway::initMarbleway(settings.token, {{"LoggingEnabled", true},
                                             {"SDKEnvironment", 3},
                                             {"SDKDebugging", false},
@@ -65,16 +64,17 @@ void start(const Settings& settings, std::function<void(std::string_view)> openL
                                             {"SessionTimeout", 300},
                                             {"PerformanceMonitoringEnabled", true},
                                             {"NetworkMonitoringEnabled", false}});
-  isOn = true;
+  isStarted = true;
 }
 
-void settle() { marbleway::waitUntilIdle(kPatience); }
+void waitForServer() { marbleway::waitUntilIdle(kServerTimeout); }
 
-void finish() {
-  if (!isOn) return;
-  const bool isAnswered = marbleway::waitUntilIdle(kPatience);  // nothing is delivered before
+void stop() {
+  if (!isStarted) return;
+  // An upload needs the server's answer to the start.
+  const bool isAnswered = marbleway::waitUntilIdle(kServerTimeout);
   Marbleway::stopSession();
-  if (isAnswered) settle();
+  if (isAnswered) waitForServer();
 }
 
 void listShown(std::size_t items, std::size_t open) {
@@ -107,7 +107,8 @@ void imported(std::size_t items) {
 }
 
 void importFailed(const std::exception& error) {
-  Marbleway::trackEvent("Import Failed");  // begins a session where there is none, as errors do not
+  // An event starts a session when there is none; an error does not.
+  Marbleway::trackEvent("Import Failed");
   Marbleway::logError("Import", "failed", error);
 }
 
@@ -136,9 +137,9 @@ void loggedOut() {
   Marbleway::trackEvent("Logged Out");
   Marbleway::decrementCompanyAttribute("Members", 1);
   Marbleway::unlinkCompany();
-  if (!isOn) return;
-  Marbleway::unlinkUser();  // ends the session, which delivers its rows
-  settle();                 // a row recorded meanwhile could be deleted with them
+  if (!isStarted) return;
+  Marbleway::unlinkUser();  // ends the session and begins an upload
+  waitForServer();          // the upload's 200 would delete rows recorded before it
 }
 
 void linkOpened(const std::string& link) { Marbleway::trackDeepLink(link); }

@@ -7,27 +7,27 @@
 #include <string>
 #include <string_view>
 
-/// All that the application tells about its use, in one place: how often and how much, never the
-/// text of a to-do. The rest of the application knows nothing of the library. Thread: the main one.
+/// All analytics of the application. They record how often a function is used and on how many
+/// to-dos, never the text of one. Only this file uses the library. Thread: main.
 namespace todo::analytics {
 
 struct Settings {
-  std::string collector;            // base URL, ending in "/v2/"; empty: nothing is recorded
-  std::string token;                // of the project
-  std::filesystem::path directory;  // where rows wait until they have been delivered
+  std::string collector;            // the server's URL, ending in "/v2/"; empty: record nothing
+  std::string token;                // the project token
+  std::filesystem::path directory;  // of the stores
 };
 
-/// Starts recording. `openLink` opens the link of a push message inside the application.
+/// Starts the library. `openLink` opens the link of a push message in the application.
 ///
-/// Throws std::invalid_argument for a collector's URL that is none.
+/// Throws std::invalid_argument for an invalid URL of the collector.
 void start(const Settings& settings, std::function<void(std::string_view)> openLink);
 
-/// Waits until start-up has been answered, some seconds at most.
-void settle();
+/// Waits until all requests have been answered, at most two seconds.
+void waitForServer();
 
-/// Ends the session and delivers its rows; what cannot be delivered within some seconds waits on
-/// disk for the next launch.
-void finish();
+/// Ends the session and uploads its rows. Rows that cannot be uploaded in time stay in the
+/// store for a later launch.
+void stop();
 
 void listShown(std::size_t items, std::size_t open);
 void searched(std::size_t matches);
@@ -46,9 +46,9 @@ void tipOrdered();
 void loggedIn(const std::string& name, const std::string& company);
 void loggedOut();
 
-/// Records the link that opens the application.
+/// Records a link that opened the application.
 void linkOpened(const std::string& link);
-/// Records a push message and opens its link. False: `payload` is no JSON object.
+/// Records a push message and opens its link. False when `payload` is not a JSON object.
 bool pushReceived(const std::string& payload);
 
 }  // namespace todo::analytics

@@ -15,19 +15,19 @@
 namespace todo {
 namespace {
 
-/// What a command line begins with.
+/// A command of the list.
 struct Command {
   std::string_view name;
-  std::string_view argument;  // empty: it takes none
+  std::string_view argument;  // empty: none
   std::string_view explanation;
   void (*action)(App& app, const std::string& argument);
-  bool isView = false;  // a link may open it, wherever the link comes from
+  bool isView = false;  // links may open it, from any source
 };
 
 const Command& commandNamed(std::string_view name);
 void showHelp(App& app, const std::string& none);
 
-/// Cuts the first word off `text`.
+/// Removes the first word from `text` and returns it.
 std::string takeWord(std::string& text) {
   const std::size_t end = std::min(text.find(' '), text.size());
   std::string word = text.substr(0, end);
@@ -51,7 +51,7 @@ void show(const List& list, std::size_t index) {
 }
 
 List stored(const App& app) {
-  std::error_code ignored;  // a file that cannot be looked at is not missing
+  std::error_code ignored;  // a file whose status is unknown is not missing
   const auto kind = std::filesystem::status(app.file, ignored).type();
   return kind == std::filesystem::file_type::not_found ? List() : readList(app.file);
 }
@@ -141,7 +141,7 @@ void login(App& /*app*/, const std::string& nameAndCompany) {
 }
 
 void logout(App& /*app*/, const std::string& /*none*/) {
-  std::cout << "Good-bye\n";
+  std::cout << "Goodbye\n";
   analytics::loggedOut();
 }
 
@@ -154,7 +154,7 @@ void open(App& app, const std::string& link) {
   }
   const std::string view = link.substr(kScheme.size());
   const Command& command = commandNamed(view.substr(0, view.find_first_of("/?#")));
-  if (!command.isView) throw Problem("links open nothing but views");
+  if (!command.isView) throw Problem("a link opens views only");
   command.action(app, {});
 }
 
@@ -165,7 +165,7 @@ void push(App& /*app*/, const std::string& file) {
 }
 
 void crash(App& /*app*/, const std::string& /*none*/) {
-  analytics::settle();  // crashes are watched for once start-up has been answered
+  analytics::waitForServer();  // the session, and with it crash capture, starts with the answer
   throw std::logic_error("crashed as asked");
 }
 
@@ -180,13 +180,13 @@ constexpr std::array<Command, 15> kCommands{{
     {"import", "FILE", "add the to-dos of another list", import},
     {"tip", "", "read the partner's tip", readTip, true},
     {"order", "", "order what the tip offers", orderTip},
-    {"login", "NAME COMPANY", "tell who you are", login},
-    {"logout", "", "be nobody again", logout},
+    {"login", "NAME COMPANY", "log in", login},
+    {"logout", "", "log out", logout},
     {"open", "LINK", "open a link such as todo://list", open},
     {"push", "FILE", "receive a push message, a JSON file", push},
-    {"crash", "", "end by an exception that nobody catches", crash},
+    {"crash", "", "end by an uncaught exception", crash},
     {"help", "", "show the commands", showHelp, true},
-    {"quit", "", "leave, as the end of the input does", quit},
+    {"quit", "", "end, like the end of the input", quit},
 }};
 
 const Command& commandNamed(std::string_view name) {
@@ -205,18 +205,18 @@ void showHelp(App& /*app*/, const std::string& /*none*/) {
   analytics::helpShown();
 }
 
-void carryOut(App& app, std::string line) {
+void runCommand(App& app, std::string line) {
   const Command& command = commandNamed(takeWord(line));
   if (line.empty() == command.argument.empty()) return command.action(app, line);
-  const char* const verdict = line.empty() ? " needs " : " stands alone";
-  throw Problem(std::string(command.name).append(verdict).append(command.argument));
+  const char* const problem = line.empty() ? " needs " : " takes no argument";
+  throw Problem(std::string(command.name).append(problem).append(command.argument));
 }
 
 }  // namespace
 
 bool run(App& app, std::string_view line) {
   try {
-    if (!oneLine(line).empty()) carryOut(app, oneLine(line));
+    if (!oneLine(line).empty()) runCommand(app, oneLine(line));
     return true;
   } catch (const Problem& problem) {
     std::cerr << "todo: " << problem.what() << '\n';

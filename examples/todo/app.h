@@ -5,15 +5,15 @@
 
 namespace todo {
 
-/// The to-do list as its user sees it. The file is read at every command, so that several of these
-/// programs, and an editor, can share it.
+/// The state of the program. Each command reads the file again, so that several programs and an
+/// editor can share it.
 struct App {
   std::filesystem::path file;
   bool isTipShown = false;
-  bool isOver = false;  // the user wants to leave
+  bool isOver = false;  // after "quit"
 };
 
-/// Carries out a command line. False when that was not possible; standard error tells why.
+/// Runs one command line. False when it failed; standard error has the reason.
 bool run(App& app, std::string_view line);
 
 }  // namespace todo

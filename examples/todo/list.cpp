@@ -17,7 +17,7 @@ struct Close {
   void operator()(std::FILE* file) const { std::fclose(file); }
 };
 
-/// Makes a new file of the name `name`, whose last six letters it chooses. False: it is not whole.
+/// Writes a new file. `mkstemp` replaces the last six letters of `name`. False on failure.
 bool writeNew(std::string& name, std::string_view content) {
   const int descriptor = mkstemp(name.data());
   if (descriptor < 0) return false;
@@ -66,8 +66,8 @@ void writeList(const std::filesystem::path& file, const List& list) {
   for (const Item& item : list) {
     content.append(item.isDone ? kDone : kOpen).append(item.text).append("\n");
   }
-  std::error_code ignored;  // what fails here, fails below
-  const auto target = std::filesystem::weakly_canonical(file, ignored);  // a link stays one
+  std::error_code ignored;  // a failure here leads to one below
+  const auto target = std::filesystem::weakly_canonical(file, ignored);  // keeps symbolic links
   std::filesystem::create_directories(target.parent_path(), ignored);
   std::string fresh = target.string() + ".XXXXXX";
   if (writeNew(fresh, content) && std::rename(fresh.c_str(), target.c_str()) == 0) return;

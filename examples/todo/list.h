@@ -8,8 +8,8 @@
 
 namespace todo {
 
-/// What the person at the keyboard is told; it ends a command, never the program. The problems of
-/// files tell neither their paths nor what stands in them, so that they may leave the device.
+/// An error that is shown to the user and ends a command, not the program. Its text contains
+/// neither the path nor the content of a file, so that it may be uploaded.
 struct Problem : std::runtime_error {
   using std::runtime_error::runtime_error;
 };
@@ -22,14 +22,15 @@ using List = std::vector<Item>;
 
 std::size_t openItems(const List& list);
 
-/// `text` without blanks at its ends, every line break and control character a blank.
+/// `text` without blanks at its ends; each line break and control character becomes a blank.
 std::string oneLine(std::string_view text);
 
-/// Reads a list that people can read, too: a line for each to-do, "- [ ] buy milk" or, once done,
-/// "- [x] buy milk"; empty lines are skipped. Throws a Problem that tells the first other line.
+/// Reads a list. Each to-do is one line: "- [ ] buy milk" or, when done, "- [x] buy milk". Empty
+/// lines are skipped. Throws a Problem with the number of the first invalid line.
 List readList(const std::filesystem::path& file);
 
-/// Replaces the file by `list`, for its owner alone, or throws a Problem and leaves it as it was.
+/// Replaces the file by `list`, readable by its owner only. Throws a Problem and leaves the file
+/// unchanged on failure.
 void writeList(const std::filesystem::path& file, const List& list);
 
 }  // namespace todo

@@ -22,11 +22,12 @@ A to-do list: one command, or a prompt for many; "todo help" shows the commands.
   --data DIRECTORY     ~/.local/share/todo by default
   --open LINK          opens a link first, such as "todo://list?mrbw_dlid=spring"
   --notification FILE  receives a push message first, a JSON file
-  --collector URL      where the use of the program is told, such as http://127.0.0.1:8080/v2/;
-                       $TODO_COLLECTOR by default, and nobody without it
-  --token TOKEN        the project to which that belongs; $TODO_TOKEN or "todo" by default
+  --collector URL      records how the program is used and sends it there, such as
+                       http://127.0.0.1:8080/v2/; $TODO_COLLECTOR by default; without it nothing
+                       is recorded
+  --token TOKEN        the project token; $TODO_TOKEN or "todo" by default
 
-The analytics write what they do to standard error.
+The analytics write their lines to standard error.
 )";
 
 struct UsageError : std::runtime_error {
@@ -46,7 +47,7 @@ std::string variable(const char* name, const std::string& otherwise) {
 std::string dataDirectory() {
   const std::string home = variable("HOME", "");
   const std::string data = variable("XDG_DATA_HOME", home.empty() ? "" : home + "/.local/share");
-  if (data.empty()) throw UsageError("there is no home directory: name one with --data");
+  if (data.empty()) throw UsageError("there is no home directory; use --data");
   return data + "/todo";
 }
 
@@ -77,15 +78,16 @@ Arguments readArguments(std::span<char* const> words) {
 
 volatile std::sig_atomic_t endingSignal = 0;
 
-/// Lets a signal that ends the program end its prompt instead, and a second one the program.
-void watchSignals() {
+/// The first signal ends the prompt, so that the session ends properly; a second one ends the
+/// program.
+void installSignalHandlers() {
   struct sigaction action {};
   action.sa_handler = [](int signal) { endingSignal = signal; };
-  action.sa_flags = static_cast<int>(SA_RESETHAND);  // no SA_RESTART: reading a line is cut short
+  action.sa_flags = static_cast<int>(SA_RESETHAND);  // no SA_RESTART: interrupts reading a line
   for (const int signal : {SIGINT, SIGTERM, SIGHUP}) sigaction(signal, &action, nullptr);
 }
 
-/// Carries out commands until there are no more. Those that come from no keyboard are repeated.
+/// Runs commands until the input ends. Commands that do not come from a keyboard are printed.
 void prompt(todo::App& app) {
   const bool isKeyboard = isatty(STDIN_FILENO) == 1;
   std::string line;
@@ -98,8 +100,8 @@ void prompt(todo::App& app) {
   if (isKeyboard && !app.isOver) std::cout << '\n';
 }
 
-/// False when the one command that was asked for could not be carried out.
-bool use(todo::App& app, const Arguments& arguments) {
+/// Runs what the arguments ask for. False when their command failed.
+bool runArguments(todo::App& app, const Arguments& arguments) {
   if (!arguments.link.empty()) run(app, "open " + arguments.link);
   if (!arguments.notification.empty()) run(app, "push " + arguments.notification);
   if (!arguments.command.empty()) return run(app, arguments.command);
@@ -110,19 +112,19 @@ bool use(todo::App& app, const Arguments& arguments) {
 }  // namespace
 
 int main(int count, char** words) {
-  std::cout << std::unitbuf;  // in order with the library's lines on standard error
+  std::cout << std::unitbuf;  // keeps the order with the library's lines on standard error
   Arguments arguments;
   try {
     arguments = readArguments({words + 1, words + count});
   } catch (const UsageError& error) {
-    std::cerr << "todo: " << error.what() << " (--help tells the options)\n";
+    std::cerr << "todo: " << error.what() << " (see --help)\n";
     return 2;
   }
   if (arguments.asksForHelp) {
     std::cout << kUsage;
     return 0;
   }
-  watchSignals();
+  installSignalHandlers();
   todo::App app{arguments.file};
   try {
     todo::analytics::start({arguments.collector, arguments.token, arguments.data + "/analytics"},
@@ -131,8 +133,8 @@ int main(int count, char** words) {
     std::cerr << "todo: " << error.what() << '\n';
     return 2;
   }
-  const bool isFine = use(app, arguments);
-  todo::analytics::finish();
+  const bool hasSucceeded = runArguments(app, arguments);
+  todo::analytics::stop();
   if (endingSignal != 0) return 128 + endingSignal;
-  return isFine ? 0 : 1;
+  return hasSucceeded ? 0 : 1;
 }
