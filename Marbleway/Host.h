@@ -33,8 +33,8 @@ struct Configuration {
   std::string bundleIdentifier{};        ///< Empty: the executable's file name.
   std::string appVersion{};              ///< Empty: "1.0".
   std::array<Coordinate, 3> sites = {};  ///< Centres A, B and C of the fixed regions.
-  /// Begins a batch as soon as the handshake has been accepted, so that a crash of the last launch
-  /// is sent even when this one is short.
+  /// Begins an upload as soon as the server has accepted the start, so that even a short launch
+  /// sends what the one before recorded, its crash included.
   bool uploadOnStart = false;
 };
 
@@ -51,12 +51,12 @@ MARBLEWAY_EXPORT void configure(Configuration configuration);
 /// waits here: a host that pumps the loop pumps, then asks with a time of 0. Thread: any.
 MARBLEWAY_EXPORT bool waitUntilIdle(std::chrono::milliseconds atMost) noexcept;
 
-/// Begins a batch now, under the batch's own guards; the session goes on. Returns as soon as the
-/// request has begun. Thread: any.
+/// Begins an upload if its conditions hold (see `Marbleway::stopSession`); the session goes on.
+/// Reads the stores on the calling thread and does not wait for the server. Thread: any.
 MARBLEWAY_EXPORT void uploadNow() noexcept;
 
-/// What `Marbleway::logError` takes, made from an exception of any type: its type, its `what()` if
-/// it is a std::exception, and the call stack of this call. Absent members for a null `exception`.
+/// Makes the report for `Marbleway::logError` from an exception of any type: its type, its `what()`
+/// if it is a std::exception, and the call stack of this call. Empty for a null `exception`.
 ///
 ///     catch (...) { Marbleway::logError("Import", "failed", reportOf(std::current_exception())); }
 MARBLEWAY_EXPORT ErrorReport reportOf(const std::exception_ptr& exception);
