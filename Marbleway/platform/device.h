@@ -7,11 +7,11 @@
 
 namespace marbleway::platform {
 
-/// What only the device knows. Thread: any.
+/// Facts of the device. Thread: any.
 class MARBLEWAY_EXPORT Device {
  public:
   virtual ~Device() = default;
-  /// An identifier that stays the same for all applications of this vendor: an upper-case UUID.
+  /// The identifier of this device for one vendor: an upper-case UUID that does not change.
   virtual std::string vendorIdentifier() = 0;
   /// The advertising identifier as an upper-case UUID; empty when there is none.
   virtual std::string advertisingIdentifier() = 0;

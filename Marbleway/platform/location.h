@@ -10,9 +10,9 @@
 
 namespace marbleway::platform {
 
-/// A region that a location manager watches: a circle, or beacons of one family.
+/// A region that a location manager monitors: a circle, or beacons of one family.
 struct Region {
-  std::string identifier;  ///< Its name in alerts.
+  std::string identifier;  ///< The text of its alerts.
 };
 /// A circle on the map.
 struct CircularRegion : Region {
@@ -27,7 +27,7 @@ struct BeaconRegion : Region {
   std::optional<std::uint16_t> minor;  ///< Absent: any.
 };
 
-/// Where the device is.
+/// A position of the device.
 struct Location {
   double latitude = 0;   ///< Degrees.
   double longitude = 0;  ///< Degrees.
@@ -35,7 +35,7 @@ struct Location {
 
 /// A beacon that was ranged.
 struct Beacon {
-  std::string description;  ///< Holds "major:" and what follows it.
+  std::string description;  ///< Contains "major:" and more; the text of its alerts.
   std::uint16_t major = 0;  ///< The group within its family.
   std::uint16_t minor = 0;  ///< The number within its group.
   int rssi = 0;             ///< Signal strength, dBm.
@@ -43,55 +43,55 @@ struct Beacon {
 
 class LocationManager;
 
-/// Hears of what a location manager finds. Called on the main thread, as the manager finds it.
+/// Receives the events of a location manager. Called on the thread on which the manager reports.
 class MARBLEWAY_EXPORT LocationDelegate {
  public:
   virtual ~LocationDelegate() = default;
   /// The device has moved.
   virtual void didUpdateLocations(LocationManager& manager,
                                   const std::vector<Location>& locations) = 0;
-  /// The device is in `region` now.
+  /// The device has entered `region`.
   virtual void didEnterRegion(LocationManager& manager, const Region& region) = 0;
-  /// The device is no more in `region`.
+  /// The device has left `region`.
   virtual void didExitRegion(LocationManager& manager, const Region& region) = 0;
-  /// These beacons of `region` are near.
+  /// These beacons of `region` are in range.
   virtual void didRangeBeacons(LocationManager& manager, const std::vector<Beacon>& beacons,
                                const BeaconRegion& region) = 0;
 };
 
-/// One location manager. The host sees to the permission; without it, nothing is delivered.
+/// One location manager. The host obtains the permission; without it nothing is reported.
 class MARBLEWAY_EXPORT LocationManager {
  public:
   virtual ~LocationManager() = default;
-  /// Who hears of what is found; it outlives the manager.
+  /// Sets the receiver of events, which outlives the manager.
   virtual void setDelegate(LocationDelegate* delegate) = 0;
-  /// Asks for locations as exact as can be.
+  /// Requests the best accuracy.
   virtual void setDesiredAccuracyBest() = 0;
-  /// Shorter moves are not told.
+  /// Sets the shortest movement that is reported.
   virtual void setDistanceFilter(double metres) = 0;
-  /// Whether locations are told while the application is in the background.
+  /// Sets whether locations are reported while the application is in the background.
   virtual void setAllowsBackgroundLocationUpdates(bool allowed) = 0;
-  /// Whether updates may pause where nothing moves.
+  /// Sets whether updates may pause while the device does not move.
   virtual void setPausesLocationUpdatesAutomatically(bool pauses) = 0;
-  /// Tells every move from now on.
+  /// Starts reporting every movement.
   virtual void startUpdatingLocation() = 0;
-  /// Tells great moves, at less expense.
+  /// Starts reporting large movements, with less power.
   virtual void startMonitoringSignificantLocationChanges() = 0;
-  /// Watches over a circle.
+  /// Starts monitoring a circle.
   virtual void startMonitoring(const CircularRegion& region) = 0;
-  /// Watches over a family of beacons.
+  /// Starts monitoring a family of beacons.
   virtual void startMonitoring(const BeaconRegion& region) = 0;
-  /// Whether this device can tell how near beacons are.
+  /// True if this device can measure the distance of beacons.
   virtual bool isRangingAvailable() = 0;
-  /// Tells the beacons of `region` that are near, about once a second.
+  /// Starts reporting the beacons of `region` in range, about once a second.
   virtual void startRangingBeacons(const BeaconRegion& region) = 0;
 };
 
-/// Where location managers come from.
+/// Makes location managers.
 class MARBLEWAY_EXPORT LocationService {
  public:
   virtual ~LocationService() = default;
-  /// Null when there is none to be had; nothing is monitored then.
+  /// Null when there is none; then nothing is monitored.
   virtual std::shared_ptr<LocationManager> makeManager() = 0;
 };
 

@@ -4,8 +4,8 @@
 
 namespace marbleway::platform {
 
-/// Captures the network requests that the host makes. The library calls these where a session
-/// starts and stops; what is captured is decided by the implementation.
+/// Captures the network requests of the host. The library calls it when a session starts and stops;
+/// the implementation decides what to capture and writes the rows.
 class MARBLEWAY_EXPORT NetworkCapture {
  public:
   virtual ~NetworkCapture() = default;

@@ -16,21 +16,21 @@
 #include "user_defaults.h"
 #include "user_interface.h"
 
-/// What the library asks of its surroundings, and this system's answers.
+/// The services that the library needs, as interfaces, and their implementations on this system.
 namespace marbleway::platform {
 
-/// The services that the library asks of its surroundings, one pointer each.
+/// The services that the library needs, one pointer each.
 struct Platform {
-  std::shared_ptr<Console> console{};                  ///< Where lines go.
+  std::shared_ptr<Console> console{};                  ///< The library's lines.
   std::shared_ptr<Clock> clock{};                      ///< The wall clock.
   std::shared_ptr<MainLoop> mainLoop{};                ///< Timers and continuations.
   std::shared_ptr<HttpClient> httpClient{};            ///< The network.
-  std::shared_ptr<UserDefaults> userDefaults{};        ///< Settings kept between launches.
+  std::shared_ptr<UserDefaults> userDefaults{};        ///< Settings that last between launches.
   std::shared_ptr<Device> device{};                    ///< Facts of the device.
-  std::shared_ptr<StatusBar> statusBar{};              ///< Tells the connection.
+  std::shared_ptr<StatusBar> statusBar{};              ///< The connection type.
   std::shared_ptr<UserInterface> userInterface{};      ///< Badge, links, alerts.
   std::shared_ptr<LocationService> locationService{};  ///< Location managers.
-  std::shared_ptr<NetworkCapture> networkCapture{};    ///< Captures the host's requests.
+  std::shared_ptr<NetworkCapture> networkCapture{};    ///< Capture of the host's requests.
   std::shared_ptr<CrashHook> crashHook{};              ///< Uncaught failures.
 };
 

@@ -8,7 +8,7 @@
 
 namespace marbleway::platform {
 
-/// One view of the status bar, as far as the connection can be read from it.
+/// One view of the status bar, with what is needed to find the connection type.
 struct View {
   std::string className;                       ///< The name of its class.
   std::vector<View> subviews;                  ///< The views in it.

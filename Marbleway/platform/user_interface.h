@@ -8,14 +8,14 @@
 
 namespace marbleway::platform {
 
-/// What the library asks of the application's screen. Called on the thread of the operation or
-/// callback that asks; a failure goes unnoticed.
+/// The application's user interface. Called on the thread of the operation or callback that needs
+/// it. Failures are ignored.
 class MARBLEWAY_EXPORT UserInterface {
  public:
   virtual ~UserInterface() = default;
   /// Shows `number` on the application's icon; 0 clears it.
   virtual void setBadgeNumber(int number) = 0;
-  /// Opens an absolute URL, in the application or outside it.
+  /// Opens an absolute URL, in the application or in another one.
   virtual void openURL(std::string_view url) = 0;
   /// Shows a modal alert with one button.
   virtual void showAlert(std::string_view title, std::string_view message,

@@ -8,12 +8,12 @@
 #include "../clock.h"
 #include "../manual_loop.h"
 
-/// Surroundings in a test's hand.
+/// Services that a test controls.
 namespace marbleway::platform::testing {
 
-/// A wall clock, and a main loop whose timers go by a time of their own; both stand still until
-/// `advance` moves them. The wall clock starts at 2026-01-02 00:00:00 UTC. Thread: any, but for
-/// `advance`, which is the loop's thread while it runs.
+/// A wall clock and a main loop with virtual time; both stand still until `advance` moves them. The
+/// wall clock starts at 2026-01-02 00:00:00 UTC. Thread: any, but for `advance`, which is the
+/// loop's thread while it runs.
 class FakeTime : public Clock {
  public:
   std::chrono::system_clock::time_point now() override {
@@ -22,7 +22,7 @@ class FakeTime : public Clock {
         std::chrono::duration_cast<std::chrono::system_clock::duration>(wall));
   }
 
-  /// The loop, to be installed beside this clock.
+  /// The loop to install together with this clock.
   std::shared_ptr<ManualLoop> mainLoop() const { return mainLoop_; }
 
   /// Moves both clocks by `duration` and runs what is posted or falls due on the way, in order,
@@ -37,7 +37,7 @@ class FakeTime : public Clock {
     times_->steady = end;
   }
 
-  /// Sets the wall clock alone; no timer notices.
+  /// Sets the wall clock only; timers do not change.
   void setWallClock(std::chrono::system_clock::time_point now) {
     times_->wallAhead = now.time_since_epoch() - times_->steady.load();
   }

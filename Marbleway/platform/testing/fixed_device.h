@@ -9,10 +9,10 @@
 
 namespace marbleway::platform::testing {
 
-/// What a `FixedDevice` answers.
+/// The results of a `FixedDevice`.
 struct DeviceFacts {
   ///@{
-  /// The answer to the function of this name.
+  /// The result of the function of this name.
   std::string vendorIdentifier = "AAAAAAAA-0000-0000-0000-000000000001";
   std::string advertisingIdentifier = "BBBBBBBB-0000-0000-0000-000000000001";
   std::string systemVersion = "12.5";
@@ -22,19 +22,19 @@ struct DeviceFacts {
   std::uint32_t randomNumber = 1234567;  ///< Taken modulo the bound.
 };
 
-/// A device without chance: new identifiers count upwards from
+/// A device without randomness: new identifiers count upwards from
 /// "00000000-0000-0000-0000-000000000001". Thread: any.
 class FixedDevice : public Device {
  public:
-  /// Answers with `facts`.
+  /// Returns `facts`.
   explicit FixedDevice(DeviceFacts facts = {}) : facts_(std::move(facts)) {}
 
-  /// Answers with other facts from now on.
+  /// Returns other facts from now on.
   void setFacts(DeviceFacts facts) {
     const std::scoped_lock lock(mutex_);
     facts_ = std::move(facts);
   }
-  /// What is answered now.
+  /// The present facts.
   DeviceFacts facts() const {
     const std::scoped_lock lock(mutex_);
     return facts_;

@@ -25,13 +25,13 @@ struct HeldRequest {
   ///@}
 };
 
-/// A network in the test's hand: every request waits until the test answers it. Thread: any.
+/// A network that the test controls: every request waits until the test answers it. Thread: any.
 class HeldHttp : public HttpClient {
  public:
-  /// Takes the answer, or that there is none.
+  /// Receives the response, or nothing.
   using Done = std::function<void(std::optional<HttpResponse>)>;
 
-  /// Keeps the request; `done` runs when the test answers.
+  /// Stores the request; `done` runs when the test answers.
   void post(HttpRequest request, Done done) override {
     const std::scoped_lock lock(mutex_);
     requests_.push_back({std::move(request.url), std::move(request.headers),
@@ -39,10 +39,10 @@ class HeldHttp : public HttpClient {
     waiting_.push_back({std::move(done), request.maxResponseBytes});
   }
 
-  /// Answers the oldest request that waits, on a thread of its own, and returns when that is dealt
-  /// with. False if none waits.
+  /// Answers the oldest waiting request, on a thread of its own, and returns when `done` has run.
+  /// False if none waits.
   bool answer(HttpResponse answer) { return finish(std::move(answer)); }
-  /// Ends the oldest request that waits without an answer, as `answer` does.
+  /// Ends the oldest waiting request without an answer, as `answer` does.
   bool fail() { return finish(std::nullopt); }
 
   /// Every request so far, oldest first.
@@ -50,7 +50,7 @@ class HeldHttp : public HttpClient {
     const std::scoped_lock lock(mutex_);
     return requests_;
   }
-  /// How many requests wait.
+  /// The number of waiting requests.
   std::size_t waiting() const {
     const std::scoped_lock lock(mutex_);
     return waiting_.size();

@@ -12,8 +12,7 @@
 
 namespace marbleway::platform::testing {
 
-/// Settings that live as long as this object; a test starts "the next launch" with the same one.
-/// Thread: any.
+/// Settings in memory; a test starts "the next launch" with the same object. Thread: any.
 class MemoryDefaults : public UserDefaults {
  public:
   /// Texts and flags under their keys.
@@ -48,7 +47,7 @@ class MemoryDefaults : public UserDefaults {
     const std::scoped_lock lock(mutex_);
     return content_;
   }
-  /// How often `synchronize` was called.
+  /// The number of calls of `synchronize`.
   int synchronizations() const {
     const std::scoped_lock lock(mutex_);
     return synchronizations_;

@@ -9,7 +9,7 @@
 
 namespace marbleway::platform::testing {
 
-/// Keeps the names of the calls, oldest first. Thread: any.
+/// Records the names of the calls, oldest first. Thread: any.
 class RecordingCapture : public NetworkCapture {
  public:
   void defaultConfiguration() override { keep("defaultConfiguration"); }

@@ -10,7 +10,7 @@
 
 namespace marbleway::platform::testing {
 
-/// Keeps the lines instead of showing them. Thread: any.
+/// Stores the lines instead of writing them. Thread: any.
 class RecordingConsole : public Console {
  public:
   void writeLine(std::string_view line) override {
@@ -23,7 +23,7 @@ class RecordingConsole : public Console {
     const std::scoped_lock lock(mutex_);
     return lines_;
   }
-  /// The same, and forgets them.
+  /// Returns the lines so far and removes them.
   std::vector<std::string> take() {
     const std::scoped_lock lock(mutex_);
     return std::exchange(lines_, {});

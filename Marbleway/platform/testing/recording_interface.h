@@ -13,12 +13,12 @@ namespace marbleway::platform::testing {
 struct ShownAlert {
   std::string title;    ///< Its first line.
   std::string message;  ///< Its text.
-  std::string button;   ///< The button's word.
-  /// Equal word for word.
+  std::string button;   ///< The text of its button.
+  /// Equal texts.
   bool operator==(const ShownAlert&) const = default;
 };
 
-/// Keeps what the application's screen was asked for, oldest first. Thread: any.
+/// Records the calls to the user interface, oldest first. Thread: any.
 class RecordingInterface : public UserInterface {
  public:
   void setBadgeNumber(int number) override { keep(badges_, number); }

@@ -14,12 +14,12 @@
 
 namespace marbleway::platform::testing {
 
-/// Writes down each call as a line of text: its name and what it is given, such as
+/// Records each call as a line of text, its name and its arguments, such as
 /// "setDistanceFilter 100" and "startMonitoring Door, 00000000-0000-0000-0000-000000000001, 7,
-/// any". Numbers stand as shortly as they read back the same, whatever the locale. Thread: any.
+/// any". Numbers have their shortest digits, whatever the locale. Thread: any.
 class RecordingManager : public LocationManager {
  public:
-  /// What it says of ranging.
+  /// Whether ranging is available.
   explicit RecordingManager(bool rangingAvailable) : rangingAvailable_(rangingAvailable) {}
 
   void setDelegate(LocationDelegate* delegate) override {
@@ -85,7 +85,7 @@ class RecordingManager : public LocationManager {
   std::vector<std::string> calls_;
 };
 
-/// Makes recording managers and keeps them all. Thread: any.
+/// Makes recording managers and stores them. Thread: any.
 class RecordingLocation : public LocationService {
  public:
   std::shared_ptr<LocationManager> makeManager() override {
@@ -93,7 +93,7 @@ class RecordingLocation : public LocationService {
     managers_.push_back(std::make_shared<RecordingManager>(rangingAvailable_));
     return managers_.back();
   }
-  /// What managers made from now on say of ranging; at first it is available.
+  /// Sets whether ranging is available for managers made from now on; at first it is.
   void setRangingAvailable(bool available) { rangingAvailable_ = available; }
   /// The managers, oldest first.
   std::vector<std::shared_ptr<RecordingManager>> managers() const {
