@@ -1,45 +1,44 @@
 #include "tests/support/failing_memory.h"
 
-#include <gmock/gmock.h>
-
 #include <cstdlib>
 #include <new>
 
 namespace marbleway::tests {
 
-constinit thread_local NthFailure newFailure, sqliteFailure;
+constinit thread_local NthFailure memoryFailure;
 
-namespace {
-
-sqlite3_mem_methods usualMemory;
-
-void* sqliteMalloc(int size) {
-  return sqliteFailure.strikes() ? nullptr : usualMemory.xMalloc(size);
-}
-void* sqliteRealloc(void* block, int size) {
-  return sqliteFailure.strikes() ? nullptr : usualMemory.xRealloc(block, size);
-}
-
-}  // namespace
 }  // namespace marbleway::tests
 
-// They replace a sanitizer's, which alone can tell that a block is freed in another way than it was
-// made: the tests that need no failures are therefore in another program.
+// The C library's allocator under a name of its own, or a sanitizer's, where there is one.
+// NOLINTBEGIN(bugprone-reserved-identifier)
+extern "C" {
+void* __libc_malloc(std::size_t size);
+void* __libc_calloc(std::size_t count, std::size_t size);
+void* __libc_realloc(void* block, std::size_t size);
+[[gnu::weak]] void* __interceptor_malloc(std::size_t size);
+[[gnu::weak]] void* __interceptor_calloc(std::size_t count, std::size_t size);
+[[gnu::weak]] void* __interceptor_realloc(void* block, std::size_t size);
+
+void* malloc(std::size_t size) noexcept {
+  if (marbleway::tests::memoryFailure.strikes()) return nullptr;
+  return (__interceptor_malloc != nullptr ? __interceptor_malloc : __libc_malloc)(size);
+}
+void* calloc(std::size_t count, std::size_t size) noexcept {
+  if (marbleway::tests::memoryFailure.strikes()) return nullptr;
+  return (__interceptor_calloc != nullptr ? __interceptor_calloc : __libc_calloc)(count, size);
+}
+void* realloc(void* block, std::size_t size) noexcept {
+  if (marbleway::tests::memoryFailure.strikes()) return nullptr;
+  return (__interceptor_realloc != nullptr ? __interceptor_realloc : __libc_realloc)(block, size);
+}
+}
+// NOLINTEND(bugprone-reserved-identifier)
+
+// A sanitizer's `operator new` does not call `malloc`.
 void* operator new(std::size_t size) {
-  void* block = marbleway::tests::newFailure.strikes() ? nullptr : std::malloc(size);
+  void* block = std::malloc(size);
   if (block == nullptr) throw std::bad_alloc();
   return block;
 }
 void operator delete(void* block) noexcept { std::free(block); }
 void operator delete(void* block, std::size_t /*size*/) noexcept { std::free(block); }
-
-int main(int argc, char** argv) {
-  using namespace marbleway::tests;
-  sqlite3_config(SQLITE_CONFIG_GETMALLOC, &usualMemory);
-  sqlite3_mem_methods memory = usualMemory;
-  memory.xMalloc = sqliteMalloc;
-  memory.xRealloc = sqliteRealloc;
-  sqlite3_config(SQLITE_CONFIG_MALLOC, &memory);
-  ::testing::InitGoogleMock(&argc, argv);
-  return RUN_ALL_TESTS();
-}

@@ -4,8 +4,8 @@
 
 namespace marbleway::tests {
 
-// The failures of allocations, each thread's own: those of `operator new`, and SQLite's. They work
-// only in a program with failing_memory.cpp, which brings its `main`.
-extern constinit thread_local NthFailure newFailure, sqliteFailure;
+/// The failure of allocations on the calling thread, whoever makes them: `malloc` itself fails.
+/// Only in a program with failing_memory.cpp.
+extern constinit thread_local NthFailure memoryFailure;
 
 }  // namespace marbleway::tests

@@ -1,111 +1,103 @@
 #include "tests/support/failing_vfs.h"
 
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <array>
+
 namespace marbleway::tests {
 namespace {
 
-sqlite3_vfs* usual = nullptr;
 FailingVfs* current = nullptr;
+sqlite3_vfs usual;
 
 }  // namespace
 
-// The usual file stands behind it in the memory that SQLite supplies.
-struct FailingVfs::File : sqlite3_file {
-  sqlite3_file* usualFile() { return reinterpret_cast<sqlite3_file*>(this + 1); }
-};
-
-struct FailingVfs::Calls {
+struct SystemCalls {
   static bool fails(FileCall call) {
-    return (current->failure_.calls & call) != 0 && current->when_.strikes();
+    const bool isStruck = (current->failure_.calls & call) != 0 && current->when_.strikes();
+    if (isStruck) errno = current->failure_.error;
+    return isStruck;
   }
 
-  // A method of files that does as the usual file's, unless it fails.
-  template <FileCall kCall, auto kMethod, class... Arguments>
-  static int onFile(sqlite3_file* file, Arguments... arguments) {
-    if (fails(kCall)) return current->failure_.code;
-    sqlite3_file* behind = static_cast<File*>(file)->usualFile();
-    return (behind->pMethods->*kMethod)(behind, arguments...);
+  // Does as `kCall`, unless it fails.
+  template <FileCall kKind, auto kCall, class Result, class... Arguments>
+  static Result call(Arguments... arguments) {
+    return fails(kKind) ? Result{-1} : static_cast<Result>(kCall(arguments...));
   }
-  template <auto kMethod, class... Arguments>
-  static int alwaysOnFile(sqlite3_file* file, Arguments... arguments) {
-    sqlite3_file* behind = static_cast<File*>(file)->usualFile();
-    return (behind->pMethods->*kMethod)(behind, arguments...);
+  static int control(int file, int command, flock* lock) {
+    const bool locks = command == F_SETLK && lock->l_type != F_UNLCK;
+    return fails(locks ? kLock : kOther) ? -1 : fcntl(file, command, lock);
   }
-  static int sync(sqlite3_file* /*file*/, int /*flags*/) {
-    return fails(kSync) ? current->failure_.code : SQLITE_OK;
-  }
-
-  static int open(sqlite3_vfs* /*vfs*/, const char* name, sqlite3_file* file, int flags,
-                  int* outFlags);
-  static int remove(sqlite3_vfs* /*vfs*/, const char* name, int /*syncsDirectory*/) {
-    return fails(kDelete) ? current->failure_.code : usual->xDelete(usual, name, 0);
-  }
-  static int access(sqlite3_vfs* /*vfs*/, const char* name, int flags, int* result) {
-    return fails(kAccess) ? current->failure_.code : usual->xAccess(usual, name, flags, result);
+  static int sync(long number, int file) {
+    if (current == nullptr) return static_cast<int>(syscall(number, file));
+    return fails(kSync) ? -1 : 0;
   }
   static int sleep(sqlite3_vfs* /*vfs*/, int microseconds) {
     current->napped_ += std::chrono::microseconds(microseconds);
     current->nap_();
     return microseconds;
   }
-  static int time(sqlite3_vfs* /*vfs*/, sqlite3_int64* julianMilliseconds) {
+  static int time(sqlite3_vfs* vfs, sqlite3_int64* julianMilliseconds) {
     constexpr std::chrono::milliseconds kFirstOf1970{210866760000000};
-    if (!current->now_) return usual->xCurrentTimeInt64(usual, julianMilliseconds);
+    if (!current->now_) return usual.xCurrentTimeInt64(vfs, julianMilliseconds);
     const auto now = std::chrono::floor<std::chrono::milliseconds>(*current->now_);
     *julianMilliseconds = (now.time_since_epoch() + kFirstOf1970).count();
     return SQLITE_OK;
   }
 
-  static const sqlite3_io_methods methods;
-  static inline sqlite3_vfs vfs{};
+  const char* name;
+  sqlite3_syscall_ptr failing;
 };
 
-// The first version's methods do: neither shared memory nor mapped files.
-const sqlite3_io_methods FailingVfs::Calls::methods = [] {
-  using Methods = sqlite3_io_methods;
-  Methods made{};
-  made.iVersion = 1;
-  made.xClose = alwaysOnFile<&Methods::xClose>;
-  made.xRead = onFile<kRead, &Methods::xRead>;
-  made.xWrite = onFile<kWrite, &Methods::xWrite>;
-  made.xTruncate = onFile<kTruncate, &Methods::xTruncate>;
-  made.xSync = sync;
-  made.xFileSize = onFile<kSize, &Methods::xFileSize>;
-  made.xLock = onFile<kLock, &Methods::xLock>;
-  made.xUnlock = onFile<kUnlock, &Methods::xUnlock>;
-  made.xCheckReservedLock = onFile<kLock, &Methods::xCheckReservedLock>;
-  made.xFileControl = alwaysOnFile<&Methods::xFileControl>;
-  made.xSectorSize = alwaysOnFile<&Methods::xSectorSize>;
-  made.xDeviceCharacteristics = alwaysOnFile<&Methods::xDeviceCharacteristics>;
-  return made;
-}();
+namespace {
 
-int FailingVfs::Calls::open(sqlite3_vfs* /*vfs*/, const char* name, sqlite3_file* file, int flags,
-                            int* outFlags) {
-  file->pMethods = nullptr;
-  if (fails(kOpen)) return current->failure_.code;
-  const int result =
-      usual->xOpen(usual, name, static_cast<File*>(file)->usualFile(), flags, outFlags);
-  if (result == SQLITE_OK) file->pMethods = &methods;
-  return result;
+template <class Function>
+SystemCalls named(const char* name, Function* failing) {
+  return {name, reinterpret_cast<sqlite3_syscall_ptr>(failing)};
 }
 
+// What SQLite looks for, and does not find, when `stat` or `access` fails, is not among them.
+const std::array kCalls{
+    named("open", SystemCalls::call<kOpen, ::open, int, const char*, int, int>),
+    named("read", SystemCalls::call<kRead, ::read, ssize_t, int, void*, size_t>),
+    named("pread", SystemCalls::call<kRead, ::pread, ssize_t, int, void*, size_t, off_t>),
+    named("pread64", SystemCalls::call<kRead, ::pread, ssize_t, int, void*, size_t, off_t>),
+    named("write", SystemCalls::call<kWrite, ::write, ssize_t, int, const void*, size_t>),
+    named("pwrite", SystemCalls::call<kWrite, ::pwrite, ssize_t, int, const void*, size_t, off_t>),
+    named("pwrite64",
+          SystemCalls::call<kWrite, ::pwrite, ssize_t, int, const void*, size_t, off_t>),
+    named("ftruncate", SystemCalls::call<kWrite, ::ftruncate, int, int, off_t>),
+    named("fstat", SystemCalls::call<kOther, ::fstat, int, int, struct stat*>),
+    named("unlink", SystemCalls::call<kOther, ::unlink, int, const char*>),
+    named("fcntl", SystemCalls::control),
+};
+
+}  // namespace
+
 FailingVfs::FailingVfs() {
-  usual = sqlite3_vfs_find(nullptr);
   current = this;
-  Calls::vfs = *usual;
-  Calls::vfs.zName = "failing";
-  Calls::vfs.szOsFile = static_cast<int>(sizeof(File)) + usual->szOsFile;
-  Calls::vfs.xOpen = Calls::open;
-  Calls::vfs.xDelete = Calls::remove;
-  Calls::vfs.xAccess = Calls::access;
-  Calls::vfs.xSleep = Calls::sleep;
-  Calls::vfs.xCurrentTimeInt64 = Calls::time;
-  sqlite3_vfs_register(&Calls::vfs, 1);
+  sqlite3_vfs* const vfs = sqlite3_vfs_find("unix");
+  usual = *vfs;
+  for (const auto& [name, failing] : kCalls) vfs->xSetSystemCall(vfs, name, failing);
+  vfs->xSleep = SystemCalls::sleep;
+  vfs->xCurrentTimeInt64 = SystemCalls::time;
 }
 
 FailingVfs::~FailingVfs() {
-  sqlite3_vfs_register(usual, 1);
-  sqlite3_vfs_unregister(&Calls::vfs);
+  sqlite3_vfs* const vfs = sqlite3_vfs_find("unix");
+  vfs->xSetSystemCall(vfs, nullptr, nullptr);  // the usual ones
+  vfs->xSleep = usual.xSleep;
+  vfs->xCurrentTimeInt64 = usual.xCurrentTimeInt64;
+  current = nullptr;
 }
 
 }  // namespace marbleway::tests
+
+// In place of the C library's, in a program with a FailingVfs.
+extern "C" int fsync(int file) { return marbleway::tests::SystemCalls::sync(SYS_fsync, file); }
+extern "C" int fdatasync(int file) {
+  return marbleway::tests::SystemCalls::sync(SYS_fdatasync, file);
+}

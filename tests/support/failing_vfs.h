@@ -2,6 +2,7 @@
 
 #include <sqlite3.h>
 
+#include <cerrno>
 #include <chrono>
 #include <functional>
 #include <optional>
@@ -9,20 +10,8 @@
 
 namespace marbleway::tests {
 
-/// What SQLite asks of a file system; several make a mask.
-enum FileCall : unsigned {
-  kOpen = 1U << 0U,
-  kRead = 1U << 1U,
-  kWrite = 1U << 2U,
-  kTruncate = 1U << 3U,
-  kSync = 1U << 4U,
-  kSize = 1U << 5U,
-  kLock = 1U << 6U,
-  kUnlock = 1U << 7U,
-  kAccess = 1U << 8U,
-  kDelete = 1U << 9U,
-  kEveryCall = ~0U,
-};
+/// System calls of SQLite; several make a mask.
+enum FileCall : unsigned { kOpen = 1, kRead = 2, kWrite = 4, kSync = 8, kLock = 16, kOther = 32 };
 
 /// A failure of the `nth` of something (from 1; 0: of none), and of all after it if it lasts.
 struct NthFailure {
@@ -43,15 +32,14 @@ struct NthFailure {
   }
 };
 
-/// What becomes of the calls that fail: those of the kinds in `calls` count, and give `code`.
+/// The calls that count, and what `errno` is when one fails.
 struct FileFailure {
-  int code = SQLITE_IOERR;
-  unsigned calls = kEveryCall;
+  int error = EIO;
+  unsigned calls = ~0U;
 };
 
-/// SQLite's usual file system with calls that fail, a clock of its own and naps that take no time.
-/// Nothing is forced to the disk. It is SQLite's default while it lives; one at a time, and no file
-/// outlives it. Thread: one at a time.
+/// SQLite's file system with system calls that fail, a clock of its own and naps that take no time.
+/// Nothing is forced to the disk. One object at a time. Thread: one at a time.
 class FailingVfs {
  public:
   FailingVfs();
@@ -71,8 +59,7 @@ class FailingVfs {
   void onNap(std::function<void()> work) { nap_ = std::move(work); }
 
  private:
-  struct Calls;
-  struct File;
+  friend struct SystemCalls;
 
   FileFailure failure_;
   NthFailure when_;
