@@ -1,110 +1,90 @@
 #include <algorithm>
 #include <cstdio>
-#include <cstdlib>
-#include <exception>
-#include <random>
 #include <stdexcept>
-#include <string_view>
-#include <thread>
-#include <vector>
 
 #include "stress/loops.h"
-#include "tests/support/fixture.h"
-#include "tests/support/process_ends.h"
 
 namespace marbleway::stress {
 namespace {
 
 namespace fs = std::filesystem;
+using namespace std::chrono_literals;
+
+struct Loop {
+  std::string name;
+  const char* figure;  // after `count`
+  const char* goal;
+  int count;
+  Fault (*run)(Rounds&);
+};
 
 // clang-format off
-constexpr Loop kLoops[] = {
-    {"load", "8 threads x 12,500 rows, batches answered by 500", "0 lost, 0 tables read as empty", recordUnderLoad},
-    {"kill", "kill -9 while recording x 300", "every row returned, 16 tables, sound", killRecording},
-    {"first-start", "kill -9 in the first start x 100", "16 tables, sound", killFirstStart},
-    {"exit", "exit with a TLS transfer in flight x 150", "no crash, no hang, 100 ms", exitInTLS},
-    {"fork", "fork under three recording threads x 200", "no crash, no hang, 100 ms, every row", forkRecording},
-    {"crash", "16 ways of crashing x 20", "one row each, sound, its own end", crashInEveryWay},
-    {"two-processes", "two processes, 200 rows each, 20 ms apart", "0 lost", recordInTwoProcesses},
-    {"saturated", "two processes, saturated", "1 % lost at most", saturateInTwoProcesses},
-    {"settings", "two processes writing settings x 500 each", "no torn file, no key lost", writeDefaultsInTwoProcesses},
-    {"settings-kill", "kill -9 while writing settings x 100", "no torn file, no key lost", killDefaults},
-    {"settings-read", "settings that cannot be read for a time x 30", "no new identity", failReadingDefaults},
-    {"full", "a full 256 kB file system, then space again", "old rows kept, all resumes", fillDisk},
-    {"random", "100,000 random operations against a model", "counts equal, every document valid", operateAtRandom},
-    {"soak", "soak: recording, uploading, session starts and stops", "< 100 kB a minute, descriptors and threads flat", soak},
+const Loop kLoops[] = {
+    {"load", "rows by each of 8 threads, batches answered by 500", "0 lost, 0 tables read as empty", 12500, recordUnderLoad},
+    {"kill", "times kill -9 while recording", "every row returned, 16 tables, sound", 300, tests::killRecording},
+    {"first-start", "times kill -9 in the first start", "16 tables, sound", 100, tests::killFirstStart},
+    {"exit", "exits with a TLS transfer in flight", "no crash, no hang, 100 ms", 150, exitInTransfer},
+    {"fork", "times ten forks under three recording threads", "no crash, no hang, 100 ms, every row", 20, forkRecording},
+    {"crash", "crashes, in every way by turns", "one row each, sound, its own end", 320, crashInEveryWay},
+    {"two-processes", "rows by each of two processes", "1 % lost at most", 20000, recordInTwoProcesses},
+    {"settings", "times kill -9 of one of two writers", "no torn file, no key lost", 100, writeSettings},
+    {"full", "full 256 kB file systems, then space again", "old rows remain, all resumes", 20, fillDisk},
+    {"random", "random operations against a model", "counts equal, every document valid", 100000, operateAtRandom},
+    {"soak", "seconds of recording, uploading, starts and stops", "< 100 kB a minute, descriptors and threads flat", 600, soak},
 };
 // clang-format on
 
 struct Choice {
-  Effort effort;
-  std::vector<std::string_view> names;
+  fs::path directory = "/dev/shm";
+  int share = 1;  // one in so many rounds
+  int soak = 600;
+  unsigned seed = std::random_device()();
+  std::vector<std::string> names;
 };
 
-Choice choiceOf(int count, char** arguments) {
+Choice choiceOf(std::vector<std::string> words) {
   Choice choice;
-  choice.effort.directory = "/dev/shm";
-  choice.effort.seed = std::random_device()();
-  for (int i = 1; i < count; ++i) {
-    const std::string_view word = arguments[i];
-    const bool hasValue = word == "--soak" || word == "--seed" || word == "--directory";
-    if (hasValue && i + 1 == count) throw std::runtime_error(std::string(word) + " what?");
-    if (word == "--short") {
-      choice.effort.share = 0.05;
-      choice.effort.soak = std::chrono::seconds(75);
-    } else if (word == "--soak") {
-      choice.effort.soak = std::chrono::seconds(std::stoi(arguments[++i]));
-    } else if (word == "--seed") {
-      choice.effort.seed = static_cast<std::uint32_t>(std::stoul(arguments[++i]));
-    } else if (word == "--directory") {
-      choice.effort.directory = fs::absolute(arguments[++i]);
-    } else if (std::ranges::find(kLoops, word, &Loop::name) != std::end(kLoops)) {
-      choice.names.push_back(word);
-    } else {
-      throw std::runtime_error("there is no loop " + std::string(word));
-    }
+  for (auto word = words.begin(); word != words.end(); ++word) {
+    const auto value = [&] {
+      if (word + 1 == words.end()) throw std::runtime_error(*word + " needs a value");
+      return *++word;
+    };
+    if (*word == "--short")
+      choice.share = 20, choice.soak = 75;
+    else if (*word == "--soak")
+      choice.soak = std::stoi(value());
+    else if (*word == "--seed")
+      choice.seed = static_cast<unsigned>(std::stoul(value()));
+    else if (*word == "--directory")
+      choice.directory = fs::absolute(value());
+    else if (std::ranges::count(kLoops, *word, &Loop::name) == 0)
+      throw std::runtime_error("there is no loop " + *word);
+    else
+      choice.names.push_back(*word);
   }
   return choice;
 }
 
-void print(const char* figure, const char* goal, const char* met, const std::string& result) {
-  std::printf("%-54s %-48s %-7s %s\n", figure, goal, met, result.c_str());
-  (void)std::fflush(stdout);
-}
-
 // True when the loop's goal is met.
-bool run(const Loop& loop, Effort effort) {
+bool run(const Loop& loop, const Choice& choice) {
+  const int count = loop.name == "soak" ? choice.soak : std::max(1, loop.count / choice.share);
+  Rounds rounds{.directory = choice.directory / ("marbleway-stress-" + std::to_string(getpid())),
+                .count = count,
+                .random = std::mt19937(choice.seed)};
+  fs::create_directories(rounds.directory);
   const auto start = std::chrono::steady_clock::now();
-  effort.directory /= "marbleway-stress-" + std::to_string(getpid());
-  fs::create_directories(effort.directory);
-  Outcome outcome;
-  outcome.result = tests::faultOfChild(
+  const std::string result = tests::faultOfChild(
       [&] {
-        outcome = loop.run(effort);
-        return (outcome.isMet ? "+" : "-") + outcome.result;
+        const Fault fault = loop.run(rounds);
+        return (fault.empty() ? "met" : "MISSED: " + fault) + rounds.figures;
       },
-      std::chrono::hours(2));
-  fs::remove_all(effort.directory);
-  const bool isMet = outcome.result.starts_with('+');
-  if (isMet || outcome.result.starts_with('-')) outcome.result.erase(0, 1);
+      2h);
+  fs::remove_all(rounds.directory);
   const auto took = std::chrono::steady_clock::now() - start;
-  const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(took).count();
-  print(loop.figure, loop.goal, isMet ? "met" : "MISSED",
-        outcome.result + " (" + std::to_string(seconds) + " s)");
-  return isMet;
-}
-
-bool runAll(const Choice& choice) {
-  std::printf("%u processors, stores in %s, seed %u%s\n", std::thread::hardware_concurrency(),
-              choice.effort.directory.c_str(), choice.effort.seed,
-              choice.effort.share < 1 ? ", a twentieth of all rounds" : "");
-  print("figure", "goal", "", "result");
-  bool areMet = true;
-  for (const Loop& loop : kLoops) {
-    const bool isChosen = choice.names.empty() || std::ranges::count(choice.names, loop.name) > 0;
-    if (isChosen && !run(loop, choice.effort)) areMet = false;
-  }
-  return areMet;
+  std::printf("%6d %-52s %-48s %s (%lld s)\n", count, loop.figure, loop.goal, result.c_str(),
+              static_cast<long long>(took / 1s));
+  (void)std::fflush(stdout);
+  return result.starts_with("met");
 }
 
 }  // namespace
@@ -112,11 +92,18 @@ bool runAll(const Choice& choice) {
 
 // Prints a line for each loop. Ends with 0 when every goal is met.
 int main(int count, char** arguments) {
+  using namespace marbleway::stress;
   try {
-    const bool areMet = marbleway::stress::runAll(marbleway::stress::choiceOf(count, arguments));
-    return areMet ? EXIT_SUCCESS : EXIT_FAILURE;
+    const Choice choice = choiceOf({arguments + 1, arguments + count});
+    std::printf("stores in %s, seed %u\n", choice.directory.c_str(), choice.seed);
+    bool areMet = true;
+    for (const Loop& loop : kLoops) {
+      const bool isChosen = choice.names.empty() || std::ranges::count(choice.names, loop.name) > 0;
+      areMet = (!isChosen || run(loop, choice)) && areMet;
+    }
+    return areMet ? 0 : 1;
   } catch (const std::exception& failure) {
     std::fprintf(stderr, "marbleway_stress: %s\n", failure.what());
-    return EXIT_FAILURE;
+    return 1;
   }
 }

@@ -11,12 +11,13 @@ namespace marbleway::tests {
 namespace {
 
 FailingVfs* current = nullptr;
-sqlite3_vfs usual;
+const sqlite3_vfs usual = *sqlite3_vfs_find("unix");
 
 }  // namespace
 
 struct SystemCalls {
   static bool fails(FileCall call) {
+    if (current == nullptr) return false;
     const bool isStruck = (current->failure_.calls & call) != 0 && current->when_.strikes();
     if (isStruck) errno = current->failure_.error;
     return isStruck;
@@ -35,14 +36,16 @@ struct SystemCalls {
     if (current == nullptr) return static_cast<int>(syscall(number, file));
     return fails(kSync) ? -1 : 0;
   }
-  static int sleep(sqlite3_vfs* /*vfs*/, int microseconds) {
+  static int sleep(sqlite3_vfs* vfs, int microseconds) {
+    if (current == nullptr) return usual.xSleep(vfs, microseconds);
     current->napped_ += std::chrono::microseconds(microseconds);
     current->nap_();
     return microseconds;
   }
   static int time(sqlite3_vfs* vfs, sqlite3_int64* julianMilliseconds) {
     constexpr std::chrono::milliseconds kFirstOf1970{210866760000000};
-    if (!current->now_) return usual.xCurrentTimeInt64(vfs, julianMilliseconds);
+    if (current == nullptr || !current->now_)
+      return usual.xCurrentTimeInt64(vfs, julianMilliseconds);
     const auto now = std::chrono::floor<std::chrono::milliseconds>(*current->now_);
     *julianMilliseconds = (now.time_since_epoch() + kFirstOf1970).count();
     return SQLITE_OK;
@@ -77,22 +80,18 @@ const std::array kCalls{
 
 }  // namespace
 
+// What is put in place stays there, and does as usual without this object: others copy it.
 FailingVfs::FailingVfs() {
   current = this;
+  for (auto* vfs = sqlite3_vfs_find(nullptr); vfs != nullptr; vfs = vfs->pNext) {
+    vfs->xSleep = SystemCalls::sleep;
+    vfs->xCurrentTimeInt64 = SystemCalls::time;
+  }
   sqlite3_vfs* const vfs = sqlite3_vfs_find("unix");
-  usual = *vfs;
   for (const auto& [name, failing] : kCalls) vfs->xSetSystemCall(vfs, name, failing);
-  vfs->xSleep = SystemCalls::sleep;
-  vfs->xCurrentTimeInt64 = SystemCalls::time;
 }
 
-FailingVfs::~FailingVfs() {
-  sqlite3_vfs* const vfs = sqlite3_vfs_find("unix");
-  vfs->xSetSystemCall(vfs, nullptr, nullptr);  // the usual ones
-  vfs->xSleep = usual.xSleep;
-  vfs->xCurrentTimeInt64 = usual.xCurrentTimeInt64;
-  current = nullptr;
-}
+FailingVfs::~FailingVfs() { current = nullptr; }
 
 }  // namespace marbleway::tests
 

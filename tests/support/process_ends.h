@@ -5,67 +5,82 @@
 #include <chrono>
 #include <csignal>
 #include <cstddef>
+#include <cstdint>
 #include <filesystem>
 #include <functional>
+#include <random>
 #include <string>
+#include <vector>
 
-// Ways in which a process ends, each played through by children of this one.
+// Ways in which a process ends, each played through by children of this one: a few rounds in the
+// tests, many in the stress program.
 namespace marbleway::tests {
 
 /// What does not hold, the first of it; empty: all does.
 using Fault = std::string;
 
-/// Starts the library in a child, its stores in the directory that is told beside it.
-using Start = std::function<void()>;
+/// How long a child may take.
+inline constexpr std::chrono::seconds kPatience{60};
 
-/// How long a child is waited for.
-inline constexpr std::chrono::seconds kPatience{30};
-
-/// A child that does `work`, or is ended by an alarm. What it has to tell it writes to the
-/// descriptor that its work is given.
+/// A child that does `work`, or is ended by an alarm. What it reports it writes to the descriptor
+/// that its work is given.
 class Child {
  public:
-  explicit Child(const std::function<void(int told)>& work,
+  explicit Child(const std::function<void(int reports)>& work,
                  std::chrono::seconds atMost = kPatience);
   Child(const Child&) = delete;
   Child& operator=(const Child&) = delete;
   ~Child();
 
-  /// Takes bytes that it has told until there are `most`, it has ended, or the time is over.
-  std::string told(std::size_t most, std::chrono::nanoseconds atMost = kPatience);
+  /// Takes bytes that it has reported until there are `most`, it has ended, or the time is over.
+  std::string reported(std::size_t most, std::chrono::nanoseconds atMost = kPatience);
   void kill() const;
-  /// Waits for its end. Its status as of `waitpid`: 0 when its work is done.
-  int wait();
+  /// Waits for its end. Empty when its work is done.
+  Fault wait();
 
  private:
   pid_t process_ = -1;
-  int told_ = -1;
+  int reports_ = -1;
 };
 
-/// The same for work that tells a fault. A child that has come to another end has one, too.
+/// The fault that `work` finds in a child, or how the child ended.
 Fault faultOfChild(const std::function<Fault()>& work, std::chrono::seconds atMost = kPatience);
 
-/// A child starts the library in the empty `directory` and records, until `kill -9` meets it
-/// `instant` after its call for row number `rows` (0: none) has returned; the next start follows.
-/// Every row whose call had returned is there, the stores are sound, and the next row is stored.
-Fault killWhileRecording(const Start& start, const std::filesystem::path& directory,
-                         std::size_t rows, std::chrono::nanoseconds instant);
+/// Rounds of one kind, each in an empty directory of its own below `directory`.
+struct Rounds {
+  std::filesystem::path directory;
+  int count = 1;
+  std::mt19937 random{};     // NOLINT(bugprone-random-generator-seed): each run names its seed
+  std::string figures = {};  // what was measured
 
-/// How an exit went.
-struct Exit {
-  Fault fault;
-  std::chrono::nanoseconds took{};  // from the call of `exit` to the end, as the parent sees it
+  /// The first fault of all rounds, with its number.
+  Fault run(const std::function<Fault(const std::filesystem::path& directory)>& round);
+  int below(int bound) { return std::uniform_int_distribution(0, bound - 1)(random); }
+  /// An instant before `longest`.
+  std::chrono::nanoseconds instant(std::chrono::milliseconds longest);
 };
 
-/// A child begins what `begin` begins and calls `exit` after `pause`. It ends by that.
-Exit exitInFlight(const std::function<void()>& begin, std::chrono::nanoseconds pause);
+/// Starts the library with this system's own services: stores in `directory`, the server at `url`.
+void startLibrary(const std::filesystem::path& directory, const std::string& url);
+/// The names of all events in the store, in order.
+std::vector<std::string> eventsIn(const std::filesystem::path& directory);
+/// Both stores are sound, with all their tables, and no half-made file lies beside them.
+Fault faultOfStores(const std::filesystem::path& directory);
 
-/// While three threads record, a child forks `forks` times, and each of its children records an
-/// event and exits. No row is lost, and no child waits for, or sends, what the parent has begun.
-/// `took` is the longest exit.
-Exit forkWhileRecording(const Start& start, const std::filesystem::path& directory, int forks);
+/// `kill -9` at any instant of a first start, or after some of the rows that it records. At the
+/// next start every row whose call had returned is there, and the next row is stored.
+Fault killFirstStart(Rounds& rounds);
+Fault killRecording(Rounds& rounds);
 
-/// A way in which `crashing_child` fails, and what is told of it.
+/// `exit` at any instant of what `begin` begins: the process ends by that, within `most`.
+Fault exitInFlight(Rounds& rounds, const std::function<void(const std::filesystem::path&)>& begin,
+                   std::chrono::milliseconds most);
+
+/// Forks while three threads record. Each child finds the library not started, starts it, records
+/// an event and exits within `most`. The parent loses no row.
+Fault forkRecording(Rounds& rounds, std::chrono::milliseconds most);
+
+/// A way in which `crashing_child` fails, and its row.
 struct Failing {
   const char* way;
   int signal;               // that ends it
