@@ -15,7 +15,7 @@ install(FILES Marbleway/Marbleway.h Marbleway/Host.h Marbleway/version.h
   DESTINATION ${include_root}/Marbleway)
 set(platform_headers
   buffer clock console crash_hook device export http location main_loop manual_loop network_capture
-  pages platform status_bar user_defaults user_interface value)
+  platform status_bar user_defaults user_interface value)
 list(TRANSFORM platform_headers REPLACE "(.+)" "Marbleway/platform/\\1.h")
 install(FILES ${platform_headers} DESTINATION ${include_root}/Marbleway/platform)
 if(TARGET marbleway_c)

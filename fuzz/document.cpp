@@ -25,7 +25,7 @@ void addRow(FuzzedDataProvider& bytes, Document& document, const Table& table,
   }
   Statement row(pathOf(table.store), sql.c_str());
   require(row.step(), "the row is there");
-  document.addRow(table, row);
+  document.addRow(row);
 }
 
 }  // namespace

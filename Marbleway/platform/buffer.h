@@ -1,6 +1,5 @@
 #pragma once
 
-#include <algorithm>
 #include <cstdlib>
 #include <cstring>
 #include <memory>
@@ -8,48 +7,51 @@
 #include <string_view>
 #include <utility>
 
-#include "pages.h"
-
 namespace marbleway::platform {
 
-/// Bytes in one growing block. Growth goes through `realloc`, which moves the pages of a large
-/// block instead of copying them, so a document takes little more memory than it has bytes.
+/// Bytes in one growing block.
+///
+/// Growth goes through `realloc`, which moves the pages of a large block instead of copying them,
+/// and by an eighth: the block is at most 9/8 of its bytes and 4 KiB.
 class Buffer {
  public:
   Buffer() noexcept = default;
-  /// Takes the other's bytes, which is then empty.
+  ///@{
+  /// Moves the bytes here. `other` is empty afterwards.
   Buffer(Buffer&& other) noexcept { swap(other); }
-  /// Takes the other's bytes, which is then empty.
   Buffer& operator=(Buffer&& other) noexcept {
     Buffer(std::move(other)).swap(*this);
     return *this;
   }
+  ///@}
   ~Buffer() = default;
 
-  /// How many bytes there are.
+  /// The number of bytes.
   std::size_t size() const noexcept { return size_; }
   /// The bytes. Valid until more are added.
   std::string_view view() const noexcept { return {block_.get(), size_}; }
 
-  /// Adds `bytes` at the end.
+  /// Adds `bytes` at the end. Throws std::bad_alloc.
   void append(std::string_view bytes) {
     if (bytes.empty()) return;
     std::memcpy(reserve(bytes.size()), bytes.data(), bytes.size());
     size_ += bytes.size();
   }
 
-  /// Where the next `size` bytes may be written; they count from `commit` on.
+  /// Where the next `size` bytes may be written. Throws std::bad_alloc.
   char* reserve(std::size_t size) {
-    if (size > ready_ - size_) makeReady(size);
+    if (size > capacity_ - size_) enlarge(size);
     return block_.get() + size_;
   }
   /// Counts `size` bytes that were written there.
   void commit(std::size_t size) noexcept { size_ += size; }
 
- private:
-  /// What a large block asks the system for at once.
-  static constexpr std::size_t kPiece = std::size_t{256} * 1024;
+  /// Drops all bytes after the first `size`.
+  void truncate(std::size_t size) noexcept {
+    if (size < size_) size_ = size;
+  }
 
+ private:
   struct Free {
     void operator()(char* block) const noexcept { std::free(block); }
   };
@@ -57,30 +59,22 @@ class Buffer {
   void swap(Buffer& other) noexcept {
     std::swap(block_, other.block_);
     std::swap(size_, other.size_);
-    std::swap(ready_, other.ready_);
     std::swap(capacity_, other.capacity_);
   }
 
-  void makeReady(std::size_t size) {
-    if (size > capacity_ - size_) enlarge(size);
-    ready_ = capacity_;
-    if (capacity_ < 4 * kPiece) return;
-    ready_ = std::min(capacity_, size_ + std::max(size, kPiece));
-    prefault(block_.get() + size_, std::min(ready_ - size_, kPiece));
-  }
-
   void enlarge(std::size_t size) {
-    const std::size_t capacity = (size_ + size) + (size_ + size) / 2 + 4096;
+    const std::size_t capacity = (size_ + size) + (size_ + size) / 8 + kFirstSize;
     auto* block = static_cast<char*>(std::realloc(block_.get(), capacity));
     if (block == nullptr) throw std::bad_alloc();
-    (void)block_.release();  // `realloc` took the old block
+    (void)block_.release();  // `realloc` freed the old block
     block_.reset(block);
     capacity_ = capacity;
   }
 
+  static constexpr std::size_t kFirstSize = 4096;
+
   std::unique_ptr<char, Free> block_;
   std::size_t size_ = 0;
-  std::size_t ready_ = 0;  // up to here `reserve` has nothing to do; at most the capacity
   std::size_t capacity_ = 0;
 };
 

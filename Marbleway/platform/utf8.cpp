@@ -23,6 +23,33 @@ std::size_t validPrefix(std::string_view text) noexcept {
   return at;
 }
 
+std::size_t cutPosition(std::string_view text, std::size_t most) noexcept {
+  for (std::size_t position = most; position > 0 && position + 4 > most; --position) {
+    if ((static_cast<unsigned char>(text[position]) & 0xC0U) != 0x80U) return position;
+  }
+  return most;  // no character has four continuation bytes
+}
+
+std::string encoded(char32_t character) {
+  const auto byte = [&](unsigned shift) {  // a continuation byte
+    return static_cast<char>(0x80U | ((character >> shift) & 0x3FU));
+  };
+  const auto first = [&](unsigned mark, unsigned shift) {
+    return static_cast<char>(mark | (character >> shift));
+  };
+  std::string sequence;
+  if (character < 0x80) {
+    sequence = {first(0, 0)};
+  } else if (character < 0x800) {
+    sequence = {first(0xC0, 6), byte(0)};
+  } else if (character < 0x10000) {
+    sequence = {first(0xE0, 12), byte(6), byte(0)};
+  } else {
+    sequence = {first(0xF0, 18), byte(12), byte(6), byte(0)};
+  }
+  return validPrefix(sequence) == sequence.size() ? sequence : std::string(kReplacement);
+}
+
 std::string repaired(std::string_view text) {
   std::string result;
   result.reserve(text.size());

@@ -6,12 +6,12 @@
 
 namespace marbleway {
 
-/// What stands for one byte that belongs to no valid sequence: U+FFFD.
+/// U+FFFD, which replaces each byte that belongs to no valid sequence.
 inline constexpr std::string_view kReplacement = "\xEF\xBF\xBD";
 
-/// Bytes of the valid UTF-8 sequence that begins at `text`, of which `left` (at least 1) bytes
-/// remain; 0 when none begins there. Overlong forms, surrogates and what lies beyond U+10FFFF are
-/// invalid (Unicode 15, table 3-7).
+/// The length of the valid UTF-8 sequence at the start of `text`, which has `left` (at least 1)
+/// bytes; 0 when there is none. Overlong forms, surrogates and values above U+10FFFF are invalid
+/// (Unicode 15, table 3-7).
 inline std::size_t sequenceLength(const char* text, std::size_t left) noexcept {
   const auto byte = [text](std::size_t i) { return static_cast<unsigned char>(text[i]); };
   const auto continues = [&](std::size_t i) { return (byte(i) & 0xC0U) == 0x80U; };
@@ -28,8 +28,15 @@ inline std::size_t sequenceLength(const char* text, std::size_t left) noexcept {
   return left >= 4 && continues(3) ? 4 : 0;
 }
 
-/// Bytes at the start of `text` that are valid UTF-8.
+/// The length of the longest start of `text` that is valid UTF-8.
 std::size_t validPrefix(std::string_view text) noexcept;
+
+/// Where `text` can be cut between two characters: at `most`, which is below its size, or up to
+/// three bytes before.
+std::size_t cutPosition(std::string_view text, std::size_t most) noexcept;
+
+/// The UTF-8 sequence of a character; U+FFFD where it is no character of Unicode.
+std::string encoded(char32_t character);
 
 /// `text` with every byte that belongs to no valid sequence replaced by U+FFFD.
 std::string repaired(std::string_view text);

@@ -12,6 +12,7 @@
 #include "Marbleway/store/timestamp.h"
 #include "Marbleway/tracking/validation.h"
 #include "Marbleway/upload/batch.h"
+#include "Marbleway/upload/dispatch.h"
 
 using namespace marbleway;
 
@@ -30,6 +31,7 @@ void leaveToParent() {
   isConnectedToInternet = false;
   for (TimerHandle* task : {&TimerTask, &SessionTask}) task->store(nullptr);
   Pending::forget();
+  BatchSlot::reset();
   renewValidation();
   releaseStoresInChild();
 }

@@ -21,6 +21,7 @@ using std::chrono::steady_clock;
 
 constexpr std::chrono::seconds kBusyTimeout{2};
 constexpr std::chrono::milliseconds kRetryInterval{1};
+constexpr int kPieceBytes = 64 * 1024;
 
 constinit std::atomic<int> waitingFiles{0};  // open ones that have had to wait
 constinit std::atomic<bool> areAbandoned{false};
@@ -127,8 +128,9 @@ void Statement::bind(int index, const Text& text) {
   if (validPrefix(bytes) != bytes.size()) return bind(index, repaired(bytes));
   const int result = text.isAbsent()
                          ? sqlite3_bind_null(statement_, index)
-                         : sqlite3_bind_text64(statement_, index, bytes.data(), bytes.size(),
-                                               SQLITE_TRANSIENT, SQLITE_UTF8);
+                         // A null pointer would bind NULL, and an empty text may have one.
+                         : sqlite3_bind_text64(statement_, index, bytes.empty() ? "" : bytes.data(),
+                                               bytes.size(), SQLITE_TRANSIENT, SQLITE_UTF8);
   // A row that lacks one of its texts would tell what was not so.
   if (result != SQLITE_OK) sqlite3_finalize(std::exchange(statement_, nullptr));
 }
@@ -136,6 +138,7 @@ void Statement::bind(int index, const Text& text) {
 bool Statement::step() {
   const int result = statement_ != nullptr ? sqlite3_step(statement_) : SQLITE_MISUSE;
   isDone_ = result == SQLITE_DONE;
+  isRowTooLong_ = result == SQLITE_TOOBIG;
   return result == SQLITE_ROW;
 }
 
@@ -146,5 +149,48 @@ std::string_view Statement::text(int index) const {
 }
 
 int Statement::integer(int index) const { return sqlite3_column_int(statement_, index); }
+
+std::int64_t Statement::id() const { return sqlite3_column_int64(statement_, 0); }
+
+void Statement::limitTexts(int bytes) {
+  if (file_.connection_ != nullptr) sqlite3_limit(file_.connection_, SQLITE_LIMIT_LENGTH, bytes);
+}
+
+LongRow::LongRow(const std::string& path, const Table& table, std::int64_t after)
+    : file_(path), table_(table.name) {
+  if (!file_.execute("BEGIN")) return;
+  const std::string sql = std::string("SELECT id FROM ")
+                              .append(table_)
+                              .append(" WHERE id > ")
+                              .append(std::to_string(after))
+                              .append(" ORDER BY id LIMIT 1");
+  sqlite3_stmt* statement = nullptr;
+  sqlite3_prepare_v2(file_.connection_, sql.c_str(), -1, &statement, nullptr);
+  exists_ = statement != nullptr && sqlite3_step(statement) == SQLITE_ROW;
+  if (exists_) id_ = sqlite3_column_int64(statement, 0);
+  sqlite3_finalize(statement);
+}
+
+bool LongRow::read(std::string_view column,
+                   const std::function<void(std::string_view piece)>& use) {
+  sqlite3_blob* opened = nullptr;
+  const int result = sqlite3_blob_open(file_.connection_, "main", table_.c_str(),
+                                       std::string(column).c_str(), id_, 0, &opened);
+  const std::unique_ptr<sqlite3_blob, decltype(&sqlite3_blob_close)> text(opened,
+                                                                          sqlite3_blob_close);
+  if (result == SQLITE_ERROR) return true;  // NULL has no bytes to open
+  if (result != SQLITE_OK) return false;
+  std::string piece;
+  const int size = sqlite3_blob_bytes(opened);
+  for (int start = 0; start < size;) {
+    piece.resize(static_cast<std::size_t>(std::min(size - start, kPieceBytes)));
+    const auto bytes = static_cast<int>(piece.size());
+    if (sqlite3_blob_read(opened, piece.data(), bytes, start) != SQLITE_OK) return false;
+    if (start + bytes < size) piece.resize(cutPosition(piece, piece.size() - 1));
+    use(piece);
+    start += static_cast<int>(piece.size());
+  }
+  return true;
+}
 
 }  // namespace marbleway

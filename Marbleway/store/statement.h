@@ -2,6 +2,8 @@
 
 #include <algorithm>
 #include <chrono>
+#include <cstdint>
+#include <functional>
 #include <string>
 #include <string_view>
 
@@ -31,6 +33,7 @@ class StoreFile {
 
  private:
   friend class Statement;
+  friend class LongRow;
   static int busyHandler(void* file, int calls);
 
   platform::WriteGuard guard_{platform::WriteGuard::Into::file};  // outlives the connection
@@ -62,12 +65,41 @@ class Statement {
   std::string_view text(int index) const;
   /// The low 32 bits of column `index`.
   int integer(int index) const;
+  /// Column 0 of the row.
+  std::int64_t id() const;
+
+  /// From now on a row with a text above `bytes` ends the stepping, and `isRowTooLong` is true.
+  void limitTexts(int bytes);
+  bool isRowTooLong() const { return isRowTooLong_; }
 
  private:
   StoreFile file_;
   sqlite3_stmt* statement_ = nullptr;  // null when it could not be prepared
   bool isTransaction_ = false;
   bool isDone_ = false;  // stepped to its end
+  bool isRowTooLong_ = false;
+};
+
+/// One row of a table, read in pieces of its texts, so that it needs little memory.
+class LongRow {
+ public:
+  /// The first row of `table` after the one with the id `after`.
+  LongRow(const std::string& path, const Table& table, std::int64_t after);
+  LongRow(const LongRow&) = delete;
+  LongRow& operator=(const LongRow&) = delete;
+  ~LongRow() = default;
+
+  bool exists() const { return exists_; }
+  std::int64_t id() const { return id_; }
+  /// Calls `use` with each piece of a column's text, which ends between two characters; not at all
+  /// for NULL. False when the column cannot be read.
+  bool read(std::string_view column, const std::function<void(std::string_view piece)>& use);
+
+ private:
+  StoreFile file_;  // in one transaction
+  std::string table_;
+  std::int64_t id_ = 0;
+  bool exists_ = false;
 };
 
 /// Around a fork, so that its child finds no lock of SQLite's held: waits until no connection is

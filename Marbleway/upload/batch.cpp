@@ -1,7 +1,10 @@
 #include "Marbleway/upload/batch.h"
 
 #include <algorithm>
+#include <cstdint>
 #include <iterator>
+#include <limits>
+#include <memory>
 #include <string>
 #include <utility>
 #include <vector>
@@ -17,30 +20,77 @@
 namespace marbleway {
 namespace {
 
-// The network table's RequestURL.
+// The network table's `RequestURL`.
 constexpr int kRequestURLColumn = 4;
 
-// True when an entry of the server's list contains the row's whole URL. The test runs in this
-// direction on purpose: an entry that is a part of the URL drops nothing.
-bool isBlacklisted(const Statement& row, const std::vector<std::string>& blacklist) {
-  const std::string_view url = row.text(kRequestURLColumn);
+// Rows with a longer text are read in pieces: SQLite would make a copy of the whole text.
+constexpr int kMaxTextBytes = 256 * 1024;
+
+// True when an entry of the server's list contains the row's whole URL. The direction is intended:
+// an entry that is only a part of the URL drops nothing.
+bool isBlacklisted(std::string_view url, const std::vector<std::string>& blacklist) {
   return std::any_of(blacklist.begin(), blacklist.end(), [&](const std::string& entry) {
     return entry.find(url) != std::string::npos;
   });
 }
 
-void readRows(const Table& table, Document& document) {
-  const auto blacklist = table.store == Store::network
-                             ? networkBlacklist.load().value_or(std::vector<std::string>())
-                             : std::vector<std::string>();
-  const std::string sql = std::string("SELECT * FROM ").append(table.name);
-  document.beginArray(table);
-  Statement row(pathOf(table.store), sql.c_str());
-  while (row.step()) {
-    if (blacklist.empty() || !isBlacklisted(row, blacklist)) document.addRow(table, row);
+// Writes the rows of one table to the document.
+class TableReader {
+ public:
+  TableReader(const Table& table, Document& document)
+      : table_(table), document_(document), path_(pathOf(table.store)) {
+    if (table.store == Store::network) {
+      blacklist_ = networkBlacklist.load().value_or(std::vector<std::string>());
+    }
   }
-  document.endArray();
-}
+
+  void readAll() {
+    document_.beginArray(table_);
+    while (readRows() && readLongRow()) {
+    }
+    document_.endArray();
+  }
+
+ private:
+  // Goes on behind the latest row. True when it has come to a long one.
+  bool readRows() {
+    std::string sql = std::string("SELECT * FROM ").append(table_.name);
+    if (latest_ != kNone) sql.append(" WHERE id > ").append(std::to_string(latest_));
+    Statement row(path_, sql.c_str());
+    row.limitTexts(kMaxTextBytes);
+    while (row.step()) {
+      latest_ = row.id();
+      if (blacklist_.empty() || !isBlacklisted(row.text(kRequestURLColumn), blacklist_)) {
+        document_.addRow(row);
+      }
+    }
+    return row.isRowTooLong();
+  }
+
+  // False when the row cannot be read.
+  bool readLongRow() {
+    LongRow row(path_, table_, latest_);
+    if (!row.exists()) return false;
+    latest_ = row.id();
+    return isDropped(row) || document_.addRow(table_, row);
+  }
+
+  bool isDropped(LongRow& row) const {
+    if (blacklist_.empty()) return false;
+    std::string url;
+    const auto append = [&](std::string_view piece) { url.append(piece); };
+    return row.read(table_.columns[kRequestURLColumn - 1], append) &&
+           isBlacklisted(url, blacklist_);
+  }
+
+  static constexpr auto kNone = std::numeric_limits<std::int64_t>::min();
+
+  const Table& table_;
+  Document& document_;
+  const std::string path_;
+  std::vector<std::string> blacklist_;  // for network requests
+  std::int64_t latest_ = kNone;         // the id of the row read last
+};
 
 }  // namespace
 
@@ -49,13 +99,15 @@ void batchData() {
       !isUploadingEnabled) {
     return;
   }
+  auto slot = std::make_shared<const BatchSlot>();
+  if (!slot->isTaken()) return;
   Document document;
   CutOffs cutOffs;
   for (std::size_t i = 0; i < std::size(kTables); ++i) {
-    readRows(kTables[i], document);
+    TableReader(kTables[i], document).readAll();
     cutOffs.at(i) = getUTCTimeStamp();
   }
-  if (document.hasRows()) dispatchBatch(document.take(), std::move(cutOffs));
+  if (document.hasRows()) dispatchBatch(document.take(), std::move(cutOffs), std::move(slot));
 }
 
 void uploadNow() noexcept { operation(batchData); }

@@ -2,13 +2,14 @@
 
 namespace marbleway {
 
-/// Reads every row of all sixteen tables into one document and posts it to the server, whose 200
-/// deletes what was read; returns as soon as the request has begun.
+/// Reads every row of all sixteen tables into one document and posts it to the server. Returns when
+/// the request has begun. A response of 200 deletes from each table the rows up to the UTC day on
+/// which the table was read.
 ///
-/// Nothing happens unless the library is connected, valid, in a session, tracking and uploading;
-/// nor when there is no row. Failures are silent: a table that cannot be read counts as empty, and
-/// what the server does not take is read again by the next batch. Overlapping calls send the same
-/// rows twice. Thread: any.
+/// Does nothing unless the library is connected, valid, in a session, tracking and uploading; nor
+/// while four batches are in flight; nor when there is no row. Batches in flight send the same
+/// rows. Failures are silent: a table that cannot be read counts as empty, and rows that stay are
+/// read again by the next batch. Thread: any.
 void batchData();
 
 }  // namespace marbleway

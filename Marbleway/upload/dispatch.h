@@ -1,5 +1,6 @@
 #pragma once
 
+#include <memory>
 #include <string_view>
 
 #include "Marbleway/platform/http.h"
@@ -7,13 +8,33 @@
 
 namespace marbleway {
 
-/// A POST to `path` under the server's base URL with the headers of every request; without the
-/// token's header when the project has no token.
+/// A POST to `path` under the server's base URL with the headers of every request. Without a
+/// project token it has no header for one.
 platform::HttpRequest requestTo(std::string_view path);
 
+/// One of the at most four batches in flight, from before its rows are read until its response has
+/// been applied.
+class BatchSlot {
+ public:
+  /// Takes a slot where one is free.
+  BatchSlot();
+  BatchSlot(const BatchSlot&) = delete;
+  BatchSlot& operator=(const BatchSlot&) = delete;
+  ~BatchSlot();
+
+  bool isTaken() const { return isTaken_; }
+
+  /// In the child of a fork, which has none of its parent's batches in flight.
+  static void reset() noexcept;
+
+ private:
+  bool isTaken_;
+};
+
 /// Posts a batch document to the server. A 200 deletes from each table the rows whose UTC date is
-/// on or before that of the table's cut-off, on the HTTP client's thread; any other response, or
+/// on or before that of the table's cut-off, on the HTTP client's thread. Any other response, or
 /// none, changes nothing.
-void dispatchBatch(platform::Buffer document, CutOffs cutOffs);
+void dispatchBatch(platform::Buffer document, CutOffs cutOffs,
+                   std::shared_ptr<const BatchSlot> slot);
 
 }  // namespace marbleway

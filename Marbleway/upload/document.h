@@ -1,8 +1,8 @@
 #pragma once
 
-#include <array>
-#include <cstddef>
-#include <string_view>
+#include <cstdint>
+#include <string>
+#include <utility>
 #include <vector>
 
 #include "Marbleway/platform/buffer.h"
@@ -10,45 +10,38 @@
 
 namespace marbleway {
 
-/// The batch document, written text by text while the rows are read: no row outlives its writing.
+/// The batch document, written text by text while the rows are read: rows are never gathered.
 ///
 /// {"BatchData":{"Events":[{"id":"17","SessionID":"...", ...}, ...], ...}}, compact, valid UTF-8.
 class Document {
  public:
   Document() { buffer_.append(R"({"BatchData":{)"); }
 
-  /// Opens the array of `table`, whose rows follow.
+  /// Opens the array of `table`. Its rows follow.
   void beginArray(const Table& table);
-  /// Writes the row at which `statement` stands.
-  void addRow(const Table& table, const Statement& statement);
+  /// Writes the present row of `statement`, which reads the table of the array.
+  void addRow(const Statement& statement);
+  /// Writes a row of `table`, which is that of the array. False, and nothing is written, when the
+  /// row cannot be read.
+  bool addRow(const Table& table, LongRow& row);
   void endArray() { buffer_.append("]"); }
 
   bool hasRows() const { return hasRows_; }
-  /// Closes the document and hands it out.
+  /// Closes the document and moves it out.
   platform::Buffer take() {
     buffer_.append("}}");
     return std::move(buffer_);
   }
 
  private:
-  /// What stands before a value: ","SessionID":". Copied whole, since a known size is fast.
-  struct KeyPrefix {
-    static constexpr std::size_t kMaxKeyLength = 34;
-
-    std::array<char, kMaxKeyLength + 6> bytes{};
-    std::size_t size = 0;
-  };
-
-  void beginRows(const Table& table);
+  void beginRow(std::int32_t id);
+  void endRow();
 
   platform::Buffer buffer_;
-  std::vector<KeyPrefix> keyPrefixes_;  // of the array's rows, once it has one
+  std::vector<std::string> keyPrefixes_;  // one a column: ","SessionID":"
   bool hasRows_ = false;
   bool isFirstArray_ = true;
+  bool isFirstRow_ = true;
 };
-
-/// Appends `text` as the inside of a JSON string: quotes, backslashes and controls escaped, each
-/// byte that belongs to no valid UTF-8 sequence replaced by U+FFFD.
-void appendEscaped(platform::Buffer& buffer, std::string_view text);
 
 }  // namespace marbleway

@@ -168,7 +168,7 @@ void batch(const Inspection& inspection) {
                             inspection.selection.condition(table);
     marbleway::Statement row(inspection.documents.pathOf(table.store), sql.c_str());
     if (const auto parameter = inspection.selection.parameter(table)) row.bind(1, *parameter);
-    while (row.step()) document.addRow(table, row);
+    while (row.step()) document.addRow(row);
     document.endArray();
   }
   if (!document.hasRows()) {

@@ -6,7 +6,7 @@
 #include <utility>
 
 #include "Marbleway/platform/utf8.h"
-#include "Marbleway/upload/document.h"
+#include "Marbleway/platform/escape.h"
 
 namespace inspect {
 namespace {
