@@ -1,16 +1,17 @@
 #include "Marbleway/platform/json.h"
 
-#include <rapidjson/prettywriter.h>
 #include <rapidjson/reader.h>
-#include <rapidjson/stringbuffer.h>
-#include <rapidjson/writer.h>
 
 #include <array>
 #include <charconv>
 #include <cmath>
+#include <cstdlib>
+#include <new>
 #include <utility>
 #include <vector>
 
+#include "Marbleway/platform/buffer.h"
+#include "Marbleway/platform/escape.h"
 #include "Marbleway/platform/utf8.h"
 
 namespace marbleway {
@@ -20,7 +21,22 @@ namespace rj = rapidjson;
 
 constexpr std::size_t kMaxDepth = 512;
 
-// Builds a value from the reader's events, without recursion.
+// Memory for RapidJSON, whose own allocator hands out null pointers when there is none.
+struct ThrowingAllocator {
+  static void* Malloc(std::size_t size) { return Realloc(nullptr, 0, size); }
+  static void* Realloc(void* block, std::size_t /*oldSize*/, std::size_t size) {
+    if (size == 0) {
+      Free(block);
+      return nullptr;
+    }
+    void* const moved = std::realloc(block, size);
+    if (moved == nullptr) throw std::bad_alloc();
+    return moved;
+  }
+  static void Free(void* block) noexcept { std::free(block); }
+};
+
+// Builds a value from the reader's events. Nesting costs no stack.
 class Builder : public rj::BaseReaderHandler<rj::UTF8<>, Builder> {
  public:
   Value take() { return std::move(root_); }
@@ -34,7 +50,7 @@ class Builder : public rj::BaseReaderHandler<rj::UTF8<>, Builder> {
     if (error == std::errc() && last == end) return add(integer);
     double real = 0;
     if (std::from_chars(text, end, real).ec == std::errc()) return add(real);
-    long double wide = 0;  // holds whatever the reader takes; what is too small for it stays 0
+    long double wide = 0;  // its range holds all that the reader accepts but the tiniest numbers
     (void)std::from_chars(text, end, wide);
     return std::abs(wide) < 1 && add(0.0);
   }
@@ -58,7 +74,7 @@ class Builder : public rj::BaseReaderHandler<rj::UTF8<>, Builder> {
     std::string key;  // of the object's next member
   };
 
-  // The reader lets half of a surrogate pair through where it is the second half.
+  // The reader accepts the second half of a surrogate pair without the first.
   static bool isValid(std::string_view text) { return validPrefix(text) == text.size(); }
 
   bool enter(bool isObject) {
@@ -88,98 +104,93 @@ class Builder : public rj::BaseReaderHandler<rj::UTF8<>, Builder> {
   std::vector<Level> open_;
 };
 
-// Writes a value to a RapidJSON writer, without recursion.
-template <class Writer>
-class Traversal {
- public:
-  explicit Traversal(Writer& writer) : writer_(writer) {}
+enum class Layout { compact, pretty };
 
-  // False when `root` holds a number that is not finite.
+// Writes a value as JSON. Nesting costs no stack.
+class Writer {
+ public:
+  explicit Writer(Layout layout) : isPretty_(layout == Layout::pretty) {}
+
+  // Absent when `root` holds a number that is not finite.
   template <class Root>
-  bool write(const Root& root) {
-    if (!begin(root)) return false;
-    while (!open_.empty()) {
-      if (!advance()) return false;
-    }
-    return true;
+  std::optional<std::string> write(const Root& root) {
+    bool isWritten = begin(root);
+    while (isWritten && !open_.empty()) isWritten = advance();
+    return isWritten ? std::optional<std::string>(out_.view()) : std::nullopt;
   }
 
  private:
   struct Level {
     const Array* array;            // one of the two
     const Dictionary* dictionary;  // is null
-    std::size_t next;              // the element whose turn it is
+    std::size_t next = 0;          // the index of the next element
   };
 
   void text(std::string_view text) {
-    if (validPrefix(text) == text.size()) {
-      writer_.String(text.data(), static_cast<rj::SizeType>(text.size()));
-    } else {
-      this->text(repaired(text));
-    }
-  }
-
-  bool number(double number) {
-    const std::string shortest = json::textOf(number);
-    return std::isfinite(number) &&
-           writer_.RawValue(shortest.data(), shortest.size(), rj::kNumberType);
+    out_.append("\"");
+    appendEscaped(out_, text);
+    out_.append("\"");
   }
 
   bool begin(const Value& value) {
-    if (const auto* flag = value.as<bool>()) return writer_.Bool(*flag);
-    if (const auto* integer = value.as<std::int64_t>()) return writer_.Int64(*integer);
-    if (const auto* real = value.as<double>()) return number(*real);
+    if (const auto* dictionary = value.as<Dictionary>()) return begin(*dictionary);
+    if (const auto* array = value.as<Array>()) {
+      out_.append("[");
+      open_.push_back({array, nullptr});
+      return true;
+    }
     if (const auto* content = value.as<std::string>()) {
       text(*content);
-    } else if (const auto* array = value.as<Array>()) {
-      writer_.StartArray();
-      open_.push_back({array, nullptr, 0});
-    } else if (const auto* dictionary = value.as<Dictionary>()) {
-      return begin(*dictionary);
-    } else {
-      writer_.Null();
+      return true;
     }
+    const auto* real = value.as<double>();
+    if (real != nullptr && !std::isfinite(*real)) return false;
+    out_.append(scalar(value));
     return true;
   }
-
   bool begin(const Dictionary& dictionary) {
-    writer_.StartObject();
-    open_.push_back({nullptr, &dictionary, 0});
+    out_.append("{");
+    open_.push_back({nullptr, &dictionary});
     return true;
   }
 
+  static std::string scalar(const Value& value) {
+    if (const auto* flag = value.as<bool>()) return *flag ? "true" : "false";
+    if (const auto* integer = value.as<std::int64_t>()) return std::to_string(*integer);
+    if (const auto* real = value.as<double>()) return json::textOf(*real);
+    return "null";
+  }
+
+  // Writes the innermost level's next element, or its end.
   bool advance() {
     Level& level = open_.back();
+    const std::size_t size =
+        level.array != nullptr ? level.array->size() : level.dictionary->size();
+    if (level.next == size) {
+      const std::string_view bracket = level.array != nullptr ? "]" : "}";
+      open_.pop_back();
+      if (size > 0) breakLine();
+      out_.append(bracket);
+      return true;
+    }
+    if (level.next > 0) out_.append(",");
+    breakLine();
     const std::size_t index = level.next++;
-    if (level.array != nullptr && index < level.array->size()) {
-      return begin((*level.array)[index]);
-    }
-    if (level.dictionary != nullptr && index < level.dictionary->size()) {
-      const Dictionary::Entry& entry =
-          level.dictionary->begin()[static_cast<std::ptrdiff_t>(index)];
-      text(entry.first);
-      return begin(entry.second);
-    }
-    if (level.array != nullptr) {
-      writer_.EndArray();
-    } else {
-      writer_.EndObject();
-    }
-    open_.pop_back();
-    return true;
+    if (level.array != nullptr) return begin((*level.array)[index]);
+    const auto& [key, value] = level.dictionary->begin()[static_cast<std::ptrdiff_t>(index)];
+    text(key);
+    out_.append(isPretty_ ? ": " : ":");
+    return begin(value);
   }
 
-  Writer& writer_;
+  void breakLine() {
+    if (isPretty_) out_.append(std::string("\n").append(4 * open_.size(), ' '));
+  }
+
+  const bool isPretty_;
+  platform::Buffer out_;
   std::vector<Level> open_;
 };
-
-template <class Writer, class Root>
-std::optional<std::string> written(const Root& value) {
-  rj::StringBuffer buffer;
-  Writer writer(buffer);
-  if (!Traversal<Writer>(writer).write(value)) return std::nullopt;
-  return std::string(buffer.GetString(), buffer.GetSize());
-}
 
 }  // namespace
 
@@ -187,31 +198,50 @@ std::optional<Value> valueFromJSON(std::string_view text) {
   // The numbers are read here: the reader takes "0e42" for another number than 0.
   constexpr unsigned kFlags = rj::kParseIterativeFlag | rj::kParseNumbersAsStringsFlag;
   rj::MemoryStream stream(text.data(), text.size());
-  rj::Reader reader;
+  rj::GenericReader<rj::UTF8<>, rj::UTF8<>, ThrowingAllocator> reader;
   Builder builder;
   if (!reader.Parse<kFlags>(stream, builder)) return std::nullopt;
-  if (stream.Tell() != text.size()) return std::nullopt;  // a NUL ends the text for the reader
+  if (stream.Tell() != text.size()) return std::nullopt;  // the reader stops at a NUL
   return builder.take();
 }
 
 std::optional<std::string> toJSON(const Value& value) {
-  return written<rj::Writer<rj::StringBuffer>>(value);
+  return Writer(Layout::compact).write(value);
 }
 
 namespace json {
 
 std::optional<std::string> toJSON(const Dictionary& dictionary) {
-  return written<rj::Writer<rj::StringBuffer>>(dictionary);
+  return Writer(Layout::compact).write(dictionary);
 }
 
 std::optional<std::string> toPrettyJSON(const Value& value) {
-  return written<rj::PrettyWriter<rj::StringBuffer>>(value);
+  return Writer(Layout::pretty).write(value);
 }
 
 std::string textOf(double number) {
-  std::array<char, 32> digits{};
-  const auto end = std::to_chars(digits.data(), digits.data() + digits.size(), number).ptr;
-  return {digits.data(), end};
+  if (std::isnan(number)) return "NaN";
+  if (std::isinf(number)) return number < 0 ? "-Infinity" : "Infinity";
+  if (number == 0) return "0";
+  if (number < 0) return textOf(-number).insert(0, 1, '-');
+
+  std::array<char, 32> scientific{};  // 1.25e+02
+  const auto written = std::to_chars(scientific.data(), scientific.data() + scientific.size(),
+                                     number, std::chars_format::scientific);
+  std::string digits(scientific.data(), written.ptr);
+  const std::size_t mark = digits.find('e');
+  int exponent = 0;
+  const std::size_t sign = digits[mark + 1] == '+' ? 1 : 0;  // `from_chars` refuses "+"
+  std::from_chars(digits.data() + mark + 1 + sign, digits.data() + digits.size(), exponent);
+  digits.resize(mark);
+  if (exponent < -6 || exponent >= 21) {
+    return digits.append(exponent < 0 ? "e" : "e+").append(std::to_string(exponent));
+  }
+  if (digits.size() > 1) digits.erase(1, 1);  // the point
+  if (exponent < 0) return digits.insert(0, "0.00000", static_cast<std::size_t>(1 - exponent));
+  const auto whole = static_cast<std::size_t>(exponent) + 1;  // digits before the point
+  if (digits.size() <= whole) return digits.append(whole - digits.size(), '0');
+  return digits.insert(whole, 1, '.');
 }
 
 }  // namespace json

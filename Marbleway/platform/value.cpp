@@ -1,14 +1,16 @@
 #include "Marbleway/platform/value.h"
 
 #include <algorithm>
+#include <array>
+#include <charconv>
 
 namespace marbleway {
 namespace {
 
-// From this many keys on, a dictionary looks them up in an index.
+// From this number of keys on, a dictionary has an index.
 constexpr std::size_t kIndexedSize = 16;
 
-// Pairs still to be compared: a list of its own, so that nesting costs no stack.
+// Pairs still to be compared. A list, so that nesting costs no stack.
 using Pairs = std::vector<std::pair<const Value*, const Value*>>;
 
 bool matches(const Array& left, const Array& right, Pairs& open) {
@@ -93,20 +95,63 @@ void Dictionary::set(std::string key, Value value) {
 }
 
 namespace detail {
+namespace {
 
-void retire(Shared* last) noexcept {
-  static thread_local Shared* waiting = nullptr;
-  static thread_local bool destroying = false;
+// An array or a dictionary that values share.
+struct Node {
+  Node() = default;
+  Node(const Node&) = delete;
+  Node& operator=(const Node&) = delete;
+  virtual ~Node() = default;
 
-  last->next = waiting;
-  waiting = last;
-  if (destroying) return;
-  destroying = true;
-  while (waiting != nullptr) {
-    // What only this one owned comes back here and waits its turn.
-    const std::unique_ptr<Shared> ended(std::exchange(waiting, waiting->next));
+  Node* next = nullptr;  // in the list of nodes to destroy
+};
+
+template <class T>
+struct Holder : Node {
+  explicit Holder(T content) : value(std::move(content)) {}
+  T value;
+};
+
+// Destroys a node that has no owner. Nodes that lose their last owner meanwhile are destroyed after
+// it, not within: nesting costs no stack.
+struct Destroy {
+  void operator()(Node* node) const noexcept {
+    static thread_local Node* list = nullptr;
+    static thread_local bool isDestroying = false;
+
+    node->next = std::exchange(list, node);
+    if (isDestroying) return;
+    isDestroying = true;
+    while (list != nullptr) {
+      const std::unique_ptr<Node> first(std::exchange(list, list->next));
+    }
+    isDestroying = false;
   }
-  destroying = false;
+};
+
+template <class T>
+std::shared_ptr<const T> shareContent(T content) {
+  std::unique_ptr<Holder<T>, Destroy> holder(
+      std::make_unique<Holder<T>>(std::move(content)).release());
+  const T* const value = &holder->value;
+  return {std::shared_ptr<const Node>(std::move(holder)), value};
+}
+
+}  // namespace
+
+std::shared_ptr<const Array> share(Array array) { return shareContent(std::move(array)); }
+std::shared_ptr<const Dictionary> share(Dictionary dictionary) {
+  return shareContent(std::move(dictionary));
+}
+
+double widened(float number) noexcept {
+  std::array<char, 16> digits{};  // -1.17549435e-38 is the longest
+  const auto written = std::to_chars(digits.data(), digits.data() + digits.size(), number,
+                                     std::chars_format::scientific);
+  double result = number;
+  std::from_chars(digits.data(), written.ptr, result);
+  return result;
 }
 
 }  // namespace detail

@@ -1,6 +1,5 @@
 #pragma once
 
-#include <atomic>
 #include <concepts>
 #include <cstdint>
 #include <initializer_list>
@@ -20,13 +19,13 @@ namespace marbleway {
 class Array;
 class Dictionary;
 
-/// Text handed to an operation: absent, or present and possibly empty. It ends at an embedded NUL.
+/// Text passed to an operation: absent, or present and possibly empty. It ends at an embedded NUL.
 ///
-/// A view: what it was made from has to live as long as the call that it is handed to.
+/// A view in UTF-8: the text that it was made from must exist until the call returns.
 class Text {
  public:
   ///@{
-  /// Made from whatever holds a text; a null pointer and an empty optional are absent.
+  /// Null pointers and empty optionals are absent; every other text is present.
   constexpr Text(std::nullptr_t) noexcept {}
   constexpr Text(std::nullopt_t) noexcept {}
   constexpr Text(std::string_view text) noexcept : view_(text.substr(0, text.find('\0'))) {}
@@ -56,51 +55,27 @@ class Text {
 
 namespace detail {
 
-/// An array or a dictionary that values share; never changed once shared.
-struct Shared {
-  Shared() = default;
-  Shared(const Shared&) = delete;
-  Shared& operator=(const Shared&) = delete;
-  virtual ~Shared() = default;
+/// Moves an array or a dictionary to where copies of a value share it.
+MARBLEWAY_EXPORT std::shared_ptr<const Array> share(Array array);
+MARBLEWAY_EXPORT std::shared_ptr<const Dictionary> share(Dictionary dictionary);
 
-  std::atomic<std::size_t> owners{1};
-  Shared* next = nullptr;  // the next one waiting to be destroyed
-};
-
-template <class T>
-struct Holder;
-
-/// Counts the owners of a `Holder<T>`. The last one's end destroys it, without recursion.
-template <class T>
-class Handle {
- public:
-  explicit Handle(T value);
-  Handle(const Handle& other) noexcept;
-  Handle(Handle&& other) noexcept : held_(std::exchange(other.held_, nullptr)) {}
-  Handle& operator=(Handle other) noexcept {
-    std::swap(held_, other.held_);
-    return *this;
-  }
-  ~Handle();
-
-  const T& operator*() const noexcept;
-
- private:
-  Holder<T>* held_;
-};
+/// The double with the decimal digits that are the shortest for `number`: 0.1 for 0.1F.
+MARBLEWAY_EXPORT double widened(float number) noexcept;
 
 }  // namespace detail
 
 /// A JSON-compatible value: null, boolean, 64-bit integer, double, text, array or dictionary.
 ///
-/// Copies share arrays and dictionaries, so copying costs a count, however much a value holds.
+/// Copies share an array or a dictionary, which never changes: such a copy takes constant time.
+/// Depth is limited by memory alone: comparison and destruction use no recursion.
+/// Thread: any, for different objects; copies may be used by different threads.
 class MARBLEWAY_EXPORT Value {
  public:
   Value() noexcept = default;
   /// A boolean.
   template <std::same_as<bool> T>
   Value(T flag) noexcept : data_(flag) {}
-  /// An integer beyond 64 signed bits is kept as a double.
+  /// An integer; one above 2^63 - 1 is stored as a double.
   template <std::integral T>
   requires(!std::same_as<T, bool>) Value(T number)
   noexcept {
@@ -110,10 +85,17 @@ class MARBLEWAY_EXPORT Value {
       data_ = static_cast<std::int64_t>(number);
     }
   }
-  /// A number of any floating type, kept as a double.
+  /// A number of any floating type, stored as a double. A `float` gives the double with the same
+  /// shortest decimal digits: `Value(0.1F) == Value(0.1)`.
   template <std::floating_point T>
-  Value(T number) noexcept : data_(static_cast<double>(number)) {}
-  /// An absent text is null.
+  Value(T number) noexcept {
+    if constexpr (std::same_as<T, float>) {
+      data_ = detail::widened(number);
+    } else {
+      data_ = static_cast<double>(number);
+    }
+  }
+  /// A copy of a text; null for an absent one.
   template <class T>
   requires std::convertible_to<const T&, Text> Value(const T& text) {
     const Text given(text);
@@ -123,7 +105,7 @@ class MARBLEWAY_EXPORT Value {
   Value(Dictionary dictionary);  ///< Its keys in order.
 
   ///@{
-  /// Copies share; what has been moved from is null.
+  /// A value that has been moved from is null.
   Value(const Value& other) = default;
   Value(Value&& other) noexcept { data_.swap(other.data_); }
   Value& operator=(Value other) noexcept {
@@ -133,20 +115,20 @@ class MARBLEWAY_EXPORT Value {
   ///@}
   ~Value() = default;
 
-  /// True for null, which an absent text is as well.
+  /// True for null.
   bool isNull() const noexcept { return std::holds_alternative<std::monostate>(data_); }
 
-  /// The value of type `bool`, `std::int64_t`, `double`, `std::string`, `Array` or `Dictionary`;
-  /// null when it holds another kind.
+  /// The content as `bool`, `std::int64_t`, `double`, `std::string`, `Array` or `Dictionary`; a
+  /// null pointer when the value holds another kind. Valid until the value changes.
   template <class T>
   const T* as() const noexcept;
 
-  /// Kind and content. Dictionaries are equal whatever the order of their keys.
+  /// Compares kind and content: 1 and 1.0 differ. The order of a dictionary's keys does not count.
   friend bool operator==(const Value& left, const Value& right);
 
  private:
   using Data = std::variant<std::monostate, bool, std::int64_t, double, std::string,
-                            detail::Handle<Array>, detail::Handle<Dictionary>>;
+                            std::shared_ptr<const Array>, std::shared_ptr<const Dictionary>>;
   Data data_;
 };
 
@@ -154,7 +136,7 @@ class MARBLEWAY_EXPORT Value {
 class MARBLEWAY_EXPORT Array {
  public:
   Array() noexcept = default;
-  /// The values between braces.
+  /// `Array{1, "two", 3.0}`.
   Array(std::initializer_list<Value> values) : values_(values) {}
 
   /// Adds a value at the end.
@@ -182,15 +164,15 @@ class MARBLEWAY_EXPORT Dictionary {
   using Entry = std::pair<std::string, Value>;
 
   Dictionary() noexcept = default;
-  /// The pairs between braces.
+  /// `Dictionary{{"Value", 12.5}, {"tags", Array{"a", "b"}}}`.
   Dictionary(std::initializer_list<Entry> entries) {
     entries_.reserve(entries.size());
     for (const Entry& entry : entries) set(entry.first, entry.second);
   }
 
-  /// A key ends at an embedded NUL, like every text.
+  /// Adds a value or replaces the one under an equal key. A key ends at an embedded NUL.
   void set(std::string key, Value value);
-  /// The value under `key`; null when there is none. Valid until the dictionary changes.
+  /// The value under `key`; a null pointer when there is none. Valid until the dictionary changes.
   const Value* find(std::string_view key) const noexcept;
 
   ///@{
@@ -201,74 +183,44 @@ class MARBLEWAY_EXPORT Dictionary {
   auto end() const noexcept { return entries_.end(); }
   ///@}
 
-  /// Equal values under the same keys, in whatever order.
+  /// Equal values under the same keys, in any order.
   friend bool operator==(const Dictionary& left, const Dictionary& right);
 
  private:
   std::optional<std::size_t> position(std::string_view key) const noexcept;
 
   std::vector<Entry> entries_;
-  std::map<std::string, std::size_t, std::less<>> index_;  // filled once looking through is slow
+  std::map<std::string, std::size_t, std::less<>> index_;  // empty while a linear search is fast
 };
 
-/// An exception that the application caught; what is absent is left out of the error's details.
+/// An exception that the application caught. Absent members are left out of the error's details.
 struct ErrorReport {
-  std::optional<std::string> name{};    ///< What kind of error it is.
-  std::optional<std::string> reason{};  ///< Why it came about.
-  /// The frames of the call stack, innermost first.
+  std::optional<std::string> name{};    ///< The exception's type.
+  std::optional<std::string> reason{};  ///< What happened.
+  /// Return addresses, innermost first.
   std::optional<std::vector<std::uintptr_t>> callStackReturnAddresses{};
-  /// A line a frame.
+  /// One text for each address.
   std::optional<std::vector<std::string>> callStackSymbols{};
-  std::optional<Dictionary> userInfo{};  ///< What else is known.
+  std::optional<Dictionary> userInfo{};  ///< Further details.
 };
 
-/// Reads a JSON text; absent when it is not one, or nests deeper than 512 levels.
+/// Reads a JSON text in UTF-8. Absent when the text is not JSON, nests deeper than 512 levels or
+/// holds a number beyond the range of a double. Throws std::bad_alloc.
 MARBLEWAY_EXPORT std::optional<Value> valueFromJSON(std::string_view text);
 
-/// Writes a compact JSON text, invalid UTF-8 replaced by U+FFFD; absent when `value` holds a number
-/// that is not finite.
+/// Writes a compact JSON text. Numbers have the form of ECMAScript's number-to-string (100000,
+/// 1e-7, 1e+21); invalid UTF-8 is replaced by U+FFFD. Absent when `value` holds a number that is
+/// not finite. Throws std::bad_alloc.
 MARBLEWAY_EXPORT std::optional<std::string> toJSON(const Value& value);
 
-namespace detail {
-
-template <class T>
-struct Holder : Shared {
-  explicit Holder(T held) : value(std::move(held)) {}
-  T value;
-};
-
-/// Destroys what has no owner left, and all that only it owned, one after another. Thread: any.
-MARBLEWAY_EXPORT void retire(Shared* last) noexcept;
-
-template <class T>
-Handle<T>::Handle(T value) : held_(std::make_unique<Holder<T>>(std::move(value)).release()) {}
-
-template <class T>
-Handle<T>::Handle(const Handle& other) noexcept : held_(other.held_) {
-  if (held_ != nullptr) held_->owners.fetch_add(1, std::memory_order_relaxed);
-}
-
-template <class T>
-Handle<T>::~Handle() {
-  if (held_ != nullptr && held_->owners.fetch_sub(1) == 1) retire(held_);
-}
-
-template <class T>
-const T& Handle<T>::operator*() const noexcept {
-  return held_->value;
-}
-
-}  // namespace detail
-
-inline Value::Value(Array array) : data_(detail::Handle<Array>(std::move(array))) {}
-inline Value::Value(Dictionary dictionary)
-    : data_(detail::Handle<Dictionary>(std::move(dictionary))) {}
+inline Value::Value(Array array) : data_(detail::share(std::move(array))) {}
+inline Value::Value(Dictionary dictionary) : data_(detail::share(std::move(dictionary))) {}
 
 template <class T>
 const T* Value::as() const noexcept {
   if constexpr (std::same_as<T, Array> || std::same_as<T, Dictionary>) {
-    const auto* handle = std::get_if<detail::Handle<T>>(&data_);
-    return handle != nullptr ? &**handle : nullptr;
+    const auto* shared = std::get_if<std::shared_ptr<const T>>(&data_);
+    return shared != nullptr ? shared->get() : nullptr;
   } else {
     return std::get_if<T>(&data_);
   }
