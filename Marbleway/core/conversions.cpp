@@ -2,9 +2,11 @@
 
 #include <algorithm>
 #include <charconv>
+#include <climits>
 #include <cmath>
 #include <limits>
 #include <string_view>
+#include <system_error>
 
 namespace marbleway {
 namespace {
@@ -23,15 +25,33 @@ bool isTrueText(std::string_view text) {
   return !text.empty() && std::string_view("YyTt123456789").find(text[0]) != std::string_view::npos;
 }
 
+// The number of `text`, which is beyond the range of a double: infinite, or 0 when it is too small.
+double outOfRange(std::string_view text) {
+  const std::size_t end = std::min(text.find_first_of("eE"), text.size());
+  const std::string_view digits = text.substr(0, end);
+  const auto point = static_cast<double>(std::min(digits.find('.'), digits.size()));
+  const auto first = static_cast<double>(digits.find_first_of("123456789"));
+  int exponent = 0;
+  if (end < text.size()) {
+    const bool isNegative = text.substr(end + 1).starts_with('-');
+    const char* const start = text.data() + end + (text.substr(end + 1).starts_with('+') ? 2 : 1);
+    const auto [last, error] = std::from_chars(start, text.data() + text.size(), exponent);
+    if (error != std::errc()) exponent = isNegative ? INT_MIN : INT_MAX;
+  }
+  if (point - first + exponent < 0) return 0;
+  return text.starts_with('-') ? -HUGE_VAL : HUGE_VAL;
+}
+
 double leadingNumber(std::string_view text) {
   text = withoutBlanks(text);
   const std::size_t first = text.starts_with('+') || text.starts_with('-') ? 1 : 0;
-  // The words for infinity and for what is no number are not numbers here.
+  // `from_chars` reads "inf" and "nan", which are no numbers here.
   if (text.substr(first).find_first_of("0123456789.") != 0) return 0;
-  if (text.starts_with('+')) text.remove_prefix(1);  // `from_chars` takes none
+  if (text.starts_with('+')) text.remove_prefix(1);  // `from_chars` refuses it
   double number = 0;
-  std::from_chars(text.data(), text.data() + text.size(), number);
-  return number;
+  const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
+  if (error != std::errc::result_out_of_range) return number;
+  return outOfRange({text.data(), end});
 }
 
 }  // namespace

@@ -5,18 +5,23 @@
 #include <algorithm>
 #include <array>
 #include <atomic>
+#include <climits>
+#include <cstdint>
 #include <locale>
 #include <memory>
+#include <stdexcept>
 
 #include "Marbleway/platform/catch_all.h"
+#include "Marbleway/platform/guarded.h"
 #include "Marbleway/platform/json.h"
+#include "Marbleway/platform/utf8.h"
 
 namespace marbleway {
 namespace {
 
-// A pattern that is compiled when first needed and never torn down. Says nothing of its own on
-// standard error, whatever it is given. Matching takes locks of the compiled form, which a fork's
-// child may find taken for ever: it forgets that form and compiles its own.
+// A pattern that is compiled at its first use and never destroyed. It prints nothing. Matching
+// takes locks of the compiled form, which a fork's child can find taken: the child drops that form
+// and compiles its own.
 class Pattern {
  public:
   constexpr explicit Pattern(const char* text) : text_(text) {}
@@ -34,7 +39,7 @@ class Pattern {
     Form(const char* text, const Form* ancestor) : compiled(text, RE2::Quiet), former(ancestor) {}
 
     RE2 compiled;
-    const Form* former;  // an ancestor's, in reach of leak checkers
+    const Form* former;  // the parent's, reachable for leak checkers
   };
 
   const Form& form() {
@@ -59,28 +64,52 @@ constinit Pattern webAddress(
 constinit Pattern phoneNumber(R"(^\+?[1-9]\d{1,14}$)");
 constinit Pattern absoluteURL(R"([A-Za-z][A-Za-z0-9+.-]*:[A-Za-z0-9\-._~:/?#\[\]@!$&'()*+,;=%]+)");
 
-struct Punctuation {
-  char decimalPoint = '.';
-  char thousandsSeparator = ',';
-};
+// The name of the locale's part that concerns numbers.
+std::string numericName(const std::locale& locale) {
+  constexpr std::string_view kCategory = "LC_NUMERIC=";
+  std::string name = locale.name();  // "C", or "LC_CTYPE=C;LC_NUMERIC=de_DE.UTF-8;..."
+  const std::size_t start = name.find(kCategory);
+  if (start == std::string::npos) return name;
+  name.erase(0, start + kCategory.size());
+  return name.substr(0, name.find(';'));
+}
 
-Punctuation readPunctuation() {
+Punctuation readUserPunctuation() {
   try {
-    const std::locale locale("");
-    const auto& marks = std::use_facet<std::numpunct<char>>(locale);
-    return {marks.decimal_point(), marks.thousands_sep()};
+    return punctuationOf(std::locale(""));
   } catch (const std::runtime_error&) {
-    return {};  // the environment names a locale that is not installed
+    return punctuationOf(std::locale::classic());  // the environment names a missing locale
   }
 }
 
 const Punctuation& userPunctuation() {
-  static const Punctuation marks = readPunctuation();
-  return marks;
+  static const NoDestructor<Punctuation> marks(readUserPunctuation());
+  return marks.value;
+}
+
+// The number of digits in a group, the last group being 0.
+std::size_t groupSize(std::string_view grouping, std::size_t group) {
+  const char size = grouping[std::min(group, grouping.size() - 1)];
+  return size > 0 && size < CHAR_MAX ? static_cast<std::size_t>(size) : SIZE_MAX;
+}
+
+// True for one row of digits, and for groups of which the first may be shorter than its size.
+bool isInteger(std::string_view text, const Punctuation& marks) {
+  for (std::size_t group = 0;; ++group) {
+    const std::size_t mark =
+        marks.separator.empty() ? std::string_view::npos : text.rfind(marks.separator);
+    if (mark == std::string_view::npos) {
+      return group == 0 || (!text.empty() && text.size() <= groupSize(marks.grouping, group));
+    }
+    const std::size_t digits = text.size() - mark - marks.separator.size();
+    if (digits != groupSize(marks.grouping, group)) return false;
+    text = text.substr(0, mark);
+  }
 }
 
 bool isDigit(char c) { return c >= '0' && c <= '9'; }
 
+// Removes digits from the start of `text`; their number.
 std::size_t skipDigits(std::string_view& text) {
   const auto count =
       static_cast<std::size_t>(std::find_if_not(text.begin(), text.end(), isDigit) - text.begin());
@@ -88,30 +117,40 @@ std::size_t skipDigits(std::string_view& text) {
   return count;
 }
 
-bool skip(std::string_view& text, std::string_view anyOf) {
-  if (text.empty() || anyOf.find(text[0]) == std::string_view::npos) return false;
-  text.remove_prefix(1);
+bool skip(std::string_view& text, std::string_view mark) {
+  if (mark.empty() || !text.starts_with(mark)) return false;
+  text.remove_prefix(mark.size());
   return true;
 }
 
-// A sign, digits in a row or in groups of three, a fraction, an exponent.
-bool isDecimal(std::string_view text) {
-  const Punctuation& marks = userPunctuation();
-  skip(text, "+-");
-  std::size_t digits = skipDigits(text);
-  const bool mayBeGrouped = digits >= 1 && digits <= 3;
-  while (mayBeGrouped && skip(text, {&marks.thousandsSeparator, 1})) {
-    if (skipDigits(text) != 3) return false;
-  }
-  if (skip(text, {&marks.decimalPoint, 1})) digits += skipDigits(text);
-  if (digits > 0 && skip(text, "eE")) {
-    skip(text, "+-");
-    if (skipDigits(text) == 0) return false;
-  }
-  return digits > 0 && text.empty();
-}
+void skipSign(std::string_view& text) { skip(text, "+") || skip(text, "-"); }
 
 }  // namespace
+
+Punctuation punctuationOf(const std::locale& locale) {
+  const std::string name = numericName(locale);
+  if (name == "C" || name == "POSIX" || name.starts_with("C.")) return {".", ",", "\3"};
+  const auto& facet = std::use_facet<std::numpunct<wchar_t>>(locale);
+  Punctuation marks{encoded(static_cast<char32_t>(facet.decimal_point())),
+                    encoded(static_cast<char32_t>(facet.thousands_sep())), facet.grouping()};
+  if (marks.grouping.empty()) marks.separator.clear();
+  return marks;
+}
+
+bool isDecimal(std::string_view text, const Punctuation& marks) {
+  skipSign(text);
+  const std::string_view start = text;
+  std::size_t digits = skipDigits(text);
+  while (digits > 0 && skip(text, marks.separator)) skipDigits(text);
+  if (!isInteger(start.substr(0, start.size() - text.size()), marks)) return false;
+  if (skip(text, marks.decimalPoint)) digits += skipDigits(text);
+  if (digits == 0) return false;
+  if (skip(text, "e") || skip(text, "E")) {
+    skipSign(text);
+    if (skipDigits(text) == 0) return false;
+  }
+  return text.empty();
+}
 
 void settleValidation() noexcept {
   catchAll([] { userPunctuation(); });
@@ -134,7 +173,7 @@ bool isPhoneNumber(const Text& text) { return phoneNumber.matches(text); }
 bool isAbsoluteURL(const Text& text) { return absoluteURL.matches(text); }
 
 bool isNumber(const Value& value) {
-  if (const auto* text = value.as<std::string>()) return isDecimal(*text);
+  if (const auto* text = value.as<std::string>()) return isDecimal(*text, userPunctuation());
   return value.as<std::int64_t>() != nullptr || value.as<double>() != nullptr;
 }
 
