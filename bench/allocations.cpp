@@ -10,7 +10,7 @@ constinit std::atomic<std::size_t> made{0};
 
 }  // namespace
 
-// Counts every allocation of this program; the other forms of new come here, too.
+// Counts every allocation of this program: the other forms of new call this one.
 void* operator new(std::size_t size) {
   made.fetch_add(1, std::memory_order_relaxed);
   if (void* block = std::malloc(size > 0 ? size : 1)) return block;

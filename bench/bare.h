@@ -1,8 +1,8 @@
 #pragma once
 
-/* What a plain C program does with SQLite: every call opens its file with SQLite's default
-   settings, prepares one statement, steps it to its end and closes the file. Nothing of the library
-   takes part. */
+/* SQLite as a plain C program uses it: every call opens its file with SQLite's default settings,
+   prepares one statement, steps it to its end and closes the file. It uses nothing of the library.
+ */
 
 #ifdef __cplusplus
 extern "C" {

@@ -3,6 +3,7 @@
 #include <stdexcept>
 
 #include "Marbleway/store/store.h"
+#include "bench/bare.h"
 #include "bench/measure.h"
 #include "bench/setting.h"
 
@@ -13,7 +14,7 @@ constexpr int kRows = 100'000;
 constexpr int kTenTimes = 1'000'000;
 
 struct Memory {
-  double resident;  // at most, beyond what was before
+  double resident;  // the most, less what it was before the batch
   double document;
 };
 
@@ -37,7 +38,20 @@ void printMemory(const std::string& name, const Memory& memory) {
          .note = number(memory.document / 1e6, " MB of document")});
 }
 
-// Fills both sides up to `rows` and times them; microseconds.
+// Adds one event whose attributes are a text of 260 MB.
+void addLongEvent(const std::filesystem::path& directory) {
+  inChild([&] {
+    startLibrary(directory, NoNetwork::Handshake::unanswered);
+    constexpr const char* kInsert =
+        "INSERT INTO mrbw_v2_events VALUES (NULL, 'S', 'long', printf('%.*c', 260000000, 'x'), '2026-01-02')";
+    if (bareRun(pathOf(Store::event).c_str(), kInsert, nullptr, 0) == 0) {
+      throw std::runtime_error("no row was added");
+    }
+    return std::vector<double>();
+  });
+}
+
+// Times both sides with that number of rows, in microseconds.
 Comparison timesOfBatch(const std::filesystem::path& directory, int rows, int blocks) {
   const auto numbers = inChild([&] {
     const auto network = startLibrary(directory, NoNetwork::Handshake::answered);
@@ -87,6 +101,9 @@ void measureBatches(const Places& places) {
          .note = number(times.ours.median * 1000 / kRows, " ns a row at 100,000")});
   printMemory("memory of the batch, 100,000 events", memoryOfBatch(few.path()));
   printMemory("memory of the batch, 1,000,000 events", memoryOfBatch(many.path()));
+  const WorkDirectory one(places.disk);
+  addLongEvent(one.path());
+  printMemory("memory of the batch, one text of 260 MB", memoryOfBatch(one.path()));
 }
 
 }  // namespace marbleway::bench

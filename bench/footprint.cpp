@@ -24,7 +24,7 @@ using namespace std::chrono_literals;
 
 constexpr auto kIdle = 5s;
 
-/// A server in a process of its own that accepts every handshake; gone with this object.
+/// A server in a process of its own that accepts every handshake. The destructor ends it.
 class ServerProcess {
  public:
   ServerProcess() {
@@ -48,14 +48,14 @@ class ServerProcess {
   const std::string& url() const { return url_; }
 
  private:
-  [[noreturn]] static void serve(int told) {
+  [[noreturn]] static void serve(int pipeEnd) {
     tests::LoopbackServer server;
     server.answerWith([](const tests::Received&) {
       return tests::Answer{.body = R"({"Data":{"Config":{"SessionTimeout":300}}})"};
     });
     const std::string line = server.url() + "\n";
-    if (write(told, line.data(), line.size()) < 0) _exit(1);
-    close(told);
+    if (write(pipeEnd, line.data(), line.size()) < 0) _exit(1);
+    close(pipeEnd);
     for (;;) pause();
   }
 
@@ -63,14 +63,14 @@ class ServerProcess {
   std::string url_;
 };
 
-// The libraries that every program with the library is linked to, made ready and not used.
+// The library's dependencies, initialized and not used.
 std::vector<double> librariesAlone() {
   curl_global_init(CURL_GLOBAL_DEFAULT);
   sqlite3_initialize();
   return {residentBytes()};
 }
 
-// The same, used once for what the library uses them for: a request, and a row on disk.
+// The same after one request and one row on disk.
 std::vector<double> librariesInUse(const std::filesystem::path& directory, const std::string& url) {
   curl_global_init(CURL_GLOBAL_DEFAULT);
   CURL* handle = curl_easy_init();
@@ -86,8 +86,8 @@ std::vector<double> librariesInUse(const std::filesystem::path& directory, const
   return {residentBytes()};
 }
 
-// Resident bytes after a start-up whose handshake was answered, threads, and wake-ups while idle:
-// the timers stand at 30 s and 300 s and do not fire meanwhile.
+// Resident bytes after a start-up whose handshake was answered, threads, and wake-ups while idle.
+// The timers have periods of 30 s and 300 s and do not fire meanwhile.
 std::vector<double> withLibrary(const std::filesystem::path& directory, const std::string& url) {
   Configuration host;
   host.documentsDirectory = directory;
@@ -119,13 +119,13 @@ void measureFootprint(const Places& places) {
          .goal = "2",
          .ours = number(ours.at(1)),
          .met = metIf(ours.at(1) <= 2),
-         .note = "the main loop, the network, and one that stands by for crashes"});
+         .note = "the main loop, the network, and one for crashes"});
   print({.name = "resident, handshake answered",
          .goal = "bare + 2.5 MB",
          .ours = number(resident, " MB"),
          .bare = number(alone, " MB"),
          .met = metIf(resident - alone <= 2.5),
-         .note = number(resident - alone, " MB more than the libraries made ready; ") +
+         .note = number(resident - alone, " MB more than the libraries initialized; ") +
                  number(resident - inUse, " MB more than the libraries used once")});
   print({.name = "wake-ups in 5 s of idleness",
          .goal = "0",

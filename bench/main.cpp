@@ -57,8 +57,10 @@ Arguments argumentsFrom(std::vector<std::string_view> words) {
         "usage: marbleway_bench [--disk DIR] [recording] [refusals] [batches] [start-up] "
         "[footprint]");
   }
-  if (isInMemory(disk)) throw std::runtime_error(disk.string() + " is no disk; name one by --disk");
-  if (!isInMemory("/dev/shm")) throw std::runtime_error("/dev/shm is no file system in memory");
+  if (isInMemory(disk))
+    throw std::runtime_error(disk.string() +
+                             " is in memory; name a directory on a disk with --disk");
+  if (!isInMemory("/dev/shm")) throw std::runtime_error("/dev/shm is not a file system in memory");
   return {{.disk = fs::absolute(disk), .memory = "/dev/shm"}, std::move(parts)};
 }
 

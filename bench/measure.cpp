@@ -69,7 +69,7 @@ void printHead() {
          .ours = "ours",
          .bare = "bare",
          .ratio = "ratio",
-         .note = "spread, or what it is made of"});
+         .note = "spread, or its parts"});
 }
 
 void print(const Figure& figure) {

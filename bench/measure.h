@@ -27,14 +27,14 @@ struct Comparison {
   Spread ours, bare;
 };
 
-/// Times both in blocks by turns, since each pays for what the other left in the file system's
-/// journal: a block's first operations (a tenth, one at least) are not counted. The numbers are
-/// the medians of the blocks.
+/// Times both in alternating blocks. The first operations of a block (a tenth, one at least) do not
+/// count, because they wait for what the other side left in the file system's journal. The numbers
+/// are the medians of the blocks.
 Comparison compare(int blocks, int operations, const Operation& ours, const Operation& bare);
 /// The same for one operation alone.
 Spread measure(int blocks, int operations, const Operation& operation);
 
-/// One line of the table. `met` is left open by a line that has no goal.
+/// One line of the table. `met` is `none` in a line without a goal.
 struct Figure {
   std::string name;
   std::string goal = {};
@@ -48,31 +48,30 @@ void print(const Figure& figure);
 void print(const std::string& name, double mostRatio, const Comparison& comparison);
 
 Figure::Met metIf(bool isMet);
-/// "0.42", "12.5", "131": three figures that count, and the unit.
+/// "0.42", "12.5", "131": three significant digits, and the unit.
 std::string number(double value, std::string_view unit = "");
 /// Microseconds as "131 us" or "131 ms".
 std::string duration(double microseconds);
 
-/// Runs `work` in a child of a fork, so that it finds a library that nothing has touched, and
-/// returns its numbers. Throws when the child fails. Call while no other thread runs.
+/// Runs `work` in a child of a fork, where the library has not been used, and returns its numbers.
+/// Throws when the child fails. Call while no other thread runs.
 std::vector<double> inChild(const std::function<std::vector<double>()>& work);
-/// The same for work whose results are lines of the table.
+/// The same for work that prints lines of the table.
 void inOwnProcess(const std::function<void()>& work);
 
 /// Bytes resident now, and at most since the process began.
 double residentBytes();
 double mostResidentBytes();
-/// The number of threads, and how often all but the calling one have left the processor of their
-/// own accord.
+/// The number of threads, and the voluntary context switches of all but the calling one.
 struct Threads {
   double count = 0, switches = 0;
 };
 Threads threads();
 
-/// How many allocations the program has made so far, by any form of new.
+/// The number of allocations of the program so far, by any form of new.
 std::size_t allocations();
 
-/// A new directory under another one, gone with this object.
+/// A new directory under another one. The destructor removes it.
 class WorkDirectory {
  public:
   explicit WorkDirectory(const std::filesystem::path& under);

@@ -30,7 +30,7 @@ void record(std::string_view side, int count) {
 
 }  // namespace
 
-// For programs that count what a recorded event costs: marbleway_record (ours | bare) EVENTS
+// Run by scripts/check-cost: marbleway_record (ours | bare) EVENTS
 int main(int count, char** arguments) {
   try {
     if (count != 3) throw std::runtime_error("two arguments: ours or bare, and a number of events");

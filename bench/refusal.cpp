@@ -14,17 +14,17 @@ void eventWithAttributes() {
 }
 void userAttribute() { Marbleway::setUserAttribute("plan", "free"); }
 
-// Times `call` and tells how many allocations one makes.
+// Times `call` and counts the allocations of one call.
 template <void (*call)()>
 void refused(benchmark::State& state) {
-  call();  // what is made once, such as a constant
+  call();  // initializes constants
   const std::size_t before = allocations();
   call();
   state.counters["allocations"] = static_cast<double>(allocations() - before);
   for ([[maybe_unused]] auto unused : state) call();
 }
 
-// A line of the table a benchmark: the processor's time, since others may be at work.
+// Prints a line of the table for each benchmark. Processor time, because the machine may be busy.
 class Lines : public benchmark::BenchmarkReporter {
  public:
   bool ReportContext(const Context& /*context*/) override { return true; }

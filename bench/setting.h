@@ -8,10 +8,10 @@
 #include "Marbleway/platform/platform.h"
 #include "Marbleway/store/schema.h"
 
-// The library under measurement and the bare program's files beside its own.
+// The measured library, and the bare program's files.
 namespace marbleway::bench {
 
-/// Where files lie: a disk, and a file system in memory.
+/// Directories on a disk and in a file system in memory.
 struct Places {
   std::filesystem::path disk, memory;
 };
@@ -23,7 +23,7 @@ void measureBatches(const Places& places);
 void measureStartUp(const Places& places);
 void measureFootprint(const Places& places);
 
-/// A network that costs nothing: it drops batches, and answers the handshake at once or never.
+/// A network without cost: it drops batches, and answers the handshake at once or never.
 class NoNetwork : public platform::HttpClient {
  public:
   enum class Handshake { answered, unanswered };
@@ -40,13 +40,14 @@ class NoNetwork : public platform::HttpClient {
   std::size_t documentBytes_ = 0;
 };
 
-/// Starts the library in `directory`: no network, no logging, and a main loop that stands still, so
-/// that no timer comes in between. `replacement` holds what else is to be replaced.
+/// Starts the library in `directory` without network, logging and a running main loop, so that no
+/// timer fires. `replacement` holds further services to replace.
 std::shared_ptr<NoNetwork> startLibrary(const std::filesystem::path& directory,
                                         NoNetwork::Handshake handshake,
                                         platform::Platform replacement = {});
 
-/// The bare program's stores: copies of the library's, which exist by now, beside them.
+/// The bare program's stores: copies of the library's in the same directory. The library has been
+/// started before.
 class BareStores {
  public:
   explicit BareStores(std::filesystem::path directory);
@@ -61,7 +62,7 @@ class BareStores {
   std::filesystem::path directory_;
 };
 
-/// Records an event with seven attributes as an application does: its dictionary is made anew.
+/// Records an event with seven attributes, in a new dictionary, as an application does.
 void trackPurchase();
 /// Writes the same row as a bare program does.
 void addBareEvent(const std::string& file);
@@ -69,7 +70,7 @@ void addBareEvent(const std::string& file);
 /// An event with seven attributes as a row: session, name, attributes, time.
 extern const char* const kEventRow[4];
 
-/// Adds as many of these to the events of `file`, in one transaction, of the present time.
+/// Adds `count` such rows with the present time to the events of `file`, in one transaction.
 void addEvents(const std::string& file, int count);
 
 }  // namespace marbleway::bench

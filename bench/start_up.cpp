@@ -16,7 +16,7 @@ constexpr int kOperations = 20;
 
 void start() { Marbleway::initMarbleway("bench", {{"LoggingEnabled", false}}); }
 
-// Adds a row of long ago to each table that lies in the files.
+// Adds a row of the year 2020 to each table.
 void addOldRows(const std::string& events, const std::string& network) {
   std::string sql;
   for (const Table& table : kTables) {
@@ -30,7 +30,7 @@ void addOldRows(const std::string& events, const std::string& network) {
   }
 }
 
-// Start-ups without an answer, so that none uploads; with `old`, every table has a row to purge.
+// Start-ups without a response, so that none uploads. With `old`, every table has a row to purge.
 void compareStartUps(const std::string& name, const BareStores& bare, bool old) {
   const std::string events = pathOf(Store::event), network = pathOf(Store::network);
   Operation ours{.run = start}, theirs{.run = [&] { bare.purge(); }};
@@ -50,7 +50,7 @@ void measureWith(const std::filesystem::path& place, const std::string& suffix,
   compareStartUps("start-up, 16 rows to purge" + suffix, bare, true);
 }
 
-// What start-up does to the settings file: the session's new identifier, on disk.
+// Start-up's change of the settings file: a new session identifier, on disk.
 void measureSettings(const std::filesystem::path& place) {
   const WorkDirectory directory(place);
   startLibrary(directory.path(), NoNetwork::Handshake::unanswered);

@@ -30,8 +30,8 @@ std::optional<double> numberIn(const Dictionary& place, std::string_view key) {
   return number != nullptr ? std::optional(*number) : std::nullopt;
 }
 
-bool readSites(const Value& told, Configuration& configuration) {
-  const auto* sites = told.as<Array>();
+bool readSites(const Value& value, Configuration& configuration) {
+  const auto* sites = value.as<Array>();
   if (sites == nullptr || sites->size() != configuration.sites.size()) return false;
   for (std::size_t i = 0; i < sites->size(); ++i) {
     const auto* site = (*sites)[i].as<Dictionary>();
@@ -61,10 +61,10 @@ bool read(const Dictionary::Entry& entry, Configuration& configuration) {
 
 }  // namespace
 
-std::optional<Configuration> configurationFrom(const Dictionary& told) {
+std::optional<Configuration> configurationFrom(const Dictionary& members) {
   Configuration configuration;
   const bool isRead = std::ranges::all_of(
-      told, [&](const Dictionary::Entry& entry) { return read(entry, configuration); });
+      members, [&](const Dictionary::Entry& entry) { return read(entry, configuration); });
   return isRead ? std::optional(configuration) : std::nullopt;
 }
 

@@ -7,8 +7,8 @@
 
 namespace marbleway::c {
 
-/// The configuration that a dictionary tells; absent when it has a key that the configuration has
-/// not, or a value of another kind.
-std::optional<Configuration> configurationFrom(const Dictionary& told);
+/// The configuration with the members of a dictionary. Absent when a key is unknown or a value is
+/// of the wrong kind.
+std::optional<Configuration> configurationFrom(const Dictionary& members);
 
 }  // namespace marbleway::c

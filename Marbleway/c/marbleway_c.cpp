@@ -22,12 +22,12 @@ using marbleway::Value;
 
 namespace {
 
-// What the program's text holds: null when there is none; absent when it is no JSON.
+// The content of a JSON text: null without a text; absent when it is not JSON.
 std::optional<Value> valueFrom(const char* json) {
   return json != nullptr ? marbleway::valueFromJSON(json) : Value();
 }
 
-// An empty dictionary where none is told; absent when there is something else.
+// An empty dictionary for null; absent for any other kind than a dictionary.
 std::optional<Dictionary> dictionaryIn(const std::optional<Value>& value) {
   if (!value) return std::nullopt;
   if (value->isNull()) return Dictionary();
@@ -37,7 +37,7 @@ std::optional<Dictionary> dictionaryIn(const std::optional<Value>& value) {
 
 std::optional<Dictionary> dictionaryFrom(const char* json) { return dictionaryIn(valueFrom(json)); }
 
-// Runs `operation` with what was read of each JSON text, unless one could not be read.
+// Runs `operation` with the contents of the JSON texts, unless one is absent.
 template <class Operation, class... Read>
 int with(Operation operation, const std::optional<Read>&... read) {
   if (!(read && ...)) return MARBLEWAY_BAD_JSON;
@@ -45,7 +45,7 @@ int with(Operation operation, const std::optional<Read>&... read) {
   return MARBLEWAY_OK;
 }
 
-// Without memory a call is lost in silence, as all calls are.
+// Without memory a call is lost in silence, like every operation.
 template <std::invocable Work>
 int statusOf(Work work) noexcept {
   int status = MARBLEWAY_OK;
@@ -88,8 +88,8 @@ marbleway::ErrorReport reportOf(const char* type, const char* reason, const Dict
   return report;
 }
 
-int configure(const Dictionary& told) {
-  auto configuration = marbleway::c::configurationFrom(told);
+int configure(const Dictionary& members) {
+  auto configuration = marbleway::c::configurationFrom(members);
   if (!configuration) return MARBLEWAY_REFUSED;
   try {
     marbleway::configure(*std::move(configuration));
@@ -105,8 +105,8 @@ const char* marbleway_version() { return MARBLEWAY_VERSION; }
 
 int marbleway_configure(const char* configuration_json) {
   return statusOf([&]() -> int {
-    const auto told = dictionaryFrom(configuration_json);
-    return told ? configure(*told) : MARBLEWAY_BAD_JSON;
+    const auto members = dictionaryFrom(configuration_json);
+    return members ? configure(*members) : MARBLEWAY_BAD_JSON;
   });
 }
 
