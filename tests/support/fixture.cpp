@@ -21,20 +21,26 @@ class NoStatusBar : public platform::StatusBar {
   std::shared_ptr<const platform::View> view() override { return nullptr; }
 };
 
+// clang-format off
+const StateVariable kStateVariables[] = {
+    {"isSDKValid", &isSDKValid}, {"isValidSession", &isValidSession}, {"isConnectedToInternet", &isConnectedToInternet}, {"isAdvertisingID", &isAdvertisingID},
+    {"isLoggingEnabled", &isLoggingEnabled}, {"isSDKDebuggingEnabled", &isSDKDebuggingEnabled}, {"isTrackingEnabled", &isTrackingEnabled}, {"isUploadingEnabled", &isUploadingEnabled},
+    {"isPrivacyMode", &isPrivacyMode}, {"isPerformanceMonitoringEnabled", &isPerformanceMonitoringEnabled}, {"isNetworkMonitoringEnabled", &isNetworkMonitoringEnabled},
+    {"DispatchTime", &DispatchTime}, {"SessionTimeout", &SessionTimeout},
+    {"sessionID", &sessionID}, {"SessionStartTime", &SessionStartTime}, {"SessionTime", &SessionTime}, {"internalProjectToken", &internalProjectToken}, {"apiURL", &apiURL},
+};
+// clang-format on
+
 // Puts every process-wide variable back to its start value.
 void resetState() {
-  for (auto* text : {&sessionID, &SessionStartTime, &SessionTime, &internalProjectToken, &apiURL}) {
-    text->store(std::nullopt);
+  for (const StateVariable& each : kStateVariables) {
+    if (const auto* flag = std::get_if<std::atomic<bool>*>(&each.variable)) **flag = false;
+    if (const auto* number = std::get_if<std::atomic<float>*>(&each.variable)) **number = 0;
+    if (const auto* text = std::get_if<Guarded<OptionalText>*>(&each.variable)) {
+      (*text)->store(std::nullopt);
+    }
   }
   networkBlacklist.store(std::nullopt);
-  for (auto* flag :
-       {&isValidSession, &isSDKValid, &isConnectedToInternet, &isAdvertisingID, &isLoggingEnabled,
-        &isSDKDebuggingEnabled, &isTrackingEnabled, &isUploadingEnabled, &isPrivacyMode,
-        &isPerformanceMonitoringEnabled, &isNetworkMonitoringEnabled}) {
-    *flag = false;
-  }
-  DispatchTime = 0;
-  SessionTimeout = 0;
   for (auto* timer : {&TimerTask, &SessionTask, &CPUTask, &MemoryTask, &BatteryTask}) {
     timer->store(nullptr);
   }
@@ -50,8 +56,8 @@ struct Finalize {
 
 }  // namespace
 
-TemporaryDirectory::TemporaryDirectory() {
-  std::string name = (std::filesystem::temp_directory_path() / "marbleway-test-XXXXXX").string();
+TemporaryDirectory::TemporaryDirectory(const std::filesystem::path& parent) {
+  std::string name = (parent / "marbleway-test-XXXXXX").string();
   if (mkdtemp(name.data()) == nullptr) throw std::runtime_error("no temporary directory");
   path_ = name;
 }
@@ -84,7 +90,9 @@ std::vector<std::string> query(const std::filesystem::path& path, const std::str
   return rows;
 }
 
-MarblewayTest::MarblewayTest() {
+std::span<const StateVariable> stateVariables() { return kStateVariables; }
+
+World::World(const std::filesystem::path& parent) : directory(parent) {
   resetState();
   configure({.documentsDirectory = directory.path(),
              .bundleIdentifier = "org.example.app",
@@ -103,29 +111,29 @@ MarblewayTest::MarblewayTest() {
                      .crashHook = std::make_shared<NoCrashHook>()});
 }
 
-MarblewayTest::~MarblewayTest() { resetState(); }
+World::~World() { resetState(); }
 
-void MarblewayTest::beginSession() {
+void World::beginSession() {
   Marbleway::initMarbleway("token");
   answer(200, R"({"Data":{"Config":{"SessionTimeout":300}}})");
   console->take();
 }
 
-void MarblewayTest::answer(long status, std::string body) {
+void World::answer(long status, std::string body) {
   ASSERT_TRUE(http->answer({.status = status, .body = std::move(body)}));
   time->advance(std::chrono::nanoseconds(0));
 }
 
-void MarblewayTest::failRequest() {
+void World::failRequest() {
   ASSERT_TRUE(http->fail());
   time->advance(std::chrono::nanoseconds(0));
 }
 
-std::filesystem::path MarblewayTest::storePath(Store store) const {
+std::filesystem::path World::storePath(Store store) const {
   return directory.path() / (store == Store::event ? DBFileName : HTTPDBFileName);
 }
 
-std::vector<std::string> MarblewayTest::rows(const std::string& table) const {
+std::vector<std::string> World::rows(const std::string& table) const {
   for (const Table& known : kTables) {
     if (known.name != table) continue;
     std::string sql;
@@ -137,13 +145,13 @@ std::vector<std::string> MarblewayTest::rows(const std::string& table) const {
   throw std::runtime_error("no table " + table);
 }
 
-int MarblewayTest::rowCount() const {
+int World::rowCount() const {
   std::size_t count = 0;
   for (const Table& table : kTables) count += rows(std::string(table.name)).size();
   return static_cast<int>(count);
 }
 
-std::vector<std::string> MarblewayTest::takeRows() {
+std::vector<std::string> World::takeRows() {
   constexpr std::string_view kPrefix = "mrbw_v2_";
   std::vector<std::string> taken;
   for (const Table& table : kTables) {

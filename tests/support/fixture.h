@@ -5,8 +5,10 @@
 
 #include <filesystem>
 #include <memory>
+#include <span>
 #include <string>
 #include <string_view>
+#include <variant>
 #include <vector>
 
 #include "Marbleway/Host.h"
@@ -25,10 +27,11 @@
 
 namespace marbleway::testing {
 
-/// A folder of its own, gone with this object.
+/// A folder of its own in `parent`, removed with this object.
 class TemporaryDirectory {
  public:
-  TemporaryDirectory();
+  explicit TemporaryDirectory(
+      const std::filesystem::path& parent = std::filesystem::temp_directory_path());
   TemporaryDirectory(const TemporaryDirectory&) = delete;
   TemporaryDirectory& operator=(const TemporaryDirectory&) = delete;
   ~TemporaryDirectory();
@@ -42,19 +45,30 @@ class TemporaryDirectory {
 /// Runs `sql` on the file at `path` and hands out its rows, columns joined by "|", NULL as "NULL".
 std::vector<std::string> query(const std::filesystem::path& path, const std::string& sql);
 
+/// A process-wide flag, number or text under its name.
+struct StateVariable {
+  std::string_view name;
+  std::variant<std::atomic<bool>*, std::atomic<float>*, Guarded<OptionalText>*> variable;
+};
+/// All of them but the server's list.
+std::span<const StateVariable> stateVariables();
+
 /// The library as a fresh process finds it, on a fresh device of fakes: virtual time, a network in
 /// the test's hand, a real SQLite directory. Identifiers count up from 1; the first is the session
 /// that start-up makes.
-class MarblewayTest : public ::testing::Test {
- protected:
+class World {
+ public:
   static constexpr const char* kFirstSession = "00000000-0000-0000-0000-000000000001";
   static constexpr const char* kStart = "2026-01-02 00:00:00.000";
 
-  MarblewayTest();
-  ~MarblewayTest() override;
+  /// The stores stand in a folder in `parent`.
+  explicit World(const std::filesystem::path& parent = std::filesystem::temp_directory_path());
+  World(const World&) = delete;
+  World& operator=(const World&) = delete;
+  ~World();
 
   /// Starts with the options of `initMarbleway` alone and lets the server accept the project: a
-  /// session of 300 s runs, nothing is private, and the lines so far are forgotten.
+  /// session of 300 s runs, nothing is private, and the lines so far are dropped.
   void beginSession();
   /// Answers the oldest request and runs what that posted to the main loop.
   void answer(long status, std::string body = "{}");
@@ -91,6 +105,9 @@ class MarblewayTest : public ::testing::Test {
       std::make_shared<platform::testing::RecordingCapture>();
 };
 
+/// A test in a world of its own.
+class MarblewayTest : public ::testing::Test, public World {};
+
 /// A running session whose start is forgotten.
 class RecordingTest : public MarblewayTest {
  protected:
@@ -98,7 +115,7 @@ class RecordingTest : public MarblewayTest {
 
   /// What was done since the last call: the lines, then the rows.
   std::vector<std::string> outcome();
-  /// A row as `takeRows` tells it, the first session before `columns` and the start after them.
+  /// A row as `takeRows` returns it, the first session before `columns` and the start after them.
   static std::string row(std::string_view table, std::string_view columns);
 };
 
