@@ -2,7 +2,7 @@
 
 #include <string_view>
 
-// The three kinds of line. All keep silent while logging is off; callers never ask.
+// The three kinds of line. None is written while logging is off; callers need no check.
 namespace marbleway::console {
 
 /// "Marbleway Warning: ", then `text`.

@@ -28,7 +28,7 @@ bool admits(const Guard& guard) {
 std::optional<std::string> admittedSession(const Guard& guard) {
   if (!admits(guard)) return std::nullopt;
   auto session = sessionID.load();
-  // Identifier and flag change together: one that is gone ended after the check.
+  // Identifier and flag change together: without an identifier the session ended after the check.
   if (!session && admits(guard)) session = sessionID.load();
   return session;
 }

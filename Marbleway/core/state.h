@@ -18,11 +18,11 @@ namespace marbleway {
 using OptionalText = std::optional<std::string>;
 using TimerHandle = Guarded<std::shared_ptr<platform::Timer>>;
 
-/// The session that rows are stamped with, an upper-case UUID; absent between sessions.
+/// The session's identifier, an upper-case UUID, which rows carry; absent between sessions.
 inline constinit Guarded<OptionalText> sessionID;
 /// When the session began, and when it was last active: texts of `getUTCTimeStamp`.
 inline constinit Guarded<OptionalText> SessionStartTime, SessionTime;
-/// The project's token as start-up got it; sent with each request.
+/// The project's token as given to start-up; sent with each request.
 inline constinit Guarded<OptionalText> internalProjectToken;
 /// The base of every server path; ends in "/v2/".
 inline constinit Guarded<OptionalText> apiURL;

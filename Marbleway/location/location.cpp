@@ -16,7 +16,7 @@ using platform::Region;
 
 // The distance filter, and the fourth region's radius.
 constexpr double kHundredMetres = 100;
-constexpr int kAlertedRSSI = -28;  // dBm; the neighbours on either side alert nobody
+constexpr int kAlertedRSSI = -28;  // dBm; the test is equality, not a threshold
 
 // A circle around one of the configured sites.
 struct Site {
@@ -43,7 +43,7 @@ constexpr BeaconFamily kRanged[] = {
     {"Vendor Beacon", "B9407F30-F5F8-466E-AFF9-25556B57FE6D"},
 };
 
-// The class itself is the delegate; this hands its callbacks over.
+// Forwards the callbacks to the class, which is the delegate.
 class Delegate : public platform::LocationDelegate {
  public:
   void didUpdateLocations(LocationManager& manager,

@@ -26,8 +26,8 @@ void persistSession(const std::string& identifier) {
   defaults->synchronize();
 }
 
-// The identifier of the session that is now valid: one that start-up made, or a live one, stays;
-// where there is none a new one begins.
+// Makes the session valid and returns its identifier. An existing identifier stays; without one a
+// new session begins.
 std::string ensureSession() {
   std::string identifier = platform::current()->device->newIdentifier();
   const std::string startTime = getUTCTimeStamp();
@@ -102,7 +102,7 @@ void updateSessionTimeout() { SessionTime.store(getUTCTimeStamp()); }
 std::optional<std::string> openSession() {
   if (!isSDKValid || !isTrackingEnabled) return std::nullopt;
   const std::string session = ensureSession();
-  updateSessionTimeout();  // before a timer of expiry can look at it
+  updateSessionTimeout();  // the first check must not find it later than its own start
   setDispatchFrequency();
   setSessionTimeout();
   Profile profile = gatherProfile();

@@ -15,10 +15,10 @@ namespace {
 
 using std::chrono::nanoseconds;
 
-// A longer period never ends: nanoseconds are counted up to 292 years.
+// A timer with a longer period never fires: nanoseconds are counted up to 292 years.
 constexpr float kMaxSeconds = 9e9F;
 
-// The period of a timer that was asked for every 0 seconds, fewer, or no number of them.
+// The period where the given one is 0, negative or not a number.
 constexpr nanoseconds kDefaultPeriod = std::chrono::milliseconds(100);
 
 nanoseconds periodOf(float seconds) {
@@ -31,7 +31,8 @@ void startTimer(TimerHandle& task, float seconds, void (*work)()) {
   task.store(platform::current()->mainLoop->repeat(periodOf(seconds), [work] { catchAll(work); }));
 }
 
-// Idleness runs on the wall clock, by the texts; one that cannot be read ends no session.
+// Idleness is measured by the wall clock, from the text of the last activity. A text that cannot be
+// read ends no session.
 void checkExpiry() {
   const auto lastActive = timeOf(SessionTime.load().value_or(""));
   if (!lastActive) return;

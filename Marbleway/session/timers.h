@@ -2,11 +2,11 @@
 
 namespace marbleway {
 
-/// Starts the timer that uploads every `DispatchTime` seconds, as `TimerTask`. One that stood there
-/// goes on.
+/// Starts the timer that uploads every `DispatchTime` seconds and stores it in `TimerTask`. A timer
+/// that was stored there before keeps running.
 void setDispatchFrequency();
-/// Starts the timer that looks every `SessionTimeout` seconds whether the session has expired, as
-/// `SessionTask`. One that stood there goes on.
+/// Starts the timer that checks every `SessionTimeout` seconds whether the session has expired, and
+/// stores it in `SessionTask`. A timer that was stored there before keeps running.
 void setSessionTimeout();
 /// Stops the five timers.
 void invalidateTimers();

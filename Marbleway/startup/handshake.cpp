@@ -43,7 +43,7 @@ void continueOffline() {
   Marbleway::startSession();
 }
 
-// The server's values replace the host's, whatever they are: a missing one reads as false or 0.
+// The server's values replace the host's in every case; a missing one is false, 0 or absent.
 void continueAccepted(const std::optional<Value>& body) {
   const Value* data = member(body ? &*body : nullptr, "Data");
   const Value* config = member(data, "Config");

@@ -11,7 +11,7 @@
 namespace marbleway {
 namespace {
 
-// One option: the variable it sets, and its value when left out or refused.
+// One option: the variable that it sets, and the value when it is left out or refused.
 struct Option {
   std::string_view key;
   void (*read)(const Option& option, const Value* value);
@@ -39,7 +39,7 @@ void readBoolean(const Option& option, const Value* value) {
 
 void readSeconds(const Option& option, const Value* value) {
   const float seconds = value == nullptr ? option.defaultSeconds : toFloat(value);
-  const bool isAccepted = seconds >= option.minimum;  // no number at all is refused too
+  const bool isAccepted = seconds >= option.minimum;  // false for a value that is not a number
   *option.seconds = isAccepted ? seconds : option.defaultSeconds;
   if (!isAccepted) console::warning(option.warning);
 }
@@ -53,7 +53,7 @@ void readEnvironment(const Option& /*option*/, const Value* value) {
 }
 
 // clang-format off
-constexpr Option kOptions[] = {  // logging first: the warnings of the others obey it
+constexpr Option kOptions[] = {  // logging first: it decides whether the others may warn
     {.key = "LoggingEnabled", .read = readBoolean, .flag = &isLoggingEnabled,
      .warning = "'LoggingEnabled' value must be 'YES' or 'NO'"},
     {.key = "SDKEnvironment", .read = readEnvironment},

@@ -42,7 +42,7 @@ void Marbleway::initMarbleway(Text projectToken) noexcept {
   operation([&] { initMarbleway(projectToken, defaultOptions()); });
 }
 
-// Each step runs by itself: one that fails leaves out none of the others.
+// Each step catches its own exceptions, so that a step that fails skips no other.
 void Marbleway::initMarbleway(Text projectToken, const Dictionary& options) noexcept {
   platform::watchForks(leaveToParent, settle, releaseStores);
   operation([] { SessionStartTime.store(getUTCTimeStamp()); });

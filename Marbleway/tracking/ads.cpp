@@ -36,7 +36,7 @@ bool isCompleteAd(const Dictionary& adDetails, std::string_view requires_) {
                      {"adID", "adName", "adType", "adCategory", "orgID", "orgName"});
 }
 
-// What a row tells beside the ad itself.
+// The columns of a row beside the ad's description.
 struct AdRow {
   Text session;
   Text type;
@@ -51,8 +51,8 @@ void insertAd(const AdRow& row, const Dictionary& adDetails, const std::string& 
        timeStamp});
 }
 
-// Keeps the session alive before anything is checked: a call that is then refused has done so.
-std::string keepAlive() {
+// Extends the session before the arguments are checked: a call that they refuse extends it too.
+std::string extendSession() {
   updateSessionTimeout();
   return getUTCTimeStamp();
 }
@@ -63,7 +63,7 @@ void Marbleway::trackAdImpression(const Dictionary& adDetails) noexcept {
   operation([&] {
     const auto session = admittedSession(guards::trackAdImpression);
     if (!session) return;
-    const std::string timeStamp = keepAlive();
+    const std::string timeStamp = extendSession();
     if (!isCompleteAd(adDetails, kImpressionRequires)) return;
 
     insertAd({.session = *session, .type = "Impression"}, adDetails, timeStamp);
@@ -75,12 +75,12 @@ void Marbleway::trackAdInteraction(const Dictionary& adDetails, Text interaction
   operation([&] {
     const auto session = admittedSession(guards::trackAdInteraction);
     if (!session) return;
-    const std::string timeStamp = keepAlive();
+    const std::string timeStamp = extendSession();
     // Only an empty type is refused, not an absent one.
     if (!interactionType.isAbsent() && interactionType.isMissing()) {
       return reportMissing(kInteractionRequires, "interactionType");
     }
-    // An interaction has no words of its own for the ad's keys.
+    // An interaction shares the impression's errors.
     if (!isCompleteAd(adDetails, kImpressionRequires)) return;
 
     insertAd({.session = *session, .type = "Interaction", .interactionType = interactionType},
@@ -94,7 +94,7 @@ void Marbleway::trackAdConversion(const Dictionary& adDetails,
   operation([&] {
     const auto session = admittedSession(guards::trackAdConversion);
     if (!session) return;
-    const std::string timeStamp = keepAlive();
+    const std::string timeStamp = extendSession();
     if (!isCompleteAd(adDetails, kConversionRequires) ||
         !areComplete(conversionDetails, kConversionRequires,
                      {"conversionType", "conversionValue"})) {
@@ -104,6 +104,6 @@ void Marbleway::trackAdConversion(const Dictionary& adDetails,
     const OptionalText conversion = json::toJSON(conversionDetails);
     insertAd({.session = *session, .type = "Conversion", .conversionDetails = conversion},
              adDetails, timeStamp);
-    console::message("Impression Tracked");  // a conversion has no words of its own here
+    console::message("Impression Tracked");  // a conversion shares the impression's message
   });
 }

@@ -37,10 +37,10 @@ constexpr CheckedAttribute kCompanyChecks[] = {
 struct Subject {
   Guard setGuard;
   Guard changeGuard;
-  std::string_view setNeedsName;     // a missing name, in spite of the wording
+  std::string_view setNeedsName;     // warns of a missing name, in spite of the wording
   std::string_view changeNeedsName;  // of increment and decrement
   std::span<const CheckedAttribute> checks;
-  std::string_view ignoredName;  // set in silence to nothing; "": none
+  std::string_view ignoredName;  // setting it does nothing; "": no such name
   InsertText insert;
   std::string_view done;
 };
@@ -87,7 +87,7 @@ void set(const Subject& subject, const Text& attribute, const Text& value) {
   insertAttribute(subject, *session, attribute, value, "Set");
 }
 
-// Increment and decrement: a row of the amount, whose direction is `type`.
+// Increment and decrement: a row with the amount; `type` is the direction.
 void change(const Subject& subject, const Text& attribute, const Value& value, const Text& type) {
   const auto session = admittedSession(subject.changeGuard);
   if (!session) return;

@@ -25,6 +25,6 @@ void Marbleway::linkCompany(Text companyName) noexcept {
 void Marbleway::unlinkCompany() noexcept {
   operation([] {
     setUserAttribute("CompanyID", "0");
-    console::message("Company Unlinked");  // whatever became of the attribute
+    console::message("Company Unlinked");  // after a refusal too
   });
 }

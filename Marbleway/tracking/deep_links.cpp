@@ -18,7 +18,7 @@ namespace {
 
 constexpr std::string_view kIdentifierKey = "mrbw_dlid";
 
-// The text before the first `mark`, which is taken off `rest` with it.
+// Removes the text up to the first `mark` from `rest`, the mark included, and returns the text.
 std::string_view takeUntil(std::string_view& rest, char mark) {
   const std::size_t end = rest.find(mark);
   const std::string_view taken = rest.substr(0, end);

@@ -50,7 +50,7 @@ ErrorReport reportOf(const char* type, const char* reason, const void* caller) {
   return report;
 }
 
-// `report` is asked for only once the call is admitted.
+// `report` is called only after the guard has passed.
 template <class Report>
 void track(const Text& name, const Text& message, Report report) {
   const auto session = admittedSession(guards::logError);

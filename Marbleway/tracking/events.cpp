@@ -13,7 +13,7 @@ using namespace marbleway;
 
 namespace {
 
-// The words in which events and screen views differ.
+// What differs between events and screen views.
 struct Kind {
   Guard guard;
   InsertText insert;
@@ -29,7 +29,7 @@ constexpr Kind kScreenView{
     "insert into mrbw_v2_screen_views (id, SessionID, ScreenName, ScreenAttributes, UTCTimeStamp) VALUES (?, ?, ?, ?, ?)",
     "Screen View Tracked"};
 
-// The session that is valid, or else one that is started here.
+// The valid session's identifier; without a valid session one is started.
 OptionalText currentSession() {
   if (isValidSession) {
     if (auto session = sessionID.load()) return session;
@@ -37,8 +37,8 @@ OptionalText currentSession() {
   return openSession();
 }
 
-// Only warns: the attributes are stored as they are. A value that is no number draws the line once
-// for each of the two spellings.
+// Logs an error for each of the two keys whose value is no number. The attributes are stored
+// unchanged.
 void checkNumbers(const Dictionary& attributes) {
   for (const std::string_view key : {"Value", "value"}) {
     const Value* value = attributes.find(key);
@@ -46,7 +46,7 @@ void checkNumbers(const Dictionary& attributes) {
   }
 }
 
-// Without attributes `attributes` is null.
+// `attributes` is null when the call has none.
 void track(const Kind& kind, const Text& name, const Dictionary* attributes) {
   if (!admits(kind.guard)) return;
   const OptionalText session = currentSession();

@@ -53,7 +53,7 @@ void Marbleway::trackPushNotification(const Dictionary& userInfo) noexcept {
           {messageID, textIn(*aps, "mrbw_userID"), services->device->vendorIdentifier(), "iOS",
            timeStamp});
     }
-    console::message("Push Notification Tracked");  // also where there was no row to write
+    console::message("Push Notification Tracked");  // also without a row
     services->userInterface->setBadgeNumber(0);
     const bool opensLink = action.view() == "LaunchDeepLink" || action.view() == "LaunchWebURL";
     if (opensLink && isAbsoluteURL(link)) services->userInterface->openURL(link.view());

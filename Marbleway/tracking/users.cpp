@@ -16,7 +16,7 @@ using namespace marbleway;
 
 namespace {
 
-// A kind of identifier: how it is checked, whether it outlives the process.
+// A type of identifier: how it is checked, and whether it is persisted.
 struct IdentifierType {
   std::string_view name;
   std::string_view required;               // the error when there is no identifier
