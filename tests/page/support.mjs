@@ -55,10 +55,10 @@ export async function withCollector(act) {
   });
 }
 
-// One for all pages. As root it runs without its sandbox: it sees no page but the collector's.
+// One for all pages. Chromium's sandbox does not work for root; it opens no page but the collector's.
 export const browser = await chromium.launch({
   executablePath: process.env.CHROMIUM ?? "/usr/bin/chromium",
-  args: ["--no-sandbox", "--disable-gpu", "--disable-quic", "--no-first-run", "--disable-background-networking",
+  args: [...(process.getuid() === 0 ? ["--no-sandbox"] : []), "--disable-gpu", "--disable-quic", "--no-first-run", "--disable-background-networking",
          "--disable-component-update", "--disable-sync"],
 });
 

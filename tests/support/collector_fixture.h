@@ -2,7 +2,6 @@
 
 #include <gmock/gmock.h>
 #include <httplib.h>
-#include <sqlite3.h>
 
 #include <algorithm>
 #include <filesystem>
@@ -11,6 +10,7 @@
 #include <sstream>
 #include <string>
 
+#include "tests/support/fixture.h"
 #include "tools/collector/collector.h"
 
 namespace collector {
@@ -23,12 +23,10 @@ inline const httplib::Headers kHeaders{{"Accept", "application/json"},
 /// A batch document with `rows` under `kind` and fifteen empty arrays.
 inline std::string batch(const std::string& kind, const std::string& rows) {
   std::string document;
-  for (const char* each :
-       {"Sessions", "Users", "UserAttributes", "Companies", "CompanyAttributes", "Events",
-        "ScreenViews", "Crashes", "Errors", "NetworkRequests", "CPUUsage", "MEMUsage",
-        "BatteryUsage", "Ads", "Messages", "DeepLinks"}) {
+  for (const Kind& each : kKinds) {
     document += document.empty() ? "{\"BatchData\": {" : ", ";
-    document.append("\"").append(each).append("\": [").append(each == kind ? rows : "").append("]");
+    document.append("\"").append(each.name()).append("\": [");
+    document.append(each.name() == kind ? rows : "").append("]");
   }
   return document + "}}\n";
 }
@@ -42,34 +40,15 @@ inline std::string event(const std::string& id, const std::string& name = "opene
 class CollectorTest : public testing::Test {
  protected:
   CollectorTest() {
-    std::string pattern = testing::TempDir() + "collector-XXXXXX";
-    directory_ = mkdtemp(pattern.data());
-    settings.dataFile = directory_ / "data.sqlite";
+    settings.dataFile = directory_.path() / "data.sqlite";
     settings.tokens = {"T-1", "T-2"};
-  }
-  ~CollectorTest() override {
-    server.reset();
-    std::filesystem::remove_all(directory_);
   }
 
   /// The server, under `settings`; an earlier one ends first.
   void start() {
     server.reset();
+    log_.str("");
     server = std::make_unique<Collector>(settings, log_);
-    lastLine();
-  }
-
-  /// The status of the answer and the one line that the request left.
-  std::string send(const std::string& path, const std::string& body,
-                   const httplib::Headers& headers = kHeaders) {
-    httplib::Client client("127.0.0.1", server->port());
-    client.set_read_timeout(120);
-    const auto answer = client.Post(path, headers, body, "application/json");
-    if (!answer) return "no answer: " + httplib::to_string(answer.error());
-    body_ = answer->body;
-    const std::string line = lastLine();
-    EXPECT_THAT(line, testing::StartsWith("POST " + path + " " + std::to_string(answer->status)));
-    return line.substr(std::min(line.size(), path.size() + 6));
   }
 
   httplib::Client client() const {
@@ -78,39 +57,45 @@ class CollectorTest : public testing::Test {
     return client;
   }
 
-  std::string lastLine() {
-    const std::string lines = log_.str();
+  /// "status body" of the answer to a request like "GET /api/rows".
+  std::string ask(const std::string& line, const std::string& body = "",
+                  const httplib::Headers& headers = kHeaders) const {
+    httplib::Request request;
+    request.method = line.substr(0, line.find(' '));
+    request.path = line.substr(line.find(' ') + 1);
+    request.headers = headers;
+    request.body = body;
+    if (request.method != "GET") request.set_header("Content-Type", "application/json");
+    const auto answer = client().send(request);
+    return answer ? std::to_string(answer->status) + " " + answer->body : "no answer";
+  }
+
+  /// The end of the line that a POST of `body` leaves in the log.
+  std::string send(const std::string& path, const std::string& body,
+                   const httplib::Headers& headers = kHeaders) {
     log_.str("");
-    return lines.substr(0, lines.find('\n'));
+    answer_ = ask("POST " + path, body, headers);
+    const std::string start = "POST " + path + " ", line = log_.str();
+    EXPECT_THAT(line, testing::StartsWith(start + answer_.substr(0, 3)));
+    return line.substr(start.size(), line.find('\n') - start.size());
   }
 
-  /// The rows that `sql` finds, each as a|b|c and a line's end.
-  std::string find(const std::string& sql) {
-    const auto add = [](void* rows, int count, char** texts, char**) {
-      for (int i = 0; i < count; ++i) {
-        static_cast<std::string*>(rows)->append(texts[i]).append(i + 1 < count ? "|" : "\n");
-      }
-      return 0;
-    };
-    std::string rows;
-    sqlite3* database = nullptr;
-    sqlite3_open(settings.dataFile.c_str(), &database);
-    EXPECT_EQ(sqlite3_exec(database, sql.c_str(), add, &rows, nullptr), SQLITE_OK) << sql;
-    sqlite3_close(database);
-    return rows;
+  /// The rows that `sql` finds, columns joined by "|".
+  std::vector<std::string> find(const std::string& sql) const {
+    return marbleway::testing::query(settings.dataFile, sql);
   }
 
-  std::string write(const std::string& text) {
-    const std::filesystem::path file = directory_ / "config.json";
+  std::string write(const std::string& text) const {
+    const std::filesystem::path file = directory_.path() / "file";
     std::ofstream(file) << text;
     return file;
   }
 
+  marbleway::testing::TemporaryDirectory directory_;
   Settings settings;
-  std::unique_ptr<Collector> server;
-  std::string body_;
+  std::string answer_;  // to the last `send`
   std::ostringstream log_;
-  std::filesystem::path directory_;
+  std::unique_ptr<Collector> server;
 };
 
 }  // namespace collector

@@ -1,10 +1,10 @@
 #include "tests/support/fixture.h"
 
-#include <sqlite3.h>
-
 #include <cstdlib>
 #include <memory>
 #include <stdexcept>
+
+#include "tools/common/database.h"
 
 namespace marbleway::testing {
 namespace {
@@ -47,13 +47,6 @@ void resetState() {
   mrbwLocationManager.store(nullptr);
 }
 
-struct CloseDatabase {
-  void operator()(sqlite3* database) const { sqlite3_close(database); }
-};
-struct Finalize {
-  void operator()(sqlite3_stmt* statement) const { sqlite3_finalize(statement); }
-};
-
 }  // namespace
 
 TemporaryDirectory::TemporaryDirectory(const std::filesystem::path& parent) {
@@ -68,22 +61,13 @@ TemporaryDirectory::~TemporaryDirectory() {
 }
 
 std::vector<std::string> query(const std::filesystem::path& path, const std::string& sql) {
-  sqlite3* opened = nullptr;
-  const int result = sqlite3_open_v2(path.c_str(), &opened, SQLITE_OPEN_READWRITE, nullptr);
-  const std::unique_ptr<sqlite3, CloseDatabase> database(opened);
-  sqlite3_busy_timeout(opened, 10000);
-  sqlite3_stmt* prepared = nullptr;
-  if (result != SQLITE_OK ||
-      sqlite3_prepare_v2(opened, sql.c_str(), -1, &prepared, nullptr) != SQLITE_OK) {
-    throw std::runtime_error(sql + ": " + sqlite3_errmsg(opened));
-  }
-  const std::unique_ptr<sqlite3_stmt, Finalize> statement(prepared);
+  const tools::Database database(path.string(), SQLITE_OPEN_READWRITE);
+  tools::Statement statement = database.prepare(sql);
   std::vector<std::string> rows;
-  while (sqlite3_step(prepared) == SQLITE_ROW) {
+  while (statement.step()) {
     std::string row;
-    for (int i = 0; i < sqlite3_column_count(prepared); ++i) {
-      const auto* text = reinterpret_cast<const char*>(sqlite3_column_text(prepared, i));
-      row.append(i > 0 ? "|" : "").append(text != nullptr ? text : "NULL");
+    for (int i = 0; i < statement.columns(); ++i) {
+      row.append(i > 0 ? "|" : "").append(statement.isNull(i) ? "NULL" : statement.text(i));
     }
     rows.push_back(std::move(row));
   }

@@ -44,8 +44,8 @@ bool isTimeStamp(std::string_view text) {
   return date.ok() && number(11, 2) < 24 && number(14, 2) < 60 && number(17, 2) < 60;
 }
 
-/// Whether an escape left half of a surrogate pair behind, which is not UTF-8: the reader checks
-/// the bytes that were sent, but lets a lone "\udc00" through.
+/// Whether an escape stands for half of a surrogate pair, which is not UTF-8: the reader checks the
+/// bytes that were sent, but accepts a lone "\udc00".
 bool holdsLoneSurrogate(std::string_view text) {
   for (auto at = text.find('\xED'); at != text.npos; at = text.find('\xED', at + 1)) {
     if (static_cast<unsigned char>(text[at + 1]) >= 0xA0) return true;

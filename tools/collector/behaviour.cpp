@@ -7,7 +7,7 @@
 
 #include "tools/collector/handshake.h"
 #include "tools/collector/json_members.h"
-#include "tools/collector/json_text.h"
+#include "tools/common/json_text.h"
 
 namespace collector {
 namespace {
@@ -83,7 +83,7 @@ Behaviour::Behaviour(const std::string& file) { answer_.Parse(handshakeAnswer(fi
 
 std::string Behaviour::answer() const {
   const std::scoped_lock lock(mutex_);
-  return jsonText([&](JsonWriter& writer) { answer_.Accept(writer); });
+  return tools::jsonText([&](tools::JsonWriter& writer) { answer_.Accept(writer); });
 }
 
 Fault Behaviour::faultOf(Request request) const {
@@ -94,14 +94,14 @@ Fault Behaviour::faultOf(Request request) const {
 
 std::string Behaviour::text() const {
   const std::scoped_lock lock(mutex_);
-  return jsonText([&](JsonWriter& writer) {
+  return tools::jsonText([&](tools::JsonWriter& writer) {
     writer.StartObject();
     for (std::size_t i = 0; i < kSettings.size(); ++i) {
-      put(writer, kKeys[i]);
+      tools::put(writer, kKeys[i]);
       settingIn(answer_, kSettings[i]).Accept(writer);
     }
-    member(writer, "fault", kFaults[fault_]);
-    member(writer, "appliesTo", kTargets[appliesTo_]);
+    tools::member(writer, "fault", kFaults[fault_]);
+    tools::member(writer, "appliesTo", kTargets[appliesTo_]);
     writer.EndObject();
   });
 }
@@ -129,7 +129,7 @@ long long Behaviour::changes() const {
 /// Copies by writing and reading: the texts in `value` belong to the document it came in.
 void Behaviour::set(std::size_t position, const rapidjson::Value& value) {
   rapidjson::Document copy(&answer_.GetAllocator());
-  copy.Parse(jsonText([&](JsonWriter& writer) { value.Accept(writer); }).c_str());
+  copy.Parse(tools::jsonText([&](tools::JsonWriter& writer) { value.Accept(writer); }).c_str());
   settingIn(answer_, kSettings[position]).Swap(copy);
 }
 

@@ -7,13 +7,13 @@
 
 namespace collector {
 
-/// What goes wrong with an answer, as asked.
+/// A fault of an answer, as asked for.
 enum class Fault { none, notJSON, noContent, unauthorized, error, slow, never, reset };
 
 /// The two requests of the protocol.
 enum class Request { handshake, batch };
 
-/// What the server answers with, which can be changed while it runs. Thread: any.
+/// How requests are answered, which can be changed while the server runs. Thread: any.
 class Behaviour {
  public:
   /// Begins with the configuration in `file` (see handshakeAnswer) and without a fault.
@@ -22,7 +22,7 @@ class Behaviour {
   /// The body that answers the next handshake.
   std::string answer() const;
 
-  /// What goes wrong with the next answer to such a request.
+  /// The fault of the next answer to such a request.
   Fault faultOf(Request request) const;
 
   /// All of it, as a JSON object.

@@ -1,9 +1,5 @@
 #include "tools/collector/collector.h"
 
-#include <rapidjson/stringbuffer.h>
-#include <rapidjson/writer.h>
-#include <sys/socket.h>
-
 #include <algorithm>
 #include <array>
 #include <chrono>
@@ -23,15 +19,15 @@ namespace collector {
 namespace {
 
 constexpr auto kJson = "application/json";
-constexpr std::size_t kThreads = 64;  // more than all answers that may take long
 
-/// What is done to an answer, by Fault.
+/// What a fault makes of an answer.
 struct FaultResponse {
   int status;  // instead of 200; 0: there is none
   std::string_view body;
   const char* what;  // ends the request's line
 };
-constexpr std::array<FaultResponse, 8> kSpoilings{{
+constexpr std::array<FaultResponse, 8> kFaultResponses{{
+    // in the order of Fault
     {200, "", ""},
     {200, "<!doctype html><title>Welcome to the guest network</title>", "; answered without JSON"},
     {204, "", "; answered without content"},
@@ -42,8 +38,8 @@ constexpr std::array<FaultResponse, 8> kSpoilings{{
     {0, "", "; connection reset"},
 }};
 
-constexpr std::array<std::pair<std::string_view, const char*>, 5> kMethods{
-    // the only ones
+/// The resources whose methods are limited.
+constexpr std::array<std::pair<std::string_view, std::string_view>, 5> kMethods{
     {{"/", "GET"},
      {"/api/behaviour", "GET, POST"},
      {"/api/reset", "POST"},
@@ -53,12 +49,14 @@ constexpr std::array<std::pair<std::string_view, const char*>, 5> kMethods{
 /// What the server itself adds to a request's headers.
 constexpr std::string_view kOwnHeaders = "REMOTE_ADDR REMOTE_PORT LOCAL_ADDR LOCAL_PORT";
 
-const FaultResponse& spoilingOf(Fault fault) { return kSpoilings[static_cast<std::size_t>(fault)]; }
+const FaultResponse& responseTo(Fault fault) {
+  return kFaultResponses[static_cast<std::size_t>(fault)];
+}
 
 Entry entryOf(const httplib::Request& request) {
   Entry entry;
-  entry.method = request.method.empty() ? "?" : printable(request.method);
-  entry.path = request.path.empty() ? "?" : printable(request.path);
+  entry.method = request.method.empty() ? "?" : tools::printable(request.method, 80);
+  entry.path = request.path.empty() ? "?" : tools::printable(request.path, 80);
   return entry;
 }
 
@@ -68,7 +66,7 @@ std::optional<std::string> header(const httplib::Request& request, const char* n
   return request.get_header_value(name);
 }
 
-/// What the headers of a client's request deserve.
+/// What is wrong with the headers of a client's request.
 std::optional<Refusal> refusalOf(const httplib::Request& request,
                                  const std::vector<std::string>& tokens) {
   const auto token = header(request, "mrbw-project-token");
@@ -84,33 +82,31 @@ std::optional<Refusal> refusalOf(const httplib::Request& request,
 }
 
 std::string errorBody(const std::string& fault) {
-  rapidjson::StringBuffer body;
-  rapidjson::Writer<rapidjson::StringBuffer> writer(body);
-  writer.StartObject();
-  writer.Key("Error");
-  writer.String(fault.c_str());
-  writer.EndObject();
-  return body.GetString();
+  return tools::jsonText([&](tools::JsonWriter& writer) {
+    writer.StartObject();
+    tools::member(writer, "Error", fault);
+    writer.EndObject();
+  });
 }
 
-/// Refuses what is to be refused as asked.
+/// Refuses the request if `fault` is a refusal.
 void refuseFor(Fault fault) {
-  const int status = spoilingOf(fault).status;
+  const int status = responseTo(fault).status;
   if (status >= 400) throw AskedRefusal(status);
 }
 
-/// Turns what would be answered into what is answered; a refusal is not dressed up.
-void spoil(Fault fault, Entry& entry, std::string& body) {
-  const FaultResponse& spoiling = spoilingOf(fault);
-  if (entry.status != 200 && spoiling.status != 0) return;
-  entry.what += spoiling.what;
-  entry.status = spoiling.status;
-  if (spoiling.status != 200 || !spoiling.body.empty()) body = spoiling.body;
+/// Applies `fault` to an answer; an answer that is a refusal stays one.
+void applyFault(Fault fault, Entry& entry, std::string& body) {
+  const FaultResponse& faultResponse = responseTo(fault);
+  if (entry.status != 200 && faultResponse.status != 0) return;
+  entry.what += faultResponse.what;
+  entry.status = faultResponse.status;
+  if (faultResponse.status != 200 || !faultResponse.body.empty()) body = faultResponse.body;
 }
 
 Exchange exchangeOf(const httplib::Request& request) {
   Exchange exchange;
-  exchange.received = millisecondsNow();
+  exchange.received = tools::millisecondsNow();
   exchange.token = request.get_header_value("mrbw-project-token");
   for (const auto& [name, value] : request.headers) {
     if (kOwnHeaders.find(name) == kOwnHeaders.npos) exchange.headers.emplace_back(name, value);
@@ -118,8 +114,8 @@ Exchange exchangeOf(const httplib::Request& request) {
   return exchange;
 }
 
-/// A copy for the page, of a body that is about to be read in place.
-std::shared_ptr<const std::string> keptBody(const std::string& document) {
+/// A copy for the page, of a body that is about to be parsed in place.
+std::shared_ptr<const std::string> copyForPage(const std::string& document) {
   if (document.size() > Journal::kMaxBodyBytes) return nullptr;
   return std::make_shared<const std::string>(document);
 }
@@ -127,60 +123,48 @@ std::shared_ptr<const std::string> keptBody(const std::string& document) {
 /// Empty where none is needed.
 std::string pageTokenOf(const Settings& settings) {
   if (!settings.pageToken.empty() || isLoopback(settings.host)) return settings.pageToken;
-  return unguessable();
+  return randomToken();
 }
 
 }  // namespace
 
-// A batch holds all that a device has pending, a handshake two short texts.
 const std::array<Collector::Resource, 2> Collector::kResources{
-    {{"/v2/mobile/init", 64'000, Request::handshake, &Records::handshakes, &Collector::handshake},
-     {"/v2/mobile/batch", 1'000'000'000, Request::batch, &Records::batches, &Collector::batch}}};
+    {{"/v2/mobile/init", Request::handshake, &Records::handshakes, 64'000, &Collector::handshake},
+     {"/v2/mobile/batch", Request::batch, &Records::batches, 64U << 20U, &Collector::batch}}};
 
 Collector::Collector(const Settings& settings, std::ostream& log)
     : tokens_(settings.tokens),
       records_(settings.dataFile, settings.configFile),
       failuresLeft_(settings.failBatches),
       log_(log) {
-  port_ = bind(settings.host, settings.port);
+  port_ = server_.listenOn(settings.host, settings.port);
   const std::string url = "http://" + settings.host + ":" + std::to_string(port_);
   const std::string token = pageTokenOf(settings);
   page_.emplace(records_, PageGuard(settings.host, token), url + "/v2/", tokens_);
   route();
-  listening_ = std::async(std::launch::async, [this] { return server_.listen_after_bind(); });
-  while (!server_.is_running()) {
-    if (listening_.wait_for(std::chrono::milliseconds(1)) == std::future_status::ready) {
-      throw std::runtime_error("the server does not start");
-    }
-  }
+  server_.start();
   print("listening on " + url + "/v2/");
   print("page at " + url + "/" + (token.empty() ? "" : "?token=" + token));
 }
 
 Collector::~Collector() {
-  records_.bell.end();
-  server_.stop();
-  listening_.wait();
-}
-
-int Collector::bind(const std::string& host, int port) {
-  // Only a port that no other program listens on: the server's own default shares one.
-  server_.set_socket_options([](socket_t socket) {
-    const int yes = 1;
-    setsockopt(socket, SOL_SOCKET, SO_REUSEADDR, &yes, sizeof yes);
-  });
-  server_.set_tcp_nodelay(true);
-  server_.set_keep_alive_max_count(1);  // no idle connection holds up the end
-  server_.new_task_queue = [] { return std::make_unique<httplib::ThreadPool>(kThreads).release(); };
-  const bool any = port == 0;
-  if (any) port = server_.bind_to_any_port(host);
-  if (any ? port > 0 : server_.bind_to_port(host, port)) return port;
-  throw std::runtime_error("cannot listen on " + host + " port " + std::to_string(port));
+  records_.notifier.end();
+  server_.stopAccepting();
 }
 
 void Collector::route() {
   for (const Resource& resource : kResources) post(resource);
   page_->route(server_);
+  // Before the server reads the body of a request that nothing here answers.
+  server_.set_pre_routing_handler([this](const auto& request, auto& response) {
+    using Handled = httplib::Server::HandlerResponse;
+    if (request.method == "GET" || request.method == "HEAD" || isKnown(request)) {
+      return Handled::Unhandled;
+    }
+    response.status = 404;
+    reject(request, response);
+    return Handled::Handled;
+  });
   server_.set_error_handler([this](const httplib::Request& request, httplib::Response& response) {
     if (response.body.empty()) reject(request, response);
   });
@@ -200,10 +184,11 @@ void Collector::answer(const Resource& resource, const httplib::Request& request
   const Fault fault = records_.behaviour.faultOf(resource.kind);
   std::string body;
   try {
-    std::string document = receive(request, read, resource.longest, entry);
-    exchange.body = keptBody(document);
+    if (const auto refusal = refusalOf(request, tokens_)) throw Refusal(*refusal);
+    std::string document = receive(request, read, resource.maxBytes, entry);
+    exchange.body = copyForPage(document);
     refuseFor(fault);
-    body = (this->*resource.take)(document, entry, exchange);
+    body = (this->*resource.process)(document, entry, exchange);
   } catch (const AskedRefusal& refusal) {
     entry.status = refusal.status;
     entry.what = refusal.what();
@@ -215,13 +200,13 @@ void Collector::answer(const Resource& resource, const httplib::Request& request
     exchange.fault = entry.what = error.what();
   }
   if (entry.status != 200) body = errorBody(entry.what);
-  spoil(fault, entry, body);
+  applyFault(fault, entry, body);
   write(records_.*resource.journal, entry, std::move(exchange), body);
   conclude(entry, response, body);
-  delayOrReset(fault, request);
+  delayOrReset(fault);
 }
 
-/// Writes an exchange into its journal and tells the page.
+/// Adds an exchange to its journal and notifies the page.
 void Collector::write(Journal& journal, const Entry& entry, Exchange exchange,
                       const std::string& answer) {
   exchange.status = entry.status;
@@ -230,45 +215,42 @@ void Collector::write(Journal& journal, const Entry& entry, Exchange exchange,
   exchange.tally = entry.tally;
   if (exchange.n == 0) exchange.n = journal.number();
   journal.add(std::move(exchange));
-  records_.bell.ring();
+  records_.notifier.notify();
 }
 
-/// Delays the answer or keeps it from being given. Where too many are delayed already, one that was
-/// to be late comes at once, and one that was never to be given ends at once.
-void Collector::delayOrReset(Fault fault, const httplib::Request& request) {
+/// Delays or prevents the answer. Where too many are delayed already, one that was to be late is
+/// given at once, and one that was never to be given is reset at once.
+void Collector::delayOrReset(Fault fault) {
   constexpr std::chrono::seconds kDelay(3);
-  if (const std::shared_ptr<void> place = disturbed_.take()) {
-    if (fault == Fault::slow) records_.bell.pauseUntil(std::chrono::steady_clock::now() + kDelay);
-    if (fault == Fault::never) waitForLeave(request, records_.bell);
+  if (const std::shared_ptr<void> slot = delays_.acquire()) {
+    if (fault == Fault::slow)
+      records_.notifier.pauseUntil(std::chrono::steady_clock::now() + kDelay);
+    if (fault == Fault::never) Connection::current().waitForLeave();
   }
-  if (spoilingOf(fault).status == 0) resetConnection(request);
+  if (responseTo(fault).status == 0) Connection::current().reset();
 }
 
-/// The request's body. What is refused is read to its end and dropped: a connection closed with
-/// bytes unread may cost the client its answer.
+/// The request's body, decoded; throws a Refusal when there is more of it than `maxBytes`.
 std::string Collector::receive(const httplib::Request& request, const httplib::ContentReader& read,
-                               std::size_t longest, Entry& entry) const {
-  std::optional<Refusal> refusal = refusalOf(request, tokens_);
+                               std::size_t maxBytes, Entry& entry) {
+  const Refusal tooLong(413, "the document is too long");
+  const auto length = request.get_header_value<std::size_t>("Content-Length");
+  if (length > maxBytes) throw Refusal(tooLong);
   std::string body;
-  if (!refusal)
-    body.reserve(std::min(longest, request.get_header_value<std::size_t>("Content-Length")));
-  const auto take = [&](const char* data, std::size_t size) {
+  body.reserve(length);
+  const bool isWhole = read([&](const char* data, std::size_t size) {
     entry.bytes += size;
-    if (entry.bytes > longest && !refusal) refusal = Refusal(413, "the document is too long");
-    if (!refusal) body.append(data, size);
-    return true;
-  };
-  const bool whole = request.is_multipart_form_data()
-                         ? read([](const httplib::MultipartFormData&) { return true; }, take)
-                         : read(take);
-  if (refusal) throw Refusal(*refusal);
-  if (!whole) throw Refusal(400, "the document is cut short");
+    if (entry.bytes <= maxBytes) body.append(data, size);
+    return entry.bytes <= maxBytes;
+  });
+  if (entry.bytes > maxBytes) throw Refusal(tooLong);
+  if (!isWhole) throw Refusal(400, "the document is cut short");
   return body;
 }
 
 std::string Collector::handshake(std::string& document, Entry& entry, Exchange& /*exchange*/) {
-  const Announcement announcement = readAnnouncement(document);
-  entry.what = inQuotes(announcement.bundleID) + " on " + inQuotes(announcement.os);
+  const HandshakeRequest sent = readHandshake(document);
+  entry.what = inQuotes(sent.bundleID) + " on " + inQuotes(sent.os);
   return records_.behaviour.answer();
 }
 
@@ -276,7 +258,7 @@ std::string Collector::batch(std::string& document, Entry& entry, Exchange& exch
   if (failuresLeft_ > 0 && failuresLeft_-- > 0) throw AskedRefusal(503);
   exchange.n = records_.batches.number();
   DataFile::Batch batch(records_.data, {exchange.token, exchange.n});
-  readBatch(document, [&](const Kind& kind, auto texts) { batch.keep(kind, texts); });
+  readBatch(document, [&](const Kind& kind, auto texts) { batch.add(kind, texts); });
   const Tally tally = batch.commit();
   entry.tally = tally;
   entry.what = std::to_string(tally.rows) + " rows, " + std::to_string(tally.newRows) + " new, " +
@@ -284,23 +266,29 @@ std::string Collector::batch(std::string& document, Entry& entry, Exchange& exch
   return "{}";
 }
 
-/// Answers what no handler takes, and what is not even a request.
+bool Collector::isKnown(const httplib::Request& request) {
+  return std::ranges::any_of(kMethods, [&](const auto& known) {
+    return request.path == known.first && known.second.find(request.method) != known.second.npos;
+  });
+}
+
+/// Answers what no handler takes, and what is no valid request.
 void Collector::reject(const httplib::Request& request, httplib::Response& response) {
   Entry entry = entryOf(request);
   entry.status = response.status;
   entry.what = response.status == 404 ? "nothing is here" : "cannot be answered";
-  for (const auto& [path, method] : kMethods) {
-    if (request.path != path || request.method == method) continue;
+  for (const auto& [path, methods] : kMethods) {
+    if (request.path != path || entry.status != 404) continue;
     entry.status = 405;
-    entry.what = std::string("takes nothing but ") + method;
-    response.set_header("Allow", method);
+    entry.what = std::string("takes nothing but ").append(methods);
+    response.set_header("Allow", std::string(methods));
   }
   conclude(entry, response, errorBody(entry.what));
 }
 
-/// Writes a request down, prints its line and fills in its answer.
+/// Logs a request and fills in its answer.
 void Collector::conclude(const Entry& entry, httplib::Response& response, const std::string& body) {
-  records_.data.note(entry);
+  records_.data.logRequest(entry);
   print(entry.method + " " + entry.path + " " + std::to_string(entry.status) + " " + entry.what);
   response.status = entry.status;
   if (!body.empty()) response.set_content(body, body.starts_with('{') ? kJson : "text/html");

@@ -1,66 +1,148 @@
 #include "tools/collector/connection.h"
 
 #include <netdb.h>
+#include <poll.h>
 #include <sys/socket.h>
+#include <unistd.h>
 
-#include <array>
+#include <algorithm>
 #include <cerrno>
 #include <charconv>
-#include <filesystem>
-#include <string>
+#include <cstring>
 
 namespace collector {
 namespace {
 
-using Socket = int;
-using GetName = int (*)(Socket, sockaddr*, socklen_t*);
+using namespace std::chrono_literals;
+using Clock = std::chrono::steady_clock;
 
-/// "address port" of one end of a socket; empty for what is no connection.
-std::string nameOf(Socket socket, GetName get) {
+constexpr auto kHeaderTimeout = 5s;
+constexpr auto kRequestTimeout = 30s;
+constexpr auto kWriteTimeout = 5s;
+constexpr auto kDrainTimeout = 2s;
+constexpr auto kPollInterval = 50ms;  // between two looks whether the collector ends
+constexpr std::size_t kMaxHeaderBytes = 64'000;
+
+/// The numeric address and port of one end of a socket, which `get` reads.
+void nameOf(int socket, int (*get)(int, sockaddr*, socklen_t*), std::string& ip, int& port) {
   sockaddr_storage address{};
   socklen_t size = sizeof address;
   auto* const generic = reinterpret_cast<sockaddr*>(&address);
-  if (get(socket, generic, &size) != 0) return {};
   std::array<char, NI_MAXHOST> host{};
-  std::array<char, NI_MAXSERV> port{};
-  if (getnameinfo(generic, size, host.data(), host.size(), port.data(), port.size(),
+  std::array<char, NI_MAXSERV> service{};
+  if (get(socket, generic, &size) != 0 ||
+      getnameinfo(generic, size, host.data(), host.size(), service.data(), service.size(),
                   NI_NUMERICHOST | NI_NUMERICSERV) != 0) {
-    return {};
+    return;
   }
-  return std::string(host.data()).append(" ").append(port.data());
-}
-
-/// The server keeps the socket to itself, so it is found by its two ends. -1 when there is none.
-Socket socketOf(const httplib::Request& request) {
-  const std::string far = request.remote_addr + " " + std::to_string(request.remote_port);
-  const std::string near = request.local_addr + " " + std::to_string(request.local_port);
-  for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
-    const std::string number = entry.path().filename();
-    Socket socket = -1;
-    std::from_chars(number.data(), number.data() + number.size(), socket);
-    if (nameOf(socket, getpeername) == far && nameOf(socket, getsockname) == near) return socket;
-  }
-  return -1;
-}
-
-bool hasLeft(Socket socket) {
-  char byte = 0;
-  const ssize_t size = recv(socket, &byte, 1, MSG_PEEK | MSG_DONTWAIT);
-  return size == 0 || (size < 0 && errno != EAGAIN && errno != EINTR);
+  ip = host.data();
+  std::from_chars(service.data(), service.data() + std::strlen(service.data()), port);
 }
 
 }  // namespace
 
-void waitForLeave(const httplib::Request& request, const Notifier& bell) {
-  using namespace std::chrono_literals;
-  const Socket socket = socketOf(request);
-  while (!hasLeft(socket) && bell.pauseUntil(std::chrono::steady_clock::now() + 50ms)) continue;
+thread_local Connection* Connection::current_ = nullptr;
+
+Connection::Connection(int socket, const Notifier& notifier)
+    : socket_(socket), notifier_(notifier) {
+  current_ = this;
 }
 
-void resetConnection(const httplib::Request& request) {
+Connection::~Connection() {
+  current_ = nullptr;
+  close(socket_);
+}
+
+/// False at `deadline`, and `afterEnd` after the first look that finds the collector ending.
+bool Connection::waitFor(short events, Time deadline, std::chrono::milliseconds afterEnd) const {
+  bool isEnding = false;
+  for (;;) {
+    pollfd look{socket_, events, 0};
+    if (poll(&look, 1, static_cast<int>(kPollInterval.count())) > 0) return true;
+    if (!isEnding && notifier_.ended()) {
+      deadline = std::min(deadline, Clock::now() + afterEnd);
+      isEnding = true;
+    }
+    if (Clock::now() >= deadline) return false;
+  }
+}
+
+bool Connection::hasLeft() const {
+  char byte = 0;
+  const ssize_t size = recv(socket_, &byte, 1, MSG_PEEK | MSG_DONTWAIT);
+  return size == 0 || (size < 0 && errno != EAGAIN && errno != EINTR);
+}
+
+void Connection::waitForLeave() const {
+  while (!hasLeft() && notifier_.pauseUntil(Clock::now() + kPollInterval)) continue;
+}
+
+void Connection::reset() const {
   sockaddr nowhere{};
   nowhere.sa_family = AF_UNSPEC;  // connecting there dissolves a connection
-  static_cast<void>(connect(socketOf(request), &nowhere, sizeof nowhere));
+  static_cast<void>(connect(socket_, &nowhere, sizeof nowhere));
+}
+
+void Connection::finish() {
+  shutdown(socket_, SHUT_WR);
+  const Time deadline = Clock::now() + kDrainTimeout;
+  while (Clock::now() < deadline && waitFor(POLLIN, deadline, 0ms) &&
+         recv(socket_, buffer_.data(), buffer_.size(), MSG_DONTWAIT) > 0) {
+    continue;
+  }
+}
+
+bool Connection::is_readable() const { return true; }
+
+bool Connection::is_writable() const {
+  return waitFor(POLLOUT, Clock::now() + kWriteTimeout, 1s) && !hasLeft();
+}
+
+ssize_t Connection::read(char* data, std::size_t size) {
+  if (begin_ == end_) {
+    const ssize_t received = receive();
+    if (received <= 0) return received;
+  }
+  size = std::min(size, end_ - begin_);
+  if (inHeaders_ && !countHeader({&buffer_.at(begin_), size})) return -1;
+  std::memcpy(data, &buffer_.at(begin_), size);
+  begin_ += size;
+  return static_cast<ssize_t>(size);
+}
+
+ssize_t Connection::receive() {
+  const auto timeout = inHeaders_ ? Clock::duration(kHeaderTimeout) : kRequestTimeout;
+  if (Clock::now() >= begun_ + timeout) return -1;
+  if (!waitFor(POLLIN, begun_ + timeout, 0ms)) return -1;
+  const ssize_t size = recv(socket_, buffer_.data(), buffer_.size(), MSG_DONTWAIT);
+  begin_ = 0;
+  end_ = size > 0 ? static_cast<std::size_t>(size) : 0;
+  return size;
+}
+
+/// Counts what is read of the headers, which an empty line ends; false beyond their limit.
+bool Connection::countHeader(std::string_view bytes) {
+  headerBytes_ += bytes.size();
+  for (const char byte : bytes) {
+    lineEnd_ += byte;
+    if (lineEnd_.size() > 3) lineEnd_.erase(0, 1);
+    if (lineEnd_ == "\n\r\n") inHeaders_ = false;
+  }
+  return headerBytes_ <= kMaxHeaderBytes;
+}
+
+ssize_t Connection::write(const char* data, std::size_t size) {
+  if (!waitFor(POLLOUT, Clock::now() + kWriteTimeout, 1s)) return -1;
+  const ssize_t sent = send(socket_, data, size, MSG_DONTWAIT | MSG_NOSIGNAL);
+  return sent < 0 && errno == EAGAIN ? 0 : sent;
+}
+
+void Connection::get_remote_ip_and_port(std::string& ip, int& port) const {
+  nameOf(socket_, getpeername, ip, port);
+}
+
+void Connection::get_local_ip_and_port(std::string& ip, int& port) const {
+  nameOf(socket_, getsockname, ip, port);
 }
 
 }  // namespace collector

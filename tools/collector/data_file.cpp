@@ -1,13 +1,16 @@
 #include "tools/collector/data_file.h"
 
+#include <fcntl.h>
+#include <unistd.h>
+
 #include <utility>
 
-#include "tools/collector/json_text.h"
+#include "tools/common/json_text.h"
 
 namespace collector {
 namespace {
 
-/// Whoever looks into the file meanwhile neither waits nor makes a batch wait.
+/// In this mode readers of the file and a batch do not wait for each other.
 constexpr auto kBegin = "PRAGMA journal_mode = WAL; PRAGMA synchronous = FULL; BEGIN IMMEDIATE";
 constexpr auto kCreateOthers =
     "CREATE TABLE IF NOT EXISTS Arrivals (n INTEGER PRIMARY KEY AUTOINCREMENT, Received INTEGER, "
@@ -19,10 +22,10 @@ constexpr auto kCreateOthers =
     "CREATE TABLE IF NOT EXISTS Requests (Time TEXT, Method TEXT, Path TEXT, Status INTEGER, "
     "Rows INTEGER, NewRows INTEGER, Bytes INTEGER, Fault TEXT); COMMIT";
 
-// A device numbers the rows of a table without leaving one out. So a row follows a gap if its
-// device has sent a smaller number, but not the one before. Privacy mode gives a device another
-// name: a number that came from a session in the other mode, or of an unknown device, may be its
-// own and closes the gap. @ is the table, ?1 the batch.
+// A device numbers the rows of a table one by one. So a row follows a gap if its device has sent a
+// smaller number, but not the one before. Privacy mode gives a device another identifier: a number
+// from a session in the other mode, or of an unknown device, may belong to the same device and
+// closes the gap. @ is the table, ?1 the batch.
 constexpr std::string_view kMarkGaps =
     "UPDATE Arrivals SET State = 'gap' WHERE Batch = ?1 AND Kind = '@' AND State = 'new' AND EXISTS "
     "(SELECT 1 FROM @ AS r JOIN Sessions AS s USING (SessionID) WHERE r.rowid = Arrivals.Row "
@@ -45,6 +48,13 @@ std::string eachKey(const Kind& kind, std::string_view separator, Term term) {
   return list;
 }
 
+/// `path`, where a missing file is made for this user alone; SQLite gives its own files that mode.
+const std::string& created(const std::string& path) {
+  const int file = open(path.c_str(), O_RDONLY | O_CREAT | O_CLOEXEC | O_NONBLOCK, 0600);
+  if (file >= 0) close(file);
+  return path;
+}
+
 std::string withTable(std::string_view sql, std::string_view table) {
   std::string text(sql);
   for (auto at = text.find('@'); at != text.npos; at = text.find('@', at)) {
@@ -56,7 +66,7 @@ std::string withTable(std::string_view sql, std::string_view table) {
 }  // namespace
 
 DataFile::DataFile(const std::string& path)
-    : path_(path), database_(path, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE) {
+    : path_(created(path)), database_(path, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE) {
   database_.execute(kBegin);
   for (const Kind& kind : kKinds) createTable(kind);
   database_.execute(kCreateOthers);
@@ -64,9 +74,9 @@ DataFile::DataFile(const std::string& path)
     if (!kind.hasSession()) continue;
     statements_[positionOf(kind)].markGaps = database_.prepare(withTable(kMarkGaps, kind.name()));
   }
-  note_ = database_.prepare(
+  logRequest_ = database_.prepare(
       "INSERT INTO Requests VALUES (strftime('%Y-%m-%d %H:%M:%f', 'now'), ?, ?, ?, ?, ?, ?, ?)");
-  arrive_ = database_.prepare("INSERT INTO Arrivals VALUES (NULL, ?, ?, ?, ?, ?, ?, ?)");
+  insertArrival_ = database_.prepare("INSERT INTO Arrivals VALUES (NULL, ?, ?, ?, ?, ?, ?, ?)");
 }
 
 void DataFile::createTable(const Kind& kind) {
@@ -90,15 +100,15 @@ void DataFile::createTable(const Kind& kind) {
                                         eachKey(kind, ", ", [](auto) { return "?"; }) + ", 1)");
 }
 
-void DataFile::note(const Entry& entry) noexcept {
+void DataFile::logRequest(const Entry& entry) noexcept {
   const std::scoped_lock lock(mutex_);
   const std::string_view fault = entry.status == 200 ? std::string_view() : entry.what;
-  note_.bindAll(entry.method, entry.path, entry.status, entry.tally.rows, entry.tally.newRows,
-                static_cast<long long>(entry.bytes), fault);
-  note_.tryRun();
+  logRequest_.bindAll(entry.method, entry.path, entry.status, entry.tally.rows, entry.tally.newRows,
+                      static_cast<long long>(entry.bytes), fault);
+  logRequest_.tryRun();
 }
 
-void DataFile::forget() {
+void DataFile::clear() {
   const std::scoped_lock lock(mutex_);
   std::string sql = "BEGIN IMMEDIATE; DELETE FROM Arrivals; DELETE FROM Requests; ";
   for (const Kind& kind : kKinds) sql.append("DELETE FROM ").append(kind.name()).append("; ");
@@ -107,13 +117,16 @@ void DataFile::forget() {
 
 long long DataFile::lastBatch() {
   const std::scoped_lock lock(mutex_);
-  Statement statement = database_.prepare("SELECT max(Batch) FROM Arrivals");
+  tools::Statement statement = database_.prepare("SELECT max(Batch) FROM Arrivals");
   statement.step();
   return statement.number(0);
 }
 
 DataFile::Batch::Batch(DataFile& file, Origin origin)
-    : file_(file), mutex_(file.mutex_), origin_(std::move(origin)), received_(millisecondsNow()) {
+    : file_(file),
+      mutex_(file.mutex_),
+      origin_(std::move(origin)),
+      received_(tools::millisecondsNow()) {
   file_.database_.execute("BEGIN IMMEDIATE");
 }
 
@@ -121,21 +134,21 @@ DataFile::Batch::~Batch() {
   if (!committed_) file_.database_.tryExecute("ROLLBACK");
 }
 
-void DataFile::Batch::keep(const Kind& kind, std::span<const std::string_view> texts) {
-  const auto [row, isNew] = place(kind, texts);
+void DataFile::Batch::add(const Kind& kind, std::span<const std::string_view> texts) {
+  const auto [row, isNew] = insertOrCount(kind, texts);
   ++tally_.rows;
   ++tally_.counts[positionOf(kind)];
   if (isNew) ++tally_.newRows;
   const std::string_view session = kind.hasSession() ? texts[1] : std::string_view();
-  file_.arrive_.bindAll(received_, kind.name(), row, session, origin_.token, origin_.number,
-                        std::string_view(isNew ? "new" : "again"));
-  file_.arrive_.run();
+  file_.insertArrival_.bindAll(received_, kind.name(), row, session, origin_.token, origin_.number,
+                               std::string_view(isNew ? "new" : "again"));
+  file_.insertArrival_.run();
 }
 
-std::pair<long long, bool> DataFile::Batch::place(const Kind& kind,
-                                                  std::span<const std::string_view> texts) {
+std::pair<long long, bool> DataFile::Batch::insertOrCount(const Kind& kind,
+                                                          std::span<const std::string_view> texts) {
   Statements& statements = file_.statements_[positionOf(kind)];
-  const auto bind = [&](Statement& statement) {
+  const auto bind = [&](tools::Statement& statement) {
     int index = 0;
     for (const std::string_view text : texts) statement.bind(++index, text);
   };
@@ -152,7 +165,7 @@ std::pair<long long, bool> DataFile::Batch::place(const Kind& kind,
 
 Tally DataFile::Batch::commit() {
   for (const Kind& kind : kKinds) {
-    Statement& markGaps = file_.statements_[positionOf(kind)].markGaps;
+    tools::Statement& markGaps = file_.statements_[positionOf(kind)].markGaps;
     if (tally_.counts[positionOf(kind)] == 0 || !kind.hasSession()) continue;
     markGaps.bindAll(origin_.number);
     markGaps.run();

@@ -8,8 +8,8 @@
 #include <string_view>
 #include <utility>
 
-#include "tools/collector/database.h"
 #include "tools/collector/kinds.h"
+#include "tools/common/database.h"
 
 namespace collector {
 
@@ -19,27 +19,27 @@ struct Tally {
   std::array<long long, kKinds.size()> counts{};  // of the rows, in the order of kKinds
 };
 
-/// Where a batch comes from.
+/// The origin of a batch.
 struct Origin {
   std::string token;     // of its project
   long long number = 0;  // the batch's own
 };
 
-/// What became of one request.
+/// A request with its outcome.
 struct Entry {
   std::string method, path;
   int status = 200;
   std::size_t bytes = 0;  // of its body
-  Tally tally;            // of a batch that was kept
+  Tally tally;            // of a batch that was stored
   std::string what;       // what arrived, or the first fault
 };
 
-/// The SQLite file in which everything that arrives is kept: a table a kind, with a row's texts as
+/// The SQLite file of all that arrives, made with mode 0600: a table a kind, with a row's texts as
 /// sent and TimesReceived; the table Arrivals, with one line each time that a row arrives, in that
 /// order; and the table Requests.
 ///
-/// A row equal in every member to one that is kept is taken for the same row, sent again: it is
-/// counted, not kept twice.
+/// A row equal in every member to a stored one is the same row, sent again: it is counted, not
+/// stored twice.
 /// Thread: any; one batch at a time is written. Failures throw std::runtime_error.
 class DataFile {
  public:
@@ -49,11 +49,12 @@ class DataFile {
 
   const std::string& path() const { return path_; }
 
-  /// Writes the request down; lost in silence, since its answer does not depend on it.
-  void note(const Entry& entry) noexcept;
+  /// Writes the request to the log table; a failure is ignored, since the answer does not depend on
+  /// it.
+  void logRequest(const Entry& entry) noexcept;
 
-  /// Drops all that is kept. Arrivals are numbered on from where they were.
-  void forget();
+  /// Deletes all rows. The numbers of arrivals continue.
+  void clear();
 
   /// The greatest number of a batch that brought a row.
   long long lastBatch();
@@ -61,19 +62,19 @@ class DataFile {
  private:
   /// What is done with a row of one kind: counted, when it is there already, or added.
   struct Statements {
-    Statement countAgain, insert, markGaps;
+    tools::Statement countAgain, insert, markGaps;
   };
 
   void createTable(const Kind& kind);
 
   const std::string path_;
-  Database database_;
+  tools::Database database_;
   std::array<Statements, kKinds.size()> statements_;  // in the order of kKinds
-  Statement note_, arrive_;
-  std::mutex mutex_;  // held by whoever uses the connection
+  tools::Statement logRequest_, insertArrival_;
+  std::mutex mutex_;  // guards the connection
 };
 
-/// One batch on its way into the file: all of it, on disk, once `commit` returns; else nothing.
+/// One batch: all of its rows are on disk once `commit` returns, else none.
 class DataFile::Batch {
  public:
   Batch(DataFile& file, Origin origin);
@@ -81,12 +82,13 @@ class DataFile::Batch {
   Batch(const Batch&) = delete;
   Batch& operator=(const Batch&) = delete;
 
-  void keep(const Kind& kind, std::span<const std::string_view> texts);
+  void add(const Kind& kind, std::span<const std::string_view> texts);
   Tally commit();
 
  private:
   /// The rowid of the row in its kind's table, and whether it was there before.
-  std::pair<long long, bool> place(const Kind& kind, std::span<const std::string_view> texts);
+  std::pair<long long, bool> insertOrCount(const Kind& kind,
+                                           std::span<const std::string_view> texts);
 
   DataFile& file_;
   std::scoped_lock<std::mutex> mutex_;

@@ -16,7 +16,7 @@ namespace {
 constexpr std::array<std::pair<std::string_view, const char*>, 4> kOwn{
     {{"table", "a.Kind"}, {"session", "a.SessionID"}, {"token", "a.Token"}, {"state", "a.State"}}};
 
-using Columns = std::vector<std::pair<std::string, std::string>>;  // key, place of its text
+using Columns = std::vector<std::pair<std::string, std::string>>;  // key, parameter of its text
 
 bool hasAll(const Kind& kind, const Columns& columns) {
   return std::all_of(columns.begin(), columns.end(), [&](const auto& column) {
@@ -48,9 +48,9 @@ Filter::Filter(const Parameters& parameters, const std::vector<std::string>& oth
     const auto* const own = std::find_if(
         kOwn.begin(), kOwn.end(), [&](const auto& each) { return each.first == parameter.first; });
     if (own == kOwn.end()) {
-      columns.emplace_back(name, placeOf(value));
+      columns.emplace_back(name, parameterFor(value));
     } else {
-      require(std::string(own->second) + " = " + placeOf(value));
+      require(std::string(own->second) + " = " + parameterFor(value));
     }
   }
   if (parameters.contains("table") && kindNamed(table_) == nullptr) {
@@ -67,22 +67,22 @@ void Filter::addColumns(const Columns& columns) {
     any.append(any.empty() ? "" : " OR ");
     any.append("(a.Kind = '").append(name).append("' AND EXISTS (SELECT 1 FROM ").append(name);
     any.append(" AS r WHERE r.rowid = a.Row");
-    for (const auto& [key, place] : columns)
-      any.append(" AND r.").append(key).append(" = ").append(place);
+    for (const auto& [key, text] : columns)
+      any.append(" AND r.").append(key).append(" = ").append(text);
     any.append("))");
   }
   if (any.empty()) throw QueryError("no table has the column " + inQuotes(columns[0].first));
   require("(" + any + ")");
 }
 
-std::string Filter::placeOf(const std::string& text) {
+std::string Filter::parameterFor(const std::string& text) {
   texts_.push_back(text);
   return std::string("?").append(std::to_string(texts_.size()));
 }
 
 void Filter::require(const std::string& condition) { condition_.append(" AND ").append(condition); }
 
-void Filter::bind(Statement& statement) const {
+void Filter::bind(tools::Statement& statement) const {
   int index = 0;
   for (const std::string& text : texts_) statement.bind(++index, text);
 }

@@ -6,11 +6,11 @@
 #include <utility>
 #include <vector>
 
-#include "tools/collector/database.h"
+#include "tools/common/database.h"
 
 namespace collector {
 
-/// A question that makes no sense; what() says why.
+/// A query that makes no sense; what() says why.
 struct QueryError : std::runtime_error {
   using std::runtime_error::runtime_error;
 };
@@ -32,20 +32,20 @@ class Filter {
   Filter(const Parameters& parameters, const std::vector<std::string>& others);
 
   /// Leaves out rows that had arrived before.
-  void leaveOutRepeats() { require("a.State <> 'again'"); }
+  void excludeRepeats() { require("a.State <> 'again'"); }
 
   /// The condition on an `Arrivals AS a`, which `bind` gives its texts.
   const std::string& condition() const { return condition_; }
-  void bind(Statement& statement) const;
+  void bind(tools::Statement& statement) const;
 
   /// The table, or nothing.
   const std::string& table() const { return table_; }
 
  private:
-  /// The place of a text, from `?1` on.
-  std::string placeOf(const std::string& text);
+  /// The parameter of the statement for `text`, from "?1" on.
+  std::string parameterFor(const std::string& text);
   void require(const std::string& condition);
-  /// `columns`: each key with the place of its text.
+  /// `columns`: each key with the parameter of its text.
   void addColumns(const std::vector<std::pair<std::string, std::string>>& columns);
 
   std::string condition_ = "1", table_;

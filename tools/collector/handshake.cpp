@@ -17,7 +17,7 @@ constexpr const char* kDefault = R"({
   "Config": {"PrivacyMode": false, "AdvertisingID": false, "SessionTimeout": 300},
   "NetworkMonitoring": {"NetworkMonitoringEnabled": false, "Blacklist": []}
 })";
-constexpr double kShortestSession = 60;
+constexpr double kMinSessionTimeout = 60;
 
 std::string contentsOf(const std::string& file) {
   std::ifstream stream(file, std::ios::binary);
@@ -50,7 +50,7 @@ std::string answerFrom(std::string text) {
   }
   const rapidjson::Value& config = data.FindMember("Config")->value;
   const rapidjson::Value& timeout = config.FindMember("SessionTimeout")->value;
-  if (!timeout.IsNumber() || timeout.GetDouble() < kShortestSession) {
+  if (!timeout.IsNumber() || timeout.GetDouble() < kMinSessionTimeout) {
     throw std::runtime_error("\"SessionTimeout\" is not a number of at least 60 seconds");
   }
   rapidjson::StringBuffer answer;
@@ -64,7 +64,7 @@ std::string answerFrom(std::string text) {
 
 }  // namespace
 
-Announcement readAnnouncement(std::string& document) {
+HandshakeRequest readHandshake(std::string& document) {
   constexpr std::array<std::string_view, 2> kKeys{"OS", "BundleID"};
   const auto place = [] { return "document"; };
   rapidjson::Document root;

@@ -4,13 +4,13 @@
 
 namespace collector {
 
-/// What an application says of itself at its start.
-struct Announcement {
+/// What an application sends at its start.
+struct HandshakeRequest {
   std::string os, bundleID;
 };
 
 /// Reads a handshake's body; throws a Refusal (400) naming the first fault.
-Announcement readAnnouncement(std::string& document);
+HandshakeRequest readHandshake(std::string& document);
 
 /// The body that answers every handshake: {"Data": ...} around the configuration in `file`, an
 /// object with the members "Config" and "NetworkMonitoring", or around the default with no file.

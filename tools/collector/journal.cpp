@@ -2,27 +2,30 @@
 
 #include <algorithm>
 
+#include "tools/common/text.h"
+
 namespace collector {
 namespace {
 
 std::size_t bodySize(const Journal::Entry& entry) { return entry->body ? entry->body->size() : 0; }
 
-void putHeaders(JsonWriter& writer, const Exchange& exchange) {
-  put(writer, "headers");
+void putHeaders(tools::JsonWriter& writer, const Exchange& exchange) {
+  tools::put(writer, "headers");
   writer.StartArray();
-  for (const auto& [name, value] : exchange.headers) putPair(writer, asUtf8(name), asUtf8(value));
+  for (const auto& [name, value] : exchange.headers)
+    tools::putPair(writer, tools::asUtf8(name), tools::asUtf8(value));
   writer.EndArray();
 }
 
 /// What both kinds begin with.
-void putStart(JsonWriter& writer, const Exchange& exchange) {
+void putStart(tools::JsonWriter& writer, const Exchange& exchange) {
   writer.StartObject();
-  member(writer, "n", exchange.n);
-  member(writer, "received", isoTime(exchange.received));
-  member(writer, "token", asUtf8(exchange.token));
-  member(writer, "status", exchange.status);
-  member(writer, "answer", exchange.answer);
-  member(writer, "fault", exchange.fault);
+  tools::member(writer, "n", exchange.n);
+  tools::member(writer, "received", tools::isoTime(exchange.received));
+  tools::member(writer, "token", tools::asUtf8(exchange.token));
+  tools::member(writer, "status", exchange.status);
+  tools::member(writer, "answer", exchange.answer);
+  tools::member(writer, "fault", exchange.fault);
   putHeaders(writer, exchange);
 }
 
@@ -30,7 +33,7 @@ void putStart(JsonWriter& writer, const Exchange& exchange) {
 
 long long Journal::number() {
   const std::scoped_lock lock(mutex_);
-  return turnMutex_++;
+  return nextNumber_++;
 }
 
 void Journal::add(Exchange exchange) {
@@ -77,24 +80,24 @@ std::pair<long long, long long> Journal::counts() const {
   return {count_, faulty_};
 }
 
-void putBatch(JsonWriter& writer, const Exchange& batch) {
+void putBatch(tools::JsonWriter& writer, const Exchange& batch) {
   putStart(writer, batch);
-  member(writer, "bytes", batch.bytes);
-  member(writer, "rows", batch.tally.rows);
-  member(writer, "newRows", batch.tally.newRows);
-  put(writer, "counts");
+  tools::member(writer, "bytes", batch.bytes);
+  tools::member(writer, "rows", batch.tally.rows);
+  tools::member(writer, "newRows", batch.tally.newRows);
+  tools::put(writer, "counts");
   writer.StartObject();
   for (const Kind& kind : kKinds) {
     const long long count = batch.tally.counts[positionOf(kind)];
-    if (count != 0) member(writer, kind.name(), count);
+    if (count != 0) tools::member(writer, kind.name(), count);
   }
   writer.EndObject();
   writer.EndObject();
 }
 
-void putHandshake(JsonWriter& writer, const Exchange& handshake) {
+void putHandshake(tools::JsonWriter& writer, const Exchange& handshake) {
   putStart(writer, handshake);
-  member(writer, "request", asUtf8(handshake.body ? *handshake.body : std::string()));
+  tools::member(writer, "request", tools::asUtf8(handshake.body ? *handshake.body : std::string()));
   writer.EndObject();
 }
 

@@ -8,7 +8,7 @@
 #include <vector>
 
 #include "tools/collector/data_file.h"
-#include "tools/collector/json_text.h"
+#include "tools/common/json_text.h"
 
 namespace collector {
 
@@ -21,21 +21,21 @@ struct Exchange {
   std::string answer;
   std::string fault;  // the first thing found wrong with it
   std::vector<std::pair<std::string, std::string>> headers;
-  std::shared_ptr<const std::string> body;  // absent when it is not kept
+  std::shared_ptr<const std::string> body;  // null when it is not stored
   std::size_t bytes = 0;
   Tally tally;
 };
 
-/// The latest exchanges of one kind, of this run.
+/// The latest exchanges of one kind, since the program started.
 class Journal {
  public:
   using Entry = std::shared_ptr<const Exchange>;
   static constexpr std::size_t kMax = 200;
-  static constexpr std::size_t kMaxBodyBytes = 4'000'000;  // bytes; a longer one is not kept
+  static constexpr std::size_t kMaxBodyBytes = 4'000'000;  // bytes; a longer one is not stored
   static constexpr std::size_t kMaxBytes = 64'000'000;     // of all bodies; the oldest go first
 
   /// Begins with `first`.
-  explicit Journal(long long first) : turnMutex_(first) {}
+  explicit Journal(long long first) : nextNumber_(first) {}
 
   /// The number of the next exchange.
   long long number();
@@ -44,9 +44,9 @@ class Journal {
 
   /// Those added since `cursor`, oldest first; `cursor` moves on to the newest.
   std::vector<Entry> since(long long& cursor) const;
-  /// A cursor at the newest.
+  /// A cursor after the newest.
   long long end() const;
-  /// Nothing when it is not kept.
+  /// Null when it is not stored.
   Entry find(long long n) const;
   /// How many there have been since the start or the last clearing, and how many were faulty.
   std::pair<long long, long long> counts() const;
@@ -55,12 +55,12 @@ class Journal {
   mutable std::mutex mutex_;
   std::deque<Entry> entries_;  // in the order in which they were answered
   std::size_t bytes_ = 0;      // of their bodies
-  long long turnMutex_;
+  long long nextNumber_;
   long long added_ = 0;  // ever
   long long count_ = 0, faulty_ = 0;
 };
 
-void putBatch(JsonWriter& writer, const Exchange& batch);
-void putHandshake(JsonWriter& writer, const Exchange& handshake);
+void putBatch(tools::JsonWriter& writer, const Exchange& batch);
+void putHandshake(tools::JsonWriter& writer, const Exchange& handshake);
 
 }  // namespace collector

@@ -10,8 +10,8 @@
 
 namespace collector {
 
-/// One kind of row: its member of "BatchData", which is also its table, the key whose text a person
-/// would call a row by, and all its keys.
+/// One kind of row: its member of "BatchData", which is also its table, the key whose text serves
+/// as a row's name, and all its keys.
 class Kind {
  public:
   consteval Kind(std::string_view name, std::string_view title,
@@ -21,7 +21,7 @@ class Kind {
       throw std::logic_error("a row begins with its id and ends with its time");
     }
     const auto* const found = std::find(keys.begin(), keys.end(), title);
-    if (found == keys.end()) throw std::logic_error("a row is called by one of its texts");
+    if (found == keys.end()) throw std::logic_error("a row's name is one of its texts");
     title_ = static_cast<std::size_t>(found - keys.begin());
     std::copy(keys.begin(), keys.end(), keys_.begin());
   }

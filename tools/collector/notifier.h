@@ -6,16 +6,15 @@
 
 namespace collector {
 
-/// Rings when there is something new to read, and once more at the end; whoever waits for news
-/// sleeps here. It carries nothing: each reader looks for itself what is new to it.
-/// Thread: any.
+/// Wakes whoever waits for new records, and everybody when the collector ends. It carries no data:
+/// each reader finds out what is new to it. Thread: any.
 class Notifier {
  public:
   using Time = std::chrono::steady_clock::time_point;
 
-  void ring() {
+  void notify() {
     const std::scoped_lock lock(mutex_);
-    ++rings_;
+    ++count_;
     changed_.notify_all();
   }
 
@@ -26,10 +25,10 @@ class Notifier {
     changed_.notify_all();
   }
 
-  /// How often it has rung. To miss nothing: take the count, look, and wait beyond it.
-  unsigned long long rings() const {
+  /// The number of notifications so far. To miss none: take it, read the records, wait beyond it.
+  unsigned long long count() const {
     const std::scoped_lock lock(mutex_);
-    return rings_;
+    return count_;
   }
 
   bool ended() const {
@@ -37,14 +36,15 @@ class Notifier {
     return ended_;
   }
 
-  /// Returns at the first ring after `seen` of them, at `deadline` or at the end; false if no ring.
+  /// Returns at the first notification beyond `seen` of them, at `deadline` or at the end; false
+  /// without one.
   bool waitBeyond(unsigned long long seen, Time deadline) const {
     std::unique_lock lock(mutex_);
-    changed_.wait_until(lock, deadline, [&] { return ended_ || rings_ != seen; });
-    return rings_ != seen;
+    changed_.wait_until(lock, deadline, [&] { return ended_ || count_ != seen; });
+    return count_ != seen;
   }
 
-  /// Returns at `deadline` or at the end, whatever rings; false at the end.
+  /// Returns at `deadline` or at the end; false at the end.
   bool pauseUntil(Time deadline) const {
     std::unique_lock lock(mutex_);
     return !changed_.wait_until(lock, deadline, [&] { return ended_; });
@@ -53,7 +53,7 @@ class Notifier {
  private:
   mutable std::mutex mutex_;
   mutable std::condition_variable changed_;
-  unsigned long long rings_ = 0;
+  unsigned long long count_ = 0;
   bool ended_ = false;
 };
 

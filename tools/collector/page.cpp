@@ -22,7 +22,7 @@ std::string pagePolicy(const std::string& nonce) {
          "frame-ancestors 'none'";
 }
 
-std::string unguessable() {
+std::string randomToken() {
   constexpr std::string_view kDigits = "0123456789abcdef";
   std::random_device source;
   std::string text;

@@ -8,14 +8,14 @@ namespace collector {
 /// The file page.html as it was when the program was built.
 std::string_view pageFile();
 
-/// The page as sent: its first `<script>` and `<style>` carry `nonce`, which its security policy
-/// asks for, so that nothing else in it is ever run.
+/// The page as sent: its first `<script>` and `<style>` have `nonce`, which its security policy
+/// demands, so that nothing else in it runs.
 std::string pageWith(const std::string& nonce);
 
-/// Lets a page run what carries `nonce` and speak to its own server; nothing else.
+/// Allows a page to run what has `nonce` and to talk to its own server; nothing else.
 std::string pagePolicy(const std::string& nonce);
 
-/// A text that nobody guesses: 128 bits in hexadecimal digits.
-std::string unguessable();
+/// 128 random bits in hexadecimal digits.
+std::string randomToken();
 
 }  // namespace collector

@@ -3,11 +3,13 @@
 #include <algorithm>
 #include <array>
 #include <chrono>
+#include <functional>
 #include <limits>
 #include <utility>
 
 #include "tools/collector/page.h"
 #include "tools/collector/refusal.h"
+#include "tools/common/text.h"
 
 namespace collector {
 namespace {
@@ -17,18 +19,17 @@ constexpr auto kJson = "application/json";
 
 /// Answers with the document that `write` writes.
 void answer(httplib::Response& response, const auto& write) {
-  response.set_content(jsonText(write), kJson);
+  response.set_content(tools::jsonText(write), kJson);
 }
 
-/// An answer that is compressed takes seconds instead of milliseconds, and goes no further than
-/// this machine or its network. The server has no other switch; the request is its own, and not
-/// const.
+/// Compression takes seconds instead of milliseconds, for answers that stay in this network. The
+/// server has no other switch; the request is its own, and not const.
 void leaveUncompressed(const httplib::Request& request) {
   const_cast<httplib::Request&>(request).headers.erase("Accept-Encoding");
 }
 
-void putRows(JsonWriter& writer, const std::vector<Row>& rows) {
-  put(writer, "rows");
+void putRows(tools::JsonWriter& writer, const std::vector<Row>& rows) {
+  tools::put(writer, "rows");
   writer.StartArray();
   for (const Row& row : rows) putRow(writer, row);
   writer.EndArray();
@@ -36,10 +37,10 @@ void putRows(JsonWriter& writer, const std::vector<Row>& rows) {
 
 /// The entries of a journal, newest first.
 void answer(httplib::Response& response, const Journal& journal,
-            void (*putOne)(JsonWriter&, const Exchange&)) {
+            void (*putOne)(tools::JsonWriter&, const Exchange&)) {
   long long start = 0;
   const std::vector<Journal::Entry> entries = journal.since(start);
-  answer(response, [&](JsonWriter& writer) {
+  answer(response, [&](tools::JsonWriter& writer) {
     writer.StartArray();
     std::for_each(entries.rbegin(), entries.rend(),
                   [&](const Journal::Entry& entry) { putOne(writer, *entry); });
@@ -47,21 +48,17 @@ void answer(httplib::Response& response, const Journal& journal,
   });
 }
 
-/// `handler`, given the request with its body, 64,000 bytes of it at most. Without a length there
-/// is none, which the server's own reading would wait for.
-httplib::Server::HandlerWithContentReader withBody(const httplib::Server::Handler& handler) {
-  return [handler](const httplib::Request& request, httplib::Response& response,
-                   const httplib::ContentReader& read) {
-    constexpr std::size_t kMax = 64'000;
-    httplib::Request whole = request;
-    if (request.has_header("Content-Length") && !request.is_multipart_form_data()) {
-      read([&](const char* data, std::size_t size) {
-        whole.body.append(data, std::min(size, kMax - whole.body.size()));
-        return true;
-      });
-    }
-    handler(whole, response);
-  };
+/// The body of a request; a body without a length is none.
+std::string bodyOf(const httplib::Request& request, const httplib::ContentReader& read) {
+  constexpr std::size_t kMaxBytes = 64'000;
+  std::string body;
+  if (!request.has_header("Content-Length") || request.is_multipart_form_data()) return body;
+  read([&](const char* data, std::size_t size) {
+    body.append(data, size);
+    return body.size() <= kMaxBytes;
+  });
+  if (body.size() > kMaxBytes) throw Refusal(413, "the document is too long");
+  return body;
 }
 
 Range rangeOf(const Parameters& parameters) {
@@ -97,38 +94,45 @@ void PageApi::route(httplib::Server& server) {
       {"/api/wait", &PageApi::wait},
       {"/api/behaviour", &PageApi::behaviour},
   }};
-  for (const auto& [path, answer] : kReadings) server.Get(path, guarded(answer));
-  server.Post("/api/reset", withBody(guarded(&PageApi::reset)));
-  server.Post("/api/behaviour", withBody(guarded(&PageApi::change)));
+  for (const auto& [path, answer] : kReadings) {
+    server.Get(path, [this, answer = answer](const auto& request, auto& response) {
+      guarded(request, response, [&] { (this->*answer)(request, response); });
+    });
+  }
+  server.Post("/api/reset", [this](const auto& request, auto& response, const auto& /*read*/) {
+    guarded(request, response, [&] { reset(response); });
+  });
+  server.Post("/api/behaviour", [this](const auto& request, auto& response, const auto& read) {
+    guarded(request, response, [&] { change(bodyOf(request, read), response); });
+  });
 }
 
-/// `answer` behind the guard, with what every answer carries, and its exceptions as answers.
-httplib::Server::Handler PageApi::guarded(Answer answer) {
-  return [this, answer](const httplib::Request& request, httplib::Response& response) {
-    for (const auto& [name, value] : {std::pair("X-Content-Type-Options", "nosniff"),
-                                      {"Cache-Control", "no-store"},
-                                      {"X-Frame-Options", "DENY"},
-                                      {"Content-Security-Policy", "default-src 'none'"},
-                                      {"Referrer-Policy", "no-referrer"}}) {
-      response.set_header(name, value);
-    }
-    response.status = 200;
-    leaveUncompressed(request);
-    try {
-      if (!guard_.admits(request, response)) return;
-      (this->*answer)(request, response);
-    } catch (const QueryError& error) {
-      refuse(response, 400, error.what());
-    } catch (const Refusal& refusal) {
-      refuse(response, refusal.status, refusal.what());
-    } catch (const std::exception& error) {
-      refuse(response, 500, error.what());
-    }
-  };
+/// Calls `answer` if the request is admitted, adds the headers of every answer and turns exceptions
+/// into answers.
+void PageApi::guarded(const httplib::Request& request, httplib::Response& response,
+                      const std::function<void()>& answer) {
+  for (const auto& [name, value] : {std::pair("X-Content-Type-Options", "nosniff"),
+                                    {"Cache-Control", "no-store"},
+                                    {"X-Frame-Options", "DENY"},
+                                    {"Content-Security-Policy", "default-src 'none'"},
+                                    {"Referrer-Policy", "no-referrer"}}) {
+    response.set_header(name, value);
+  }
+  response.status = 200;
+  leaveUncompressed(request);
+  try {
+    if (guard_.admits(request, response)) answer();
+  } catch (const QueryError& error) {
+    refuse(response, 400, error.what());
+  } catch (const Refusal& refusal) {
+    refuse(response, refusal.status, refusal.what());
+  } catch (const std::exception& error) {
+    refuse(response, 500, error.what());
+  }
 }
 
 void PageApi::page(const httplib::Request& /*request*/, httplib::Response& response) {
-  const std::string nonce = unguessable();
+  const std::string nonce = randomToken();
   response.headers.erase("Content-Security-Policy");
   response.set_header("Content-Security-Policy", pagePolicy(nonce));
   response.set_content(pageWith(nonce), "text/html; charset=utf-8");
@@ -137,17 +141,17 @@ void PageApi::page(const httplib::Request& /*request*/, httplib::Response& respo
 void PageApi::summary(const httplib::Request& /*request*/, httplib::Response& response) {
   const auto [batches, faulty] = records_.batches.counts();
   RowReader reader(records_.data.path());
-  answer(response, [&, batches = batches, faulty = faulty](JsonWriter& writer) {
+  answer(response, [&, batches = batches, faulty = faulty](tools::JsonWriter& writer) {
     writer.StartObject();
     reader.putSummary(writer);
-    member(writer, "batches", batches);
-    member(writer, "invalidBatches", faulty);
-    member(writer, "handshakes", records_.handshakes.counts().first);
-    member(writer, "url", url_);
-    member(writer, "needsToken", guard_.needsToken());
-    put(writer, "tokens");
+    tools::member(writer, "batches", batches);
+    tools::member(writer, "invalidBatches", faulty);
+    tools::member(writer, "handshakes", records_.handshakes.counts().first);
+    tools::member(writer, "url", url_);
+    tools::member(writer, "needsToken", guard_.needsToken());
+    tools::put(writer, "tokens");
     writer.StartArray();
-    for (const std::string& token : tokens_) put(writer, asUtf8(token));
+    for (const std::string& token : tokens_) tools::put(writer, tools::asUtf8(token));
     writer.EndArray();
     writer.EndObject();
   });
@@ -157,10 +161,10 @@ void PageApi::rows(const httplib::Request& request, httplib::Response& response)
   const Filter filter(request.params, {"after", "before", "limit"});
   RowReader reader(records_.data.path());
   const std::vector<Row> found = reader.read(filter, rangeOf(request.params));
-  answer(response, [&](JsonWriter& writer) {
+  answer(response, [&](tools::JsonWriter& writer) {
     writer.StartObject();
     putRows(writer, found);
-    member(writer, "total", reader.count(filter));
+    tools::member(writer, "total", reader.count(filter));
     writer.EndObject();
   });
 }
@@ -177,17 +181,19 @@ void PageApi::send(Export::Format format, const httplib::Request& request,
                    httplib::Response& response) {
   const bool isTable = format == Export::Format::csv;
   const auto rows = std::make_shared<Export>(records_.data.path(), Filter(request.params, {}),
-                                             format, placeOf(waits_));
+                                             format, slotOf(waits_));
   response.set_header("Content-Disposition", std::string("attachment; filename=\"rows.") +
                                                  (isTable ? "csv\"" : "ndjson\""));
   response.set_chunked_content_provider(
       isTable ? "text/csv; charset=utf-8" : "application/x-ndjson",
-      [rows](std::size_t, httplib::DataSink& sink) { return rows->send(sink); });
+      [this, rows](std::size_t, httplib::DataSink& sink) {
+        return !records_.notifier.ended() && rows->send(sink);
+      });
 }
 
 void PageApi::sessions(const httplib::Request& /*request*/, httplib::Response& response) {
   RowReader reader(records_.data.path());
-  answer(response, [&](JsonWriter& writer) { reader.putSessions(writer); });
+  answer(response, [&](tools::JsonWriter& writer) { reader.putSessions(writer); });
 }
 
 void PageApi::batches(const httplib::Request& /*request*/, httplib::Response& response) {
@@ -196,7 +202,7 @@ void PageApi::batches(const httplib::Request& /*request*/, httplib::Response& re
 
 void PageApi::batchBody(const httplib::Request& request, httplib::Response& response) {
   const Journal::Entry batch = records_.batches.find(std::stoll(request.matches[1].str()));
-  if (!batch || !batch->body) return refuse(response, 404, "this body is not kept");
+  if (!batch || !batch->body) return refuse(response, 404, "this body is not stored");
   response.set_content(*batch->body, "text/plain; charset=utf-8");
 }
 
@@ -212,40 +218,40 @@ void PageApi::stream(const httplib::Request& request, httplib::Response& respons
   }
   const long long last = RowReader(records_.data.path()).last();
   const auto events = std::make_shared<Stream>(records_, numberOf(start, "after", last, kAnyNumber),
-                                               placeOf(streams_));
+                                               slotOf(streams_));
   response.set_chunked_content_provider(
       "text/event-stream",
       [events](std::size_t, httplib::DataSink& sink) { return events->send(sink); });
 }
 
-/// A row that was sent again is no further row, unless "state" asks for it.
+/// Rows that were sent again do not count, unless "state" asks for them.
 void PageApi::wait(const httplib::Request& request, httplib::Response& response) {
   Filter filter(request.params, {"after", "count", "timeout"});
-  if (!request.has_param("state")) filter.leaveOutRepeats();
+  if (!request.has_param("state")) filter.excludeRepeats();
   Range range{.after = numberOf(request.params, "after", 0, kAnyNumber)};
   range.limit = numberOf(request.params, "count", 1, 10'000);
   const std::chrono::seconds timeout(numberOf(request.params, "timeout", 5, 60));
   const auto deadline = std::chrono::steady_clock::now() + timeout;
-  const std::shared_ptr<void> place = placeOf(waits_);
+  const std::shared_ptr<void> slot = slotOf(waits_);
   RowReader reader(records_.data.path());
   std::vector<Row> found;
   bool isLast = false;
   do {
-    const unsigned long long rings = records_.bell.rings();
+    const unsigned long long seen = records_.notifier.count();
     found = reader.read(filter, range);
     isLast = std::ssize(found) >= range.limit || std::chrono::steady_clock::now() >= deadline ||
-             !records_.bell.waitBeyond(rings, deadline);
+             !records_.notifier.waitBeyond(seen, deadline);
   } while (!isLast);
   if (std::ssize(found) < range.limit) response.status = 408;
-  answer(response, [&](JsonWriter& writer) {
+  answer(response, [&](tools::JsonWriter& writer) {
     writer.StartObject();
     putRows(writer, found);
     writer.EndObject();
   });
 }
 
-void PageApi::reset(const httplib::Request& /*request*/, httplib::Response& response) {
-  records_.forget();
+void PageApi::reset(httplib::Response& response) {
+  records_.clear();
   response.status = 204;
 }
 
@@ -253,17 +259,16 @@ void PageApi::behaviour(const httplib::Request& /*request*/, httplib::Response& 
   response.set_content(records_.behaviour.text(), kJson);
 }
 
-void PageApi::change(const httplib::Request& request, httplib::Response& response) {
-  std::string document = request.body;
+void PageApi::change(std::string document, httplib::Response& response) {
   records_.behaviour.change(document);
-  records_.bell.ring();
+  records_.notifier.notify();
   response.set_content(records_.behaviour.text(), kJson);
 }
 
-std::shared_ptr<void> PageApi::placeOf(Places& places) {
-  std::shared_ptr<void> place = places.take();
-  if (!place) throw Refusal(503, "too many answers are under way");
-  return place;
+std::shared_ptr<void> PageApi::slotOf(Slots& slots) {
+  std::shared_ptr<void> slot = slots.acquire();
+  if (!slot) throw Refusal(503, "too many answers are under way");
+  return slot;
 }
 
 }  // namespace collector

@@ -2,6 +2,7 @@
 
 #include <httplib.h>
 
+#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
@@ -25,7 +26,8 @@ class PageApi {
  private:
   using Answer = void (PageApi::*)(const httplib::Request&, httplib::Response&);
 
-  httplib::Server::Handler guarded(Answer answer);
+  void guarded(const httplib::Request& request, httplib::Response& response,
+               const std::function<void()>& answer);
 
   void page(const httplib::Request& request, httplib::Response& response);
   void summary(const httplib::Request& request, httplib::Response& response);
@@ -38,18 +40,18 @@ class PageApi {
   void handshakes(const httplib::Request& request, httplib::Response& response);
   void stream(const httplib::Request& request, httplib::Response& response);
   void wait(const httplib::Request& request, httplib::Response& response);
-  void reset(const httplib::Request& request, httplib::Response& response);
+  void reset(httplib::Response& response);
   void behaviour(const httplib::Request& request, httplib::Response& response);
-  void change(const httplib::Request& request, httplib::Response& response);
+  void change(std::string document, httplib::Response& response);
 
   void send(Export::Format format, const httplib::Request& request, httplib::Response& response);
-  std::shared_ptr<void> placeOf(Places& places);
+  static std::shared_ptr<void> slotOf(Slots& slots);
 
   Records& records_;
   const PageGuard guard_;
   const std::string url_;
   const std::vector<std::string> tokens_;
-  Places streams_{24}, waits_{16};  // exports take the place of a wait
+  Slots streams_{24}, waits_{16};  // an export takes the slot of a wait
 };
 
 }  // namespace collector

@@ -6,7 +6,7 @@
 #include <string_view>
 #include <utility>
 
-#include "tools/collector/json_text.h"
+#include "tools/common/json_text.h"
 
 namespace collector {
 namespace {
@@ -33,7 +33,7 @@ bool isSame(std::string_view left, std::string_view right) {
   return difference == 0;
 }
 
-/// Browsers share cookies between the ports of a host, so the name tells the port.
+/// Browsers share cookies between the ports of a host, so the name contains the port.
 std::string cookieName(const httplib::Request& request) {
   return "collector_" + std::to_string(request.local_port);
 }
@@ -56,9 +56,9 @@ bool isLoopback(const std::string& host) {
 
 void refuse(httplib::Response& response, int status, const std::string& fault) {
   response.status = status;
-  response.set_content(jsonText([&](JsonWriter& writer) {
+  response.set_content(tools::jsonText([&](tools::JsonWriter& writer) {
                          writer.StartObject();
-                         member(writer, "error", fault);
+                         tools::member(writer, "error", fault);
                          writer.EndObject();
                        }),
                        "application/json");
@@ -84,8 +84,8 @@ bool PageGuard::admits(const httplib::Request& request, httplib::Response& respo
   return false;
 }
 
-/// A name that leads here by accident, or by the will of its owner, is not this machine's. Where
-/// every address is listened on, any address is its own, since no site owns one.
+/// A name that resolves to this machine is not its own, since any site can make one. Where every
+/// address is listened on, each address is its own.
 bool PageGuard::isOwnHost(const httplib::Request& request) const {
   if (request.get_header_value_count("Host") != 1) return false;
   const std::string host = hostOf(request.get_header_value("Host"));

@@ -6,12 +6,11 @@
 
 namespace collector {
 
-/// Who may see the page and what it reads.
+/// Decides who may see the page and what it reads.
 ///
-/// A browser is kept from asking in the name of another site: the Host header must name this
-/// machine as it was reached on purpose, and what changes something must come from this page.
-/// Beyond loopback the page's token is asked for: once as "?token=" of the page itself, from then
-/// on as a cookie, or as "Authorization: Bearer".
+/// Requests that other sites make a browser send are refused: the Host header must name this
+/// machine, and a POST must come from this page. Beyond loopback the page's token is required: once
+/// as "?token=" of the page itself, then as a cookie, or as "Authorization: Bearer".
 class PageGuard {
  public:
   /// `host` is the address that is listened on. An empty `token` means none is needed.

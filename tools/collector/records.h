@@ -10,25 +10,25 @@
 
 namespace collector {
 
-/// All that the collector knows; the protocol's side writes it, the page's side reads it. The bell
-/// rings after each change.
+/// All data of the collector. The protocol's side writes it, the page's side reads it. `notifier`
+/// reports each change.
 struct Records {
   Records(const std::string& dataFile, const std::string& configFile)
       : behaviour(configFile), data(dataFile), batches(data.lastBatch() + 1), handshakes(1) {}
 
-  void forget() {
-    data.forget();
+  void clear() {
+    data.clear();
     batches.clear();
     handshakes.clear();
     ++resets;
-    bell.ring();
+    notifier.notify();
   }
 
   Behaviour behaviour;
   DataFile data;
   Journal batches, handshakes;
   std::atomic<long long> resets{0};
-  Notifier bell;
+  Notifier notifier;
 };
 
 }  // namespace collector

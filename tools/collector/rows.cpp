@@ -33,31 +33,32 @@ std::string textOf(const Row& row, std::string_view key) {
 }
 
 /// The texts as [key, text] pairs.
-void putFields(JsonWriter& writer, const Kind& kind, const auto& textAt) {
+void putFields(tools::JsonWriter& writer, const Kind& kind, const auto& textAt) {
   writer.StartArray();
-  for (std::size_t i = 0; i < kind.keys().size(); ++i) putPair(writer, kind.keys()[i], textAt(i));
+  for (std::size_t i = 0; i < kind.keys().size(); ++i)
+    tools::putPair(writer, kind.keys()[i], textAt(i));
   writer.EndArray();
 }
 
 }  // namespace
 
-void putRow(JsonWriter& writer, const Row& row) {
+void putRow(tools::JsonWriter& writer, const Row& row) {
   writer.StartObject();
-  member(writer, "n", row.n);
-  member(writer, "received", isoTime(row.received));
-  member(writer, "table", row.kind->name());
-  member(writer, "name", row.name());
-  member(writer, "session", row.session);
-  member(writer, "user", row.user);
-  member(writer, "device", row.device);
-  member(writer, "token", row.token);
-  member(writer, "time", row.time());
-  put(writer, "lagMs");
+  tools::member(writer, "n", row.n);
+  tools::member(writer, "received", tools::isoTime(row.received));
+  tools::member(writer, "table", row.kind->name());
+  tools::member(writer, "name", row.name());
+  tools::member(writer, "session", row.session);
+  tools::member(writer, "user", row.user);
+  tools::member(writer, "device", row.device);
+  tools::member(writer, "token", row.token);
+  tools::member(writer, "time", row.time());
+  tools::put(writer, "lagMs");
   row.lag ? writer.Int64(*row.lag) : writer.Null();
-  member(writer, "state", row.state);
-  member(writer, "batch", row.batch);
-  member(writer, "times", row.times);
-  put(writer, "fields");
+  tools::member(writer, "state", row.state);
+  tools::member(writer, "batch", row.batch);
+  tools::member(writer, "times", row.times);
+  tools::put(writer, "fields");
   putFields(writer, *row.kind, [&](std::size_t i) { return row.texts[i]; });
   writer.EndObject();
 }
@@ -71,7 +72,7 @@ std::vector<Row> RowReader::read(const Filter& filter, const Range& range) {
   std::string sql = kArrivals + filter.condition() + " AND a.n > " + std::to_string(range.after);
   if (range.before) sql += " AND a.n < " + std::to_string(*range.before);
   sql += std::string(" ORDER BY a.n ") + (range.newest ? "DESC" : "ASC");
-  Statement arrivals = database_.prepare(sql + " LIMIT " + std::to_string(range.limit));
+  tools::Statement arrivals = database_.prepare(sql + " LIMIT " + std::to_string(range.limit));
   filter.bind(arrivals);
 
   std::vector<Row> rows;
@@ -85,7 +86,7 @@ std::vector<Row> RowReader::read(const Filter& filter, const Range& range) {
 }
 
 long long RowReader::count(const Filter& filter) {
-  Statement statement =
+  tools::Statement statement =
       database_.prepare("SELECT count(*) FROM Arrivals AS a WHERE " + filter.condition());
   filter.bind(statement);
   statement.step();
@@ -93,12 +94,12 @@ long long RowReader::count(const Filter& filter) {
 }
 
 long long RowReader::last() {
-  Statement statement =
+  tools::Statement statement =
       database_.prepare("SELECT seq FROM sqlite_sequence WHERE name = 'Arrivals'");
   return statement.step() ? statement.number(0) : 0;
 }
 
-Row RowReader::rowAt(const Statement& arrival) {
+Row RowReader::rowAt(const tools::Statement& arrival) {
   Row row;
   row.n = arrival.number(0);
   row.received = arrival.number(1);
@@ -119,7 +120,7 @@ Row RowReader::rowAt(const Statement& arrival) {
 }
 
 void RowReader::addTexts(Row& row, long long place) {
-  std::optional<Statement>& statement = texts_[positionOf(*row.kind)];
+  std::optional<tools::Statement>& statement = texts_[positionOf(*row.kind)];
   if (!statement) {
     statement = database_.prepare(
         "SELECT *, CAST(round((julianday(UTCTimeStamp) - 2440587.5) * 86400000) AS INTEGER) FROM " +
@@ -128,7 +129,7 @@ void RowReader::addTexts(Row& row, long long place) {
   const int columns = static_cast<int>(row.kind->keys().size());
   row.texts.resize(row.kind->keys().size());
   statement->bindAll(place);
-  if (!statement->step()) return;  // forgotten meanwhile
+  if (!statement->step()) return;  // deleted meanwhile
   for (int i = 0; i < columns; ++i) row.texts[static_cast<std::size_t>(i)] = statement->text(i);
   row.times = statement->number(columns);
   if (!statement->isNull(columns + 1)) row.lag = row.received - statement->number(columns + 1);
@@ -141,57 +142,57 @@ void RowReader::addUser(Row& row) {
   user_.reset();
 }
 
-void RowReader::putSummary(JsonWriter& writer) {
-  Statement counts = database_.prepare(
+void RowReader::putSummary(tools::JsonWriter& writer) {
+  tools::Statement counts = database_.prepare(
       "SELECT Kind, count(*), sum(State = 'again'), sum(State = 'gap') FROM Arrivals "
       "GROUP BY Kind");
   long long rows = 0, again = 0, gaps = 0;
-  put(writer, "tables");
+  tools::put(writer, "tables");
   writer.StartObject();
   while (counts.step()) {
-    put(writer, counts.text(0));
+    tools::put(writer, counts.text(0));
     writer.StartObject();
-    member(writer, "rows", counts.number(1));
-    member(writer, "again", counts.number(2));
-    member(writer, "gaps", counts.number(3));
+    tools::member(writer, "rows", counts.number(1));
+    tools::member(writer, "again", counts.number(2));
+    tools::member(writer, "gaps", counts.number(3));
     writer.EndObject();
     rows += counts.number(1);
     again += counts.number(2);
     gaps += counts.number(3);
   }
   writer.EndObject();
-  member(writer, "rows", rows);
-  member(writer, "again", again);
-  member(writer, "gaps", gaps);
-  Statement sessions =
+  tools::member(writer, "rows", rows);
+  tools::member(writer, "again", again);
+  tools::member(writer, "gaps", gaps);
+  tools::Statement sessions =
       database_.prepare("SELECT count(DISTINCT SessionID) FROM Arrivals WHERE SessionID <> ''");
   sessions.step();
-  member(writer, "sessions", sessions.number(0));
+  tools::member(writer, "sessions", sessions.number(0));
 }
 
-void RowReader::putSessions(JsonWriter& writer) {
-  Statement sessions = database_.prepare(kSessions);
+void RowReader::putSessions(tools::JsonWriter& writer) {
+  tools::Statement sessions = database_.prepare(kSessions);
   writer.StartArray();
   while (sessions.step()) {
     writer.StartObject();
-    member(writer, "session", sessions.text(0));
-    member(writer, "rows", sessions.number(2));
-    member(writer, "first", isoTime(sessions.number(3)));
-    member(writer, "last", isoTime(sessions.number(4)));
-    member(writer, "token", sessions.text(5));
+    tools::member(writer, "session", sessions.text(0));
+    tools::member(writer, "rows", sessions.number(2));
+    tools::member(writer, "first", tools::isoTime(sessions.number(3)));
+    tools::member(writer, "last", tools::isoTime(sessions.number(4)));
+    tools::member(writer, "token", sessions.text(5));
     putProfile(writer, sessions.text(0));
     writer.EndObject();
   }
   writer.EndArray();
 }
 
-void RowReader::putProfile(JsonWriter& writer, std::string_view session) {
+void RowReader::putProfile(tools::JsonWriter& writer, std::string_view session) {
   constexpr const Kind& kKind = kKinds[0];  // Sessions
   constexpr int kDevice = 5;                // PlatformDeviceID
   profile_.bindAll(session);
   const bool isKnown = profile_.step();
-  member(writer, "device", isKnown ? profile_.text(kDevice) : std::string_view());
-  put(writer, "profile");
+  tools::member(writer, "device", isKnown ? profile_.text(kDevice) : std::string_view());
+  tools::put(writer, "profile");
   if (isKnown) {
     putFields(writer, kKind, [&](std::size_t i) { return profile_.text(static_cast<int>(i)); });
   } else {

@@ -6,10 +6,10 @@
 #include <string_view>
 #include <vector>
 
-#include "tools/collector/database.h"
 #include "tools/collector/filter.h"
-#include "tools/collector/json_text.h"
 #include "tools/collector/kinds.h"
+#include "tools/common/database.h"
+#include "tools/common/json_text.h"
 
 namespace collector {
 
@@ -29,7 +29,7 @@ struct Row {
   const std::string& time() const { return texts.back(); }
 };
 
-void putRow(JsonWriter& writer, const Row& row);
+void putRow(tools::JsonWriter& writer, const Row& row);
 
 /// Which part of the arrivals is read.
 struct Range {
@@ -39,14 +39,13 @@ struct Range {
   bool newest = false;  // the last ones of them, not the first ones
 };
 
-/// Reads what is kept, over a connection of its own: it neither waits for a batch nor delays one.
+/// Reads the data file over a connection of its own: it neither waits for a batch nor delays one.
 /// Thread: one at a time.
 class RowReader {
  public:
   explicit RowReader(const std::string& path);
 
-  /// Oldest first. Ends early, though never before the first row, where the texts exceed
-  /// 8,000,000 bytes.
+  /// Oldest first. Returns fewer rows, but at least one, where their texts exceed 8,000,000 bytes.
   std::vector<Row> read(const Filter& filter, const Range& range);
   long long count(const Filter& filter);
 
@@ -54,19 +53,19 @@ class RowReader {
   long long last();
 
   /// The members "rows", "again", "gaps", "sessions" and "tables" of the summary.
-  void putSummary(JsonWriter& writer);
+  void putSummary(tools::JsonWriter& writer);
   /// The sessions as an array, the one that a row arrived of last first.
-  void putSessions(JsonWriter& writer);
+  void putSessions(tools::JsonWriter& writer);
 
  private:
-  Row rowAt(const Statement& arrival);
+  Row rowAt(const tools::Statement& arrival);
   void addTexts(Row& row, long long place);
   void addUser(Row& row);
-  void putProfile(JsonWriter& writer, std::string_view session);
+  void putProfile(tools::JsonWriter& writer, std::string_view session);
 
-  Database database_;
-  std::array<std::optional<Statement>, kKinds.size()> texts_;  // made when first needed
-  Statement user_, profile_;
+  tools::Database database_;
+  std::array<std::optional<tools::Statement>, kKinds.size()> texts_;  // prepared when first needed
+  tools::Statement user_, profile_;
 };
 
 }  // namespace collector

@@ -4,7 +4,7 @@
 #include <chrono>
 #include <utility>
 
-#include "tools/collector/csv.h"
+#include "tools/collector/row_csv.h"
 
 namespace collector {
 namespace {
@@ -12,17 +12,17 @@ namespace {
 using namespace std::chrono_literals;
 using Clock = std::chrono::steady_clock;
 
-constexpr auto kPause = 100ms;       // between two messages at least, once all rows are sent
-constexpr auto kSignOfLife = 5s;     // the longest silence
-constexpr auto kLook = 500ms;        // between two looks whether the page is still there
-constexpr auto* kNothing = ":\n\n";  // a comment, which pages pass over
+constexpr auto kPause = 100ms;          // between two messages at least, once all rows are sent
+constexpr auto kMaxSilence = 5s;        // then a comment is sent
+constexpr auto kCheckInterval = 500ms;  // between two checks that the page is still there
+constexpr auto* kComment = ":\n\n";     // ignored by pages
 
 void addEvent(std::string& events, std::string_view name, const std::string& data) {
   events.append("event: ").append(name).append("\ndata: ").append(data).append("\n\n");
 }
 
 std::string rowsText(const std::vector<Row>& rows) {
-  return jsonText([&](JsonWriter& writer) {
+  return tools::jsonText([&](tools::JsonWriter& writer) {
     writer.StartArray();
     for (const Row& row : rows) putRow(writer, row);
     writer.EndArray();
@@ -31,7 +31,7 @@ std::string rowsText(const std::vector<Row>& rows) {
 
 }  // namespace
 
-Stream::Stream(Records& records, long long after, std::shared_ptr<void> place)
+Stream::Stream(Records& records, long long after, std::shared_ptr<void> slot)
     : records_(records),
       rows_(records.data.path()),
       all_({}, {}),
@@ -40,29 +40,29 @@ Stream::Stream(Records& records, long long after, std::shared_ptr<void> place)
       handshake_(records.handshakes.end()),
       change_(records.behaviour.changes()),
       reset_(records.resets),
-      place_(std::move(place)) {
+      slot_(std::move(slot)) {
   if (row_ <= rows_.last()) return;
   row_ = 0;
   reset_ = -1;
 }
 
 bool Stream::send(httplib::DataSink& sink) {
-  const auto deadline = Clock::now() + kSignOfLife;
+  const auto deadline = Clock::now() + kMaxSilence;
   std::string events;
-  while (!records_.bell.ended() && Clock::now() < deadline) {
-    const unsigned long long rings = records_.bell.rings();
-    events = news();
+  while (!records_.notifier.ended() && Clock::now() < deadline) {
+    const unsigned long long seen = records_.notifier.count();
+    events = newEvents();
     if (!events.empty()) break;
     if (!sink.is_writable()) return false;
-    records_.bell.waitBeyond(rings, Clock::now() + kLook);
+    records_.notifier.waitBeyond(seen, Clock::now() + kCheckInterval);
   }
-  if (events.empty()) events = kNothing;
+  if (events.empty()) events = kComment;
   if (!sink.write(events.data(), events.size())) return false;
-  if (!isBehind_ && !records_.bell.pauseUntil(Clock::now() + kPause)) sink.done();
+  if (!hasMore_ && !records_.notifier.pauseUntil(Clock::now() + kPause)) sink.done();
   return true;
 }
 
-std::string Stream::news() {
+std::string Stream::newEvents() {
   std::string events;
   if (const long long reset = records_.resets; reset != std::exchange(reset_, reset)) {
     addEvent(events, "reset", "{}");
@@ -80,7 +80,7 @@ std::string Stream::news() {
 void Stream::addRows(std::string& events) {
   const Range next{.after = row_};
   const std::vector<Row> rows = rows_.read(all_, next);
-  isBehind_ = std::ssize(rows) == next.limit;
+  hasMore_ = std::ssize(rows) == next.limit;
   if (rows.empty()) return;
   row_ = rows.back().n;
   events.append("id: ").append(std::to_string(row_)).append("\n");
@@ -88,14 +88,15 @@ void Stream::addRows(std::string& events) {
 }
 
 void Stream::addExchanges(std::string& events, std::string_view name, const Journal& journal,
-                          long long& cursor, void (*putOne)(JsonWriter&, const Exchange&)) {
+                          long long& cursor, void (*putOne)(tools::JsonWriter&, const Exchange&)) {
   for (const Journal::Entry& entry : journal.since(cursor)) {
-    addEvent(events, name, jsonText([&](JsonWriter& writer) { putOne(writer, *entry); }));
+    addEvent(events, name,
+             tools::jsonText([&](tools::JsonWriter& writer) { putOne(writer, *entry); }));
   }
 }
 
-Export::Export(const std::string& path, Filter filter, Format format, std::shared_ptr<void> place)
-    : rows_(path), filter_(std::move(filter)), format_(format), place_(std::move(place)) {}
+Export::Export(const std::string& path, Filter filter, Format format, std::shared_ptr<void> slot)
+    : rows_(path), filter_(std::move(filter)), format_(format), slot_(std::move(slot)) {}
 
 bool Export::send(httplib::DataSink& sink) {
   std::string text;
@@ -116,7 +117,7 @@ std::string Export::piece(const std::vector<Row>& rows) const {
   for (const Row& row : rows) {
     text += format_ == Format::csv
                 ? csvLine(row, !filter_.table().empty())
-                : jsonText([&](JsonWriter& writer) { putRow(writer, row); }) + "\n";
+                : tools::jsonText([&](tools::JsonWriter& writer) { putRow(writer, row); }) + "\n";
   }
   return text;
 }

@@ -1,49 +1,20 @@
 #include "tools/inspect/arguments.h"
 
 #include <algorithm>
-#include <array>
-#include <map>
 #include <string_view>
 #include <utility>
 #include <vector>
+
+#include "tools/common/text.h"
 
 namespace inspect {
 namespace {
 
 using marbleway::kTables;
 using marbleway::Table;
+using tools::UsageError;
 
-/// The command line as it stands: the words, and what follows the options.
-struct Words {
-  std::vector<std::string> plain;
-  std::map<std::string, std::string, std::less<>> options;
-};
-
-constexpr std::array<std::string_view, 3> kOptions{"--directory", "--format", "--user"};
-
-Words split(std::span<const char* const> arguments) {
-  Words words;
-  for (std::size_t i = 0; i < arguments.size(); ++i) {
-    const std::string word = arguments[i];
-    if (!word.starts_with("-")) {
-      words.plain.push_back(word);
-      continue;
-    }
-    const std::size_t equals = word.find('=');
-    const std::string name = word.substr(0, equals);
-    if (std::ranges::find(kOptions, name) == kOptions.end()) {
-      throw UsageError("unknown option \"" + printable(name) + "\"");
-    }
-    if (equals != std::string::npos) {
-      words.options[name] = word.substr(equals + 1);
-    } else if (++i < arguments.size()) {
-      words.options[name] = arguments[i];
-    } else {
-      throw UsageError(name + " needs a value");
-    }
-  }
-  return words;
-}
+constexpr std::string_view kOptions[] = {"--directory", "--format", "--user"};
 
 /// The one of `choices` that `word` names.
 template <class Choices>
@@ -51,7 +22,7 @@ auto chosen(const Choices& choices, std::string_view word, const char* what) {
   for (const auto& [name, choice] : choices) {
     if (name == word) return choice;
   }
-  throw UsageError(std::string("unknown ").append(what) + " \"" + printable(word) + "\"");
+  throw UsageError(std::string("unknown ").append(what) + " " + tools::inQuotes(word));
 }
 
 constexpr std::pair<std::string_view, Command> kCommands[] = {{"stats", Command::stats},
@@ -67,7 +38,7 @@ const Table* tableOf(std::string_view word) {
     return word == any.name || word == any.name.substr(kPrefix.size()) || word == any.arrayKey;
   });
   if (table != std::end(kTables)) return table;
-  throw UsageError("unknown table \"" + printable(word) + "\"");
+  throw UsageError("unknown table " + tools::inQuotes(word));
 }
 
 void checkFormat(const Request& request, bool isFormatGiven) {
@@ -81,31 +52,25 @@ void checkFormat(const Request& request, bool isFormatGiven) {
 
 }  // namespace
 
-Request readArguments(std::span<const char* const> arguments) {
-  for (const std::string_view word : arguments) {
-    if (word == "--help") return {.command = Command::help};
-    if (word == "--version") return {.command = Command::version};
-  }
-  Words words = split(arguments);
+Request readArguments(std::span<const char* const> words) {
+  const tools::Arguments arguments(words, kOptions);
+  if (arguments.asksForHelp()) return {.command = Command::help};
+  if (arguments.asksForVersion()) return {.command = Command::version};
+  std::vector<std::string> plain = arguments.plain();
+  if (arguments.has("--directory")) plain.insert(plain.begin(), arguments.value("--directory"));
+  if (plain.empty() || plain[0].empty()) throw UsageError("no directory is named");
+  if (plain.size() == 1) throw UsageError("no command is given");
   Request request;
-  if (const auto given = words.options.find("--directory"); given != words.options.end()) {
-    words.plain.insert(words.plain.begin(), given->second);
+  request.directory = plain[0];
+  request.command = chosen(kCommands, plain[1], "command");
+  const std::size_t maxWords = request.command == Command::rows ? 3 : 2;
+  if (plain.size() > maxWords) {
+    throw UsageError("one word too many: " + tools::inQuotes(plain[maxWords]));
   }
-  if (words.plain.empty() || words.plain[0].empty()) throw UsageError("no directory is named");
-  if (words.plain.size() == 1) throw UsageError("no command is given");
-  request.directory = words.plain[0];
-  request.command = chosen(kCommands, words.plain[1], "command");
-  const std::size_t most = request.command == Command::rows ? 3 : 2;
-  if (words.plain.size() > most) {
-    throw UsageError("one word too many: \"" + printable(words.plain[most]) + "\"");
-  }
-  if (words.plain.size() == 3) request.table = tableOf(words.plain[2]);
-  if (const auto user = words.options.find("--user"); user != words.options.end()) {
-    request.user = user->second;
-  }
-  const auto format = words.options.find("--format");
-  if (format != words.options.end()) request.format = chosen(kFormats, format->second, "format");
-  checkFormat(request, format != words.options.end());
+  if (plain.size() == 3) request.table = tableOf(plain[2]);
+  if (arguments.has("--user")) request.user = arguments.value("--user");
+  request.format = chosen(kFormats, arguments.value("--format", "table"), "format");
+  checkFormat(request, arguments.has("--format"));
   return request;
 }
 

@@ -3,18 +3,18 @@
 #include <filesystem>
 #include <optional>
 #include <span>
-#include <stdexcept>
 #include <string>
 
 #include "Marbleway/store/schema.h"
+#include "tools/common/arguments.h"
 #include "tools/inspect/sheet.h"
 
 namespace inspect {
 
 /// What --help prints.
 inline constexpr auto kUsage = R"(usage: marbleway-inspect DIRECTORY COMMAND [...]
-Shows what the library keeps in a documents directory, without changing a byte of it. Safe while
-the application runs.
+Shows the rows that the library has stored in a documents directory, without changing a byte of it.
+Safe while the application runs.
 
   stats                  rows, bytes, oldest and newest row of each table, and both files
   rows [TABLE]           the rows of a table, or of all: "events", "mrbw_v2_events" or "Events"
@@ -25,7 +25,7 @@ the application runs.
                          a session may name more than one
   --format FORMAT        table (the default), ndjson or csv; batch is always JSON
   --directory DIRECTORY  the documents directory, in the place of the first argument
-  --help, --version      print this, or the version
+  -h, --help, --version  print this, or the version
 
 Ends with 0; with 1 when there is no store or one cannot be read; with 2 for wrong usage.
 )";
@@ -40,12 +40,7 @@ struct Request {
   Format format = Format::table;
 };
 
-/// A command line that makes no sense; what() says why.
-struct UsageError : std::runtime_error {
-  using std::runtime_error::runtime_error;
-};
-
 /// What the arguments (after the program's name) ask for. Throws a UsageError.
-Request readArguments(std::span<const char* const> arguments);
+Request readArguments(std::span<const char* const> words);
 
 }  // namespace inspect

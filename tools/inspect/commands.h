@@ -6,8 +6,8 @@
 
 namespace inspect {
 
-/// Carries out a command on a directory: what it shows goes to `out`, whole rows as they are read;
-/// what is to be known about it to `notes`, a line each. Throws a ReadError.
-void carryOut(const Request& request, std::ostream& out, std::ostream& notes);
+/// Runs a command on a directory: its output goes to `out`, in whole rows as they are read, remarks
+/// to `notes`, a line each. Throws a ReadError or a DatabaseError.
+void runCommand(const Request& request, std::ostream& out, std::ostream& notes);
 
 }  // namespace inspect

@@ -1,15 +1,16 @@
 #include "tools/inspect/documents.h"
 
+#include <fcntl.h>
+#include <unistd.h>
+
 #include <algorithm>
-#include <csignal>
 #include <cstdlib>
 #include <fstream>
-#include <iterator>
+#include <utility>
 #include <vector>
 
-#include "Marbleway/core/state.h"
 #include "Marbleway/platform/utf8.h"
-#include "tools/inspect/query.h"
+#include "tools/inspect/read_only.h"
 
 namespace inspect {
 namespace {
@@ -20,49 +21,87 @@ using marbleway::Table;
 
 constexpr Store kStores[] = {Store::event, Store::network};
 constexpr int kMaxAttempts = 100;
+constexpr const char* kReadSchema = "SELECT count(*) FROM sqlite_master";
 
 const char* nameOf(Store store) {
   return store == Store::event ? marbleway::DBFileName : marbleway::HTTPDBFileName;
 }
 
-/// Lets the signals that end the program wait, or come.
-void holdEnd(int how) {
-  sigset_t signals;
-  sigemptyset(&signals);
-  for (const int signal : {SIGINT, SIGTERM, SIGHUP, SIGQUIT}) sigaddset(&signals, signal);
-  pthread_sigmask(how, &signals, nullptr);
+/// The file beside a store without which it is not whole, and how many of its first bytes are the
+/// same as long as the store and this file belong together.
+struct Log {
+  const char* suffix;
+  std::size_t identity;
+};
+constexpr Log kRollbackJournal{"-journal", std::string::npos};
+constexpr Log kWriteAheadLog{"-wal", 32};  // its header, which has another salt at each restart
+
+/// What has to be copied with a store before it can be read; nothing for one that is read in place.
+std::optional<Log> logOf(const fs::path& store) {
+  constexpr std::size_t kFileFormat = 18;  // of a store's header: 2 in write-ahead mode
+  const std::string header = bytesOf(store, kFileFormat + 1);
+  if (header.size() > kFileFormat && header[kFileFormat] == 2) return kWriteAheadLog;
+  try {
+    openStore(store)->execute(kReadSchema);
+    return std::nullopt;
+  } catch (const tools::DatabaseError& error) {
+    if (error.code == SQLITE_READONLY_ROLLBACK) return kRollbackJournal;
+    throw;
+  }
 }
 
-std::string bytesOf(const fs::path& file) {
-  std::ifstream stream(file, std::ios::binary);
-  return {std::istreambuf_iterator<char>(stream), {}};
-}
+/// Holds SQLite's shared lock on a store, under which no writer that closes its connection empties
+/// and removes the write-ahead log.
+class SharedLock {
+ public:
+  explicit SharedLock(const fs::path& store) : file_(open(store.c_str(), O_RDONLY | O_CLOEXEC)) {
+    struct flock lock {};
+    lock.l_type = F_RDLCK;
+    lock.l_whence = SEEK_SET;
+    lock.l_start = 0x40000002;  // the bytes that SQLite's file format keeps for shared locks
+    lock.l_len = 510;
+    fcntl(file_, F_OFD_SETLK, &lock);
+  }
+  SharedLock(const SharedLock&) = delete;
+  SharedLock& operator=(const SharedLock&) = delete;
+  ~SharedLock() { close(file_); }
 
-/// Copies a half-written store with its journal. A store that somebody rolls back meanwhile is
-/// still whole together with the journal, as long as that is the same after the store was read.
-void copyHalfWritten(const fs::path& store, const fs::path& copy) {
-  const auto journalOf = [](const fs::path& file) { return fs::path(file).concat("-journal"); };
+ private:
+  int file_;
+};
+
+/// Copies a store with its log and merges them in the copy, which is then read like any store.
+void copyWithLog(const fs::path& store, const fs::path& copy, const Log& log) {
+  std::optional<SharedLock> lock;
+  if (log.identity != std::string::npos) lock.emplace(store);
+  const auto logFile = fs::path(store).concat(log.suffix);
   for (int attempt = 0; attempt < kMaxAttempts; ++attempt) {
-    const std::string journal = bytesOf(journalOf(store));
+    const std::string before = bytesOf(logFile, log.identity);
     fs::copy_file(store, copy, fs::copy_options::overwrite_existing);
-    if (bytesOf(journalOf(store)) != journal) continue;
-    std::ofstream(journalOf(copy), std::ios::binary) << journal;
-    return rollBack(copy);
+    const std::string after = bytesOf(logFile);
+    if (after.substr(0, log.identity) != before) continue;
+    std::ofstream(fs::path(copy).concat(log.suffix), std::ios::binary) << after;
+    tools::Database whole(copy.string(), SQLITE_OPEN_READWRITE, writableFiles());
+    return whole.execute(std::string("PRAGMA journal_mode=DELETE; ") + kReadSchema);
   }
   throw ReadError(store.string() + ": changes too fast to be copied");
 }
 
-// A store that is whole is read where it stands, by a link.
-void supply(const fs::path& store, const fs::path& copy) {
-  if (isHalfWritten(store)) return copyHalfWritten(store, copy);
-  fs::create_symlink(store, copy);
-}
-
 }  // namespace
 
-PrivateFolder::PrivateFolder() {
+std::string bytesOf(const fs::path& file, std::size_t maxBytes) {
+  std::error_code error;
+  const std::uintmax_t size = fs::is_regular_file(file, error) ? fs::file_size(file, error) : 0;
+  if (error || size == 0) return {};
+  std::string bytes(std::min<std::uintmax_t>(maxBytes, size), '\0');
+  std::ifstream stream(file, std::ios::binary);
+  stream.read(bytes.data(), static_cast<std::streamsize>(bytes.size()));
+  bytes.resize(static_cast<std::size_t>(stream.gcount()));
+  return bytes;
+}
+
+PrivateFolder::PrivateFolder() : ends_{SIGINT, SIGTERM, SIGHUP, SIGQUIT} {
   std::string name = (fs::temp_directory_path() / "marbleway-inspect-XXXXXX").string();
-  holdEnd(SIG_BLOCK);
   if (mkdtemp(name.data()) == nullptr) throw ReadError(name + ": cannot be made for a copy");
   path_ = name;
 }
@@ -70,29 +109,40 @@ PrivateFolder::PrivateFolder() {
 PrivateFolder::~PrivateFolder() {
   std::error_code error;
   fs::remove_all(path_, error);
-  holdEnd(SIG_UNBLOCK);
 }
 
 Documents::Documents(const fs::path& directory) : directory_(fs::absolute(directory)) {
-  std::vector<Store> there;
-  std::ranges::copy_if(kStores, std::back_inserter(there),
-                       [this](Store store) { return has(store); });
-  if (there.empty()) throw ReadError(directory_.string() + ": no stores here");
-  const auto isWhole = [this](Store store) { return !isHalfWritten(directory_ / nameOf(store)); };
-  if (std::ranges::all_of(there, isWhole)) return;
-  copies_.emplace();
-  for (const Store store : there) supply(directory_ / nameOf(store), pathOf(store));
+  std::vector<std::pair<Store, std::optional<Log>>> found;
+  for (const Store store : kStores) {
+    const fs::path file = directory_ / nameOf(store);
+    if (!fs::exists(file)) continue;
+    if (!fs::is_regular_file(file)) throw ReadError(file.string() + ": not a regular file");
+    found.emplace_back(store, logOf(file));
+  }
+  if (found.empty()) throw ReadError(directory_.string() + ": no stores here");
+  for (const auto& [store, log] : found) {
+    const fs::path file = directory_ / nameOf(store);
+    if (log && !copies_) copies_.emplace();
+    if (log) copyWithLog(file, copies_->path() / nameOf(store), *log);
+  }
+  for (const auto& each : found) {
+    connections_.at(static_cast<std::size_t>(each.first)) = openStore(pathOf(each.first));
+  }
 }
 
-bool Documents::has(Store store) const { return fs::exists(pathOf(store)); }
-
-fs::path Documents::pathOf(Store store) const { return readable() / nameOf(store); }
+fs::path Documents::pathOf(Store store) const {
+  if (copies_ && fs::exists(copies_->path() / nameOf(store)))
+    return copies_->path() / nameOf(store);
+  return directory_ / nameOf(store);
+}
 
 Selection::Selection(const Documents& documents, const std::optional<std::string>& user) {
   if (!user) return;
   user_ = marbleway::repaired(*user);
+  sessions_ = "[]";
   if (!documents.has(Store::event)) return;
-  Query sessions(documents.pathOf(Store::event),
+  requireTable(documents[Store::event], "mrbw_v2_users");
+  Query sessions(documents[Store::event],
                  "SELECT json_group_array(DISTINCT SessionID) FROM mrbw_v2_users WHERE UserID = ?1",
                  user_);
   if (sessions.next()) sessions_ = sessions.text(0).value_or("[]");
@@ -104,9 +154,8 @@ std::string Selection::condition(const Table& table) const {
   return "SessionID IN (SELECT value FROM json_each(?1))";
 }
 
-std::optional<std::string> Selection::parameter(const Table& table) const {
-  if (!user_) return std::nullopt;
-  return table.columns[0] == "SessionID" ? sessions_ : *user_;
+const std::optional<std::string>& Selection::parameter(const Table& table) const {
+  return table.columns[0] == "SessionID" ? sessions_ : user_;
 }
 
 }  // namespace inspect

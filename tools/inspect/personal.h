@@ -7,11 +7,11 @@
 
 namespace inspect {
 
-/// A column that tells of a person. One that is missing here tells of the application alone.
+/// A column that can hold personal data. A column that is missing here describes the application.
 struct Personal {
-  /// identifier: names a person or a device for good. link: ties rows or persons together.
-  /// attribute: what the application says of a person, by name. device: what the device says of
-  /// itself. content: whatever the application recorded; only its author knows what that tells.
+  /// identifier: names a person or a device permanently. link: connects rows or persons.
+  /// attribute: a property of a person or company, by name. device: a property of the device.
+  /// content: whatever the application recorded; only its author knows what it contains.
   std::string_view kind;
   const marbleway::Table& table;
   std::string_view column;
@@ -20,10 +20,10 @@ struct Personal {
   consteval Personal(std::string_view kindOf, std::string_view tableName,
                      std::string_view columnName, std::string_view keyName = {})
       : kind(kindOf), table(tableOf(tableName)), column(columnName), keyColumn(keyName) {
-    const auto isThere = [this](std::string_view name) {
+    const auto isColumn = [this](std::string_view name) {
       return std::ranges::find(table.columns, name) != table.columns.end();
     };
-    if (!isThere(column) || !(keyColumn.empty() || isThere(keyColumn))) throw "no such column";
+    if (!isColumn(column) || !(keyColumn.empty() || isColumn(keyColumn))) throw "no such column";
   }
 
  private:
@@ -66,7 +66,7 @@ inline constexpr Personal kPersonal[] = {
     {"content", "mrbw_v2_network_requests", "ResponseBody"},
 };
 
-/// The settings that name a person or a device, or tie rows to it.
+/// The settings that name a person or a device, or connect rows with it.
 inline constexpr struct {
   std::string_view kind, key;
 } kPersonalSettings[] = {{"identifier", "Marbleway_UserID"},

@@ -1,22 +1,29 @@
 #include "tools/inspect/read_only.h"
 
 #include <sqlite3.h>
+#include <sys/stat.h>
 
 #include <stdexcept>
 
 namespace inspect {
 namespace {
 
-sqlite3_vfs* usual = nullptr;
+sqlite3_vfs* standard = nullptr;
 
 constexpr int kStoreFiles =
     SQLITE_OPEN_MAIN_DB | SQLITE_OPEN_MAIN_JOURNAL | SQLITE_OPEN_SUPER_JOURNAL;
 constexpr int kWriting =
     SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_EXCLUSIVE | SQLITE_OPEN_DELETEONCLOSE;
 
+/// False for a FIFO, a device or a folder: opening one could block, or read what is no store.
+bool isRegularOrMissing(const char* name) {
+  struct stat facts {};
+  return name == nullptr || stat(name, &facts) != 0 || S_ISREG(facts.st_mode);
+}
+
 int openForReading(sqlite3_vfs* /*vfs*/, const char* name, sqlite3_file* file, int flags,
                    int* outFlags) {
-  if ((flags & SQLITE_OPEN_WAL) != 0) {
+  if ((flags & SQLITE_OPEN_WAL) != 0 || !isRegularOrMissing(name)) {
     file->pMethods = nullptr;
     return SQLITE_CANTOPEN;
   }
@@ -25,7 +32,7 @@ int openForReading(sqlite3_vfs* /*vfs*/, const char* name, sqlite3_file* file, i
   if ((flags & SQLITE_OPEN_MAIN_JOURNAL) != 0) {
     flags = (flags & ~SQLITE_OPEN_MAIN_JOURNAL) | SQLITE_OPEN_SUPER_JOURNAL;
   }
-  return usual->xOpen(usual, name, file, flags, outFlags);
+  return standard->xOpen(standard, name, file, flags, outFlags);
 }
 
 int deleteNothing(sqlite3_vfs* /*vfs*/, const char* /*name*/, int /*syncsDirectory*/) {
@@ -35,17 +42,17 @@ int deleteNothing(sqlite3_vfs* /*vfs*/, const char* /*name*/, int /*syncsDirecto
 }  // namespace
 
 void openStoresForReadingOnly() {
-  usual = sqlite3_vfs_find(nullptr);
-  if (usual == nullptr) throw std::runtime_error("SQLite knows no file system");
-  static sqlite3_vfs readOnly = *usual;
+  standard = sqlite3_vfs_find(nullptr);
+  if (standard == nullptr) throw std::runtime_error("SQLite has no file system");
+  static sqlite3_vfs readOnly = *standard;
   readOnly.zName = "marbleway-inspect";
   readOnly.xOpen = openForReading;
   readOnly.xDelete = deleteNothing;
   if (sqlite3_vfs_register(&readOnly, 1) != SQLITE_OK) {
-    throw std::runtime_error("SQLite takes no file system");
+    throw std::runtime_error("SQLite accepts no other file system");
   }
 }
 
-const char* writableFiles() { return usual->zName; }
+const char* writableFiles() { return standard->zName; }
 
 }  // namespace inspect

@@ -27,13 +27,10 @@ class Sheet {
   virtual void end() = 0;
 };
 
-/// As a table for people: aligned by what its first rows need, long values cut, and no control
-/// character or reordering of text in it; none is "-". As NDJSON: an object a line, the title its
-/// member "Table". As CSV (RFC 4180, but for lines that end in a mere newline): the columns' names
-/// first, titles left out, an empty text in quotes and none without.
+/// Format::table: columns as wide as the first rows need, long values cut, control characters
+/// spelled out, "-" for no value. Format::ndjson: an object a line, the title its member "Table".
+/// Format::csv (RFC 4180, but lines end in a newline alone): first the columns' names, no title,
+/// texts in quotes, nothing for no value.
 std::unique_ptr<Sheet> makeSheet(Format format, std::ostream& out);
-
-/// `text` for one line of a terminal: what would control it is spelled out, as \n or \u009b.
-std::string printable(std::string_view text);
 
 }  // namespace inspect

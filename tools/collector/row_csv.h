@@ -11,8 +11,6 @@ namespace collector {
 std::string csvHead(const Kind* kind);
 
 /// One arrival as a line; `inColumns`: each of its texts in a column of its own.
-///
-/// A text that a spreadsheet would take for a formula gets an apostrophe in front.
 std::string csvLine(const Row& row, bool inColumns);
 
 }  // namespace collector

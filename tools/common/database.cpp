@@ -1,12 +1,10 @@
-#include "tools/collector/database.h"
+#include "tools/common/database.h"
 
-#include <stdexcept>
+namespace tools {
 
-namespace collector {
-
-Database::Database(const std::string& path, int flags) : path_(path) {
+Database::Database(const std::string& path, int flags, const char* vfs) : path_(path) {
   sqlite3* database = nullptr;
-  const int result = sqlite3_open_v2(path.c_str(), &database, flags, nullptr);
+  const int result = sqlite3_open_v2(path.c_str(), &database, flags, vfs);
   database_.reset(database);
   if (result != SQLITE_OK) fail();
   sqlite3_busy_timeout(database, 10'000);
@@ -29,7 +27,8 @@ Statement Database::prepare(const std::string& sql) const {
 }
 
 void Database::fail() const {
-  throw std::runtime_error("the data file " + path_ + ": " + sqlite3_errmsg(database_.get()));
+  throw DatabaseError(path_ + ": " + sqlite3_errmsg(database_.get()),
+                      sqlite3_extended_errcode(database_.get()));
 }
 
 void Statement::bind(int index, std::string_view text) {
@@ -43,7 +42,7 @@ void Statement::bind(int index, long long number) {
 
 bool Statement::step() {
   if (sqlite3_step(statement_.get()) == SQLITE_ROW) return true;
-  if (sqlite3_reset(statement_.get()) != SQLITE_OK) database_->fail();  // tells what the step met
+  if (sqlite3_reset(statement_.get()) != SQLITE_OK) database_->fail();  // the code of the step
   return false;
 }
 
@@ -57,9 +56,9 @@ void Statement::tryRun() noexcept {
 }
 
 std::string_view Statement::text(int column) const {
-  const void* data = sqlite3_column_blob(statement_.get(), column);
+  const void* data = sqlite3_column_text(statement_.get(), column);
   const int size = sqlite3_column_bytes(statement_.get(), column);
   return {static_cast<const char*>(data), static_cast<std::size_t>(size)};
 }
 
-}  // namespace collector
+}  // namespace tools

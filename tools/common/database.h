@@ -3,21 +3,29 @@
 #include <sqlite3.h>
 
 #include <memory>
+#include <stdexcept>
 #include <string>
 #include <string_view>
 
-namespace collector {
+namespace tools {
+
+/// A failure of SQLite; what() names the file and the reason.
+struct DatabaseError : std::runtime_error {
+  DatabaseError(const std::string& message, int extendedCode)
+      : std::runtime_error(message), code(extendedCode) {}
+  int code;  // SQLite's extended result code
+};
 
 class Statement;
 
-/// One connection to a SQLite file; used by one thread at a time.
+/// One connection to a SQLite file, used by one thread at a time.
 ///
-/// Every failure here and in its statements throws a std::runtime_error that names the file.
+/// Every failure here and in its statements throws a DatabaseError.
 class Database {
  public:
-  /// `flags` are those of sqlite3_open_v2. A file that another connection holds is waited for, ten
-  /// seconds at most.
-  Database(const std::string& path, int flags);
+  /// `flags` are those of sqlite3_open_v2, `vfs` is the name of the file system, null for SQLite's
+  /// default. A file that another connection has locked is waited for, ten seconds at most.
+  Database(const std::string& path, int flags, const char* vfs = nullptr);
   Database(const Database&) = delete;
   Database& operator=(const Database&) = delete;
 
@@ -26,11 +34,11 @@ class Database {
   void tryExecute(const char* sql) noexcept;
   Statement prepare(const std::string& sql) const;
 
-  /// How many rows the statement that ran last has changed.
-  int changes() const { return sqlite3_changes(database_.get()); }
-  /// The rowid that was given last.
+  /// The rowid that was assigned last.
   long long lastRow() const { return sqlite3_last_insert_rowid(database_.get()); }
 
+  /// For settings that only one program needs.
+  sqlite3* handle() const { return database_.get(); }
   [[noreturn]] void fail() const;
 
  private:
@@ -42,7 +50,7 @@ class Database {
   std::unique_ptr<sqlite3, Close> database_;
 };
 
-/// A prepared statement, which runs as often as it is asked to. Its database must outlive it.
+/// A prepared statement, which can run any number of times. Its database must outlive it.
 class Statement {
  public:
   Statement() = default;
@@ -62,14 +70,15 @@ class Statement {
   /// Goes on to the next row; false at the end, after which the statement can run again.
   bool step();
 
-  /// Runs from the start to the end, dropping its rows.
+  /// Runs from the start to the end and drops its rows.
   void run();
   /// The same, where a failure makes no difference.
   void tryRun() noexcept;
 
-  /// Leaves the rows that are left. What `text` gave ends here or at the next step.
+  /// Leaves out the remaining rows. What `text` returned is invalid after this or the next step.
   void reset() { sqlite3_reset(statement_.get()); }
 
+  int columns() const { return sqlite3_column_count(statement_.get()); }
   std::string_view text(int column) const;
   long long number(int column) const { return sqlite3_column_int64(statement_.get(), column); }
   bool isNull(int column) const {
@@ -85,4 +94,4 @@ class Statement {
   std::unique_ptr<sqlite3_stmt, Close> statement_;
 };
 
-}  // namespace collector
+}  // namespace tools

@@ -6,7 +6,7 @@
 #include <string>
 #include <string_view>
 
-namespace collector {
+namespace tools {
 
 using JsonWriter = rapidjson::Writer<rapidjson::StringBuffer>;
 
@@ -41,13 +41,10 @@ std::string jsonText(const auto& write) {
   return {buffer.GetString(), buffer.GetSize()};
 }
 
-/// `bytes`, with U+FFFD for what is not UTF-8.
-std::string asUtf8(std::string_view bytes);
-
 /// Milliseconds since 1970, UTC.
 long long millisecondsNow();
 
 /// yyyy-MM-ddTHH:mm:ss.SSSZ, of milliseconds since 1970.
 std::string isoTime(long long milliseconds);
 
-}  // namespace collector
+}  // namespace tools

@@ -1,27 +1,13 @@
-#include "tools/collector/json_text.h"
-
-#include <rapidjson/encodings.h>
-#include <rapidjson/memorystream.h>
+#include "tools/common/json_text.h"
 
 #include <array>
 #include <chrono>
 #include <cstdio>
 
-namespace collector {
+namespace tools {
 
 void put(JsonWriter& writer, std::string_view text) {
   writer.String(text.empty() ? "" : text.data(), static_cast<rapidjson::SizeType>(text.size()));
-}
-
-std::string asUtf8(std::string_view bytes) {
-  rapidjson::MemoryStream source(bytes.data(), bytes.size());
-  rapidjson::StringBuffer text;
-  while (source.Tell() < bytes.size()) {
-    unsigned codepoint = 0;
-    const bool isWhole = rapidjson::UTF8<>::Decode(source, &codepoint);
-    rapidjson::UTF8<>::Encode(text, isWhole ? codepoint : 0xFFFD);
-  }
-  return {text.GetString(), text.GetSize()};
 }
 
 long long millisecondsNow() {
@@ -46,4 +32,4 @@ std::string isoTime(long long milliseconds) {
   return text.data();
 }
 
-}  // namespace collector
+}  // namespace tools
