@@ -146,6 +146,7 @@ TEST_F(CollectorPageTest, StreamsWhatIsNewAndDelaysNoBatch) {
     while (text.wait_for(20ms) != std::future_status::ready) ask(line, body);
     EXPECT_THAT(text.get(), HasSubstr(expected));
   }
+  start();  // with every slot free
   sendThreeEvents();
   std::promise<void> over;
   const std::shared_future<void> isOver = over.get_future();

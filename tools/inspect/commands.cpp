@@ -96,6 +96,7 @@ struct Summary {
 
   void add(const Summary& other) {
     rows += other.rows;
+    bytes += other.bytes;
     if (other.oldest) oldest = oldest ? std::min(oldest, other.oldest) : other.oldest;
     newest = std::max(newest, other.newest);
   }
@@ -226,9 +227,7 @@ void showPersonal(const Inspection& inspection, const Personal& personal,
                   const PrivateMode& privateMode, Sheet& sheet) {
   const std::string column(personal.column);
   const std::string key(personal.keyColumn.empty() ? "NULL" : personal.keyColumn);
-  const bool hasSession = personal.table.columns[0] == "SessionID";
-  const std::string what =
-      key + ", " + column + ", UTCTimeStamp" + (hasSession ? ", SessionID" : ", NULL");
+  const std::string what = key + ", " + column + ", UTCTimeStamp";
   std::map<std::optional<std::string>, Values> found;
   eachRange(inspection, personal.table, [&](const IdRange& range) {
     Query query = inspection.query(personal.table, inspection.select(personal.table, range, what) +
@@ -237,7 +236,7 @@ void showPersonal(const Inspection& inspection, const Personal& personal,
       Values& values = found[copyOf(query.text(0))];
       ++values.rows;
       values.hashes.insert(std::hash<std::string_view>()(query.text(1).value_or("")));
-      if (privateMode.covers(query.text(3), query.text(2).value_or(""))) ++values.privateRows;
+      if (privateMode.covers(query.text(2).value_or(""))) ++values.privateRows;
     }
   });
   for (const auto& [name, values] : found) {
@@ -259,19 +258,16 @@ void showPersonalSettings(const Inspection& inspection, Sheet& sheet) {
   }
 }
 
-/// The sessions in privacy mode, and when it was on.
+/// Reads all sessions, whoever is asked for.
 PrivateMode readPrivateMode(const Inspection& inspection) {
   const auto* const sessions =
       std::ranges::find(kTables, std::string_view("mrbw_v2_sessions"), &Table::name);
   PrivateMode mode;
   eachRange(inspection, *sessions, [&](const IdRange& range) {
     Query query(inspection.documents[Store::event],
-                "SELECT SessionID, UTCTimeStamp, PrivacyMode = 'Yes' FROM mrbw_v2_sessions WHERE " +
+                "SELECT UTCTimeStamp, PrivacyMode = 'Yes' FROM mrbw_v2_sessions WHERE " +
                     range.condition() + " ORDER BY id");
-    while (query.next()) {
-      mode.addSession(query.text(0).value_or(""), query.text(1).value_or(""),
-                      query.integer(2) != 0);
-    }
+    while (query.next()) mode.addSession(query.text(0).value_or(""), query.integer(1) != 0);
   });
   return mode;
 }
