@@ -43,7 +43,7 @@ void addLongEvent(const std::filesystem::path& directory) {
   inChild([&] {
     startLibrary(directory, NoNetwork::Handshake::unanswered);
     constexpr const char* kInsert =
-        "INSERT INTO mrbw_v2_events VALUES (NULL, 'S', 'long', printf('%.*c', 260000000, 'x'), '2026-01-02')";
+        "INSERT INTO mrbw_v2_events VALUES (NULL, 'S', 'long', printf('%.*c', 260000000, 'x'), strftime('%Y-%m-%d %H:%M:%f', 'now'))";
     if (bareRun(pathOf(Store::event).c_str(), kInsert, nullptr, 0) == 0) {
       throw std::runtime_error("no row was added");
     }
