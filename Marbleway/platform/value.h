@@ -106,7 +106,14 @@ class MARBLEWAY_EXPORT Value {
 
   ///@{
   /// A value that has been moved from is null.
-  Value(const Value& other) = default;
+  Value(const Value& other) {
+    // The variant's own copy destroys what it has not made when there is no memory for the text.
+    if (const auto* text = std::get_if<std::string>(&other.data_)) {
+      data_.emplace<std::string>(*text);
+    } else {
+      data_ = other.data_;
+    }
+  }
   Value(Value&& other) noexcept { data_.swap(other.data_); }
   Value& operator=(Value other) noexcept {
     data_.swap(other.data_);
