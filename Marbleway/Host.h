@@ -61,4 +61,9 @@ MARBLEWAY_EXPORT void uploadNow() noexcept;
 ///     catch (...) { Marbleway::logError("Import", "failed", reportOf(std::current_exception())); }
 MARBLEWAY_EXPORT ErrorReport reportOf(const std::exception_ptr& exception);
 
+/// Gives the calling thread an alternate stack for signals, if it has none, so that an overflow of
+/// its own can be recorded. A thread that calls an operation gets one by itself, while performance
+/// monitoring is on. Thread: any.
+MARBLEWAY_EXPORT void watchThread() noexcept;
+
 }  // namespace marbleway

@@ -19,8 +19,8 @@
 /// are C++ interfaces. A process uses either this library or the C++ one, unless this one was built
 /// upon the shared C++ library.
 ///
-/// A runtime that handles fatal signals itself (null checks by SIGSEGV, as virtual machines make
-/// them) turns the option "PerformanceMonitoringEnabled" off: each would be recorded as a crash.
+/// A runtime that recovers from faults (null checks by SIGSEGV, as virtual machines make them)
+/// installs its handlers before the library starts: a fault from which they recover is no crash.
 
 #include <stddef.h>  // NOLINT(modernize-deprecated-headers): C has no other
 #include <stdint.h>  // NOLINT(modernize-deprecated-headers)
@@ -49,6 +49,10 @@ int marbleway_configure(const char* configuration_json);
 
 /// Waits until nothing is in flight, at most `milliseconds`. 1 when idle, else 0.
 int marbleway_wait_until_idle(int64_t milliseconds);
+
+/// Gives the calling thread an alternate stack for signals, if it has none, so that an overflow of
+/// its own can be recorded. A thread that calls an operation gets one by itself.
+void marbleway_watch_thread(void);
 
 /// Starts the library with the default options, privacy mode off.
 int marbleway_init(const char* project_token);

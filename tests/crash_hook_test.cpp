@@ -1,93 +1,67 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 
-#include <chrono>
-#include <csignal>
-#include <iterator>
+#include <filesystem>
+#include <fstream>
 #include <string>
-#include <tuple>
-#include <utility>
-#include <vector>
 
+#include "Marbleway/store/schema.h"
 #include "tests/support/fixture.h"
 #include "tests/support/process_ends.h"
 
 namespace marbleway::testing {
 namespace {
 
-using namespace std::chrono_literals;
-using ::testing::AllOf;
-using ::testing::EndsWith;
-using ::testing::HasSubstr;
-using ::testing::StartsWith;
+namespace fs = std::filesystem;
+using ::testing::ElementsAre;
 
-tests::Failed fail(const std::string& way) { return tests::fail(CRASHING_CHILD, way); }
-
-int reportsIn(const std::string& output) {
-  int count = 0;
-  for (std::size_t at = 0; (at = output.find("report: ", at)) != std::string::npos; ++at) ++count;
-  return count;
+tests::Failed fail(const std::string& way, const fs::path& directory) {
+  return tests::fail(CRASHING_CHILD, way, directory);
 }
 
-TEST(CrashHookTest, ReportsEveryKindOfFailureOnceAndLeavesTheEndAsItWas) {
-  const tests::Failing withoutThread{
-      "no thread, throw", SIGABRT, "std::runtime_error: disk on fire", "failing::throwError() + "};
-  std::vector<tests::Failing> all(std::begin(tests::kFailing), std::end(tests::kFailing));
-  all.push_back(withoutThread);
-  for (const auto& [way, signal, description, function] : all) {
-    SCOPED_TRACE(way);
-    const tests::Failed outcome = fail(way);
-    EXPECT_EQ(outcome.end, 128 + signal);
-    EXPECT_THAT(outcome.output, AllOf(StartsWith(std::string("report: ") + description),
-                                      HasSubstr("\n0 "), HasSubstr(function), EndsWith("end\n")));
-    EXPECT_EQ(reportsIn(outcome.output), 1);
-  }
+std::vector<std::string> crashesIn(const fs::path& directory) {
+  return query(directory / DBFileName,
+               "SELECT count(*) || ' ' || count(DISTINCT SessionID) FROM mrbw_v2_crashes");
 }
 
-TEST(CrashHookTest, TheLibraryKeepsARowOfEveryKindOfFailure) {
+TEST(CrashHookTest, EveryWayOfFailingLeavesItsRowAndItsEnd) {
+  int place = 0;
   for (const tests::Failing& failing : tests::kFailing) {
     SCOPED_TRACE(failing.way);
     const TemporaryDirectory documents;
-    EXPECT_EQ(tests::crash(CRASHING_CHILD, failing, documents.path()), "");
+    EXPECT_EQ(tests::crash(CRASHING_CHILD, failing, documents.path(), place++), "");
   }
 }
 
-TEST(CrashHookTest, WhatStoodBeforeRunsAfterwards) {
-  for (const auto& [way, said, end] :
-       {std::tuple{"former terminate", "end\nformer terminate handler\n", 128 + SIGABRT},
-        {"former handler", "end\nformer handler\n", 3}}) {
-    const tests::Failed outcome = fail(way);
-    EXPECT_THAT(outcome.output, EndsWith(said));
-    EXPECT_EQ(reportsIn(outcome.output), 1);
-    EXPECT_EQ(outcome.end, end);
-  }
+TEST(CrashHookTest, CaptureUsesLittleOfASmallAlternateStack) {
+  const TemporaryDirectory documents;
+  EXPECT_LT(std::stoi(fail("small stack", documents.path()).output), 4096);
 }
 
-TEST(CrashHookTest, AFailureOfTheReportNeitherRecursesNorHangs) {
-  for (const auto& [way, signal] : {std::pair{"handler blocks", SIGABRT},
-                                    {"handler throws", SIGSEGV},
-                                    {"handler crashes", SIGABRT},
-                                    {"handler terminates", SIGSEGV},
-                                    {"no thread, handler terminates", SIGABRT}}) {
-    SCOPED_TRACE(way);
-    const tests::Failed outcome = fail(way);
-    EXPECT_EQ(outcome.end, 128 + signal);
-    EXPECT_EQ(reportsIn(outcome.output), 1) << outcome.output;
-    EXPECT_LT(outcome.time, 3500ms);  // of which 2 s are waited
-  }
+TEST(CrashHookTest, ACrashHasOneRowWhateverItsRecordSays) {
+  const TemporaryDirectory documents;
+  const fs::path record = documents.path() / "crash-record-0.bin";
+  fail("write", documents.path());
+  EXPECT_EQ(fs::status(record).permissions(), fs::perms::owner_read | fs::perms::owner_write);
+  // As if the process had ended between the row's commit and the mark.
+  std::fstream(record).seekp(8).put(1);
+  fail("start", documents.path());
+  fail("start", documents.path());
+  EXPECT_THAT(crashesIn(documents.path()), ElementsAre("1 1"));
 }
 
-TEST(CrashHookTest, IsSilentAboutOtherProcessesWhatIsIgnoredAndASignalWithoutAThread) {
-  for (const auto& [way, end] : {std::pair{"ignored", 0},
-                                 {"fork", SIGSEGV},
-                                 {"fork, throw", SIGABRT},
-                                 {"no thread, write", 128 + SIGSEGV}}) {
-    SCOPED_TRACE(way);
-    const tests::Failed outcome = fail(way);
-    EXPECT_EQ(outcome.end, end);
-    EXPECT_EQ(outcome.output, "");
-    EXPECT_LT(outcome.time, 1500ms);  // not those 2 s
-  }
+TEST(CrashHookTest, RecordsOfOthersAndOtherFilesAreLeftAlone) {
+  const TemporaryDirectory documents;
+  const fs::path& directory = documents.path();
+  mkfifo((directory / "crash-record-0.bin").c_str(), S_IRUSR | S_IWUSR);
+  fs::create_symlink(directory / "elsewhere", directory / "crash-record-1.bin");
+  std::ofstream(directory / "crash-record-2.bin") << std::string(3984, '\1');
+  fail("in a transaction", directory);  // each crash leaves a record, its row is made later
+  fail("in a transaction", directory);
+  fail("start", directory);
+  EXPECT_THAT(crashesIn(directory), ElementsAre("2 2"));
+  EXPECT_FALSE(fs::exists(directory / "elsewhere"));
 }
 
 }  // namespace

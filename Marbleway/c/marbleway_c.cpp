@@ -114,6 +114,8 @@ int marbleway_wait_until_idle(int64_t milliseconds) {
   return marbleway::waitUntilIdle(std::chrono::milliseconds(milliseconds)) ? 1 : 0;
 }
 
+void marbleway_watch_thread(void) { marbleway::watchThread(); }
+
 int marbleway_init(const char* project_token) {
   return done([&] { Marbleway::initMarbleway(project_token); });
 }

@@ -6,24 +6,26 @@
 namespace marbleway {
 namespace {
 
-bool refuse(std::string_view reason, const Guard& guard) {
-  console::refusal(reason, guard.action);
-  return false;
+// The first condition that does not hold; null: all do.
+const char* refusal(const Guard& guard) {
+  if (!isSDKValid) return "SDK Not Properly Configured";
+  if (!isTrackingEnabled) return "Tracking is Not Enabled";
+  if (guard.needsSession && !isValidSession) return "No Valid Session";
+  if (guard.honoursPrivacy && isPrivacyMode) return "Privacy Mode Enabled";
+  // The blank at the end belongs to the line.
+  const bool isMonitoring = !guard.needsPerformanceMonitoring || isPerformanceMonitoringEnabled;
+  return isMonitoring ? nullptr : "Performance Monitoring Not Enabled ";
 }
 
 }  // namespace
 
 bool admits(const Guard& guard) {
-  if (!isSDKValid) return refuse("SDK Not Properly Configured", guard);
-  if (!isTrackingEnabled) return refuse("Tracking is Not Enabled", guard);
-  if (guard.needsSession && !isValidSession) return refuse("No Valid Session", guard);
-  if (guard.honoursPrivacy && isPrivacyMode) return refuse("Privacy Mode Enabled", guard);
-  if (guard.needsPerformanceMonitoring && !isPerformanceMonitoringEnabled) {
-    // The blank before the comma belongs to the line.
-    return refuse("Performance Monitoring Not Enabled ", guard);
-  }
-  return true;
+  const char* const reason = refusal(guard);
+  if (reason != nullptr) console::refusal(reason, guard.action);
+  return reason == nullptr;
 }
+
+bool isMet(const Guard& guard) { return refusal(guard) == nullptr; }
 
 std::optional<std::string> admittedSession(const Guard& guard) {
   if (!admits(guard)) return std::nullopt;

@@ -18,6 +18,9 @@ struct Guard {
 /// that fails: SDK, tracking, session, privacy, performance monitoring. Changes nothing.
 bool admits(const Guard& guard);
 
+/// The same without a warning. Async-signal-safe.
+bool isMet(const Guard& guard);
+
 /// The identifier of the session under which an admitted operation records all its rows, whatever
 /// timers do meanwhile on other threads. Absent, after the warning, when `guard` refuses.
 std::optional<std::string> admittedSession(const Guard& guard);

@@ -2,14 +2,23 @@
 
 #include <utility>
 
+#include "Marbleway/Host.h"
+#include "Marbleway/core/state.h"
+#include "Marbleway/platform/cancellation.h"
 #include "Marbleway/platform/catch_all.h"
 
 namespace marbleway {
 
+/// Whether the calling thread was given an alternate stack, or has its own.
+inline constinit thread_local bool isThreadWatched = false;
+
 /// Runs the body of an operation of `Marbleway`. An exception that leaves it (no memory, a host's
-/// service that throws) ends the operation and nothing else.
+/// service that throws) ends the operation and nothing else. A cancellation of the thread takes
+/// effect after the operation, from which no unwinding may lead.
 template <class Body>
 void operation(Body&& body) noexcept {
+  const platform::CancellationDeferred deferred;
+  if (isPerformanceMonitoringEnabled && !isThreadWatched) watchThread();
   catchAll(std::forward<Body>(body));
 }
 

@@ -20,6 +20,7 @@ namespace marbleway {
 namespace {
 
 void persistSession(const std::string& identifier) {
+  setCrashSession(identifier);
   const auto defaults = platform::current()->userDefaults;
   defaults->setText("Marbleway_SharedSessionID", identifier);
   defaults->setFlag("Marbleway_isValidSession", true);

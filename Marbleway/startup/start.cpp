@@ -5,6 +5,7 @@
 #include "Marbleway/core/state.h"
 #include "Marbleway/platform/fork.h"
 #include "Marbleway/platform/platform.h"
+#include "Marbleway/session/crash.h"
 #include "Marbleway/session/session.h"
 #include "Marbleway/startup/handshake.h"
 #include "Marbleway/startup/options.h"
@@ -52,6 +53,7 @@ void Marbleway::initMarbleway(Text projectToken, const Dictionary& options) noex
   operation([] { createStores(); });
   operation([] { purgeOldRows(); });
   operation([&] { readOptions(options); });
+  operation([] { recordEarlierCrashes(); });
   operation([] { batchData(); });
   operation([] { console::message("Starting Marbleway SDK"); });
   operation([] { launchHandshake(); });

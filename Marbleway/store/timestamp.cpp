@@ -32,8 +32,10 @@ std::optional<unsigned> take(std::string_view text, Field field) {
 
 }  // namespace
 
-std::string getUTCTimeStamp() {
-  const auto now = std::chrono::floor<milliseconds>(platform::current()->clock->now());
+std::string getUTCTimeStamp() { return timeStampOf(platform::current()->clock->now()); }
+
+std::string timeStampOf(std::chrono::system_clock::time_point instant) {
+  const auto now = std::chrono::floor<milliseconds>(instant);
   const auto midnight = std::chrono::floor<std::chrono::days>(now);
   const std::chrono::year_month_day date(midnight);
   const std::chrono::hh_mm_ss time(now - midnight);

@@ -11,6 +11,9 @@ namespace marbleway {
 /// whatever the locale. Thread: any.
 std::string getUTCTimeStamp();
 
+/// The same text for another instant.
+std::string timeStampOf(std::chrono::system_clock::time_point instant);
+
 /// Reads such a text back; absent when it is not one.
 std::optional<std::chrono::sys_time<std::chrono::milliseconds>> timeOf(std::string_view timeStamp);
 

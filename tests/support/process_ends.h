@@ -80,32 +80,57 @@ Fault exitInFlight(Rounds& rounds, const std::function<void(const std::filesyste
 /// an event and exits within `most`. The parent loses no row.
 Fault forkRecording(Rounds& rounds, std::chrono::milliseconds most);
 
-/// A way in which `crashing_child` fails, and its row.
+/// A way in which `crashing_child` fails, and what is to come of it.
 struct Failing {
   const char* way;
-  int signal;               // that ends it
-  const char* description;  // begins so
-  const char* function;     // in a line of the call stack
+  int end;                  // its exit status, or 128 and its signal
+  const char* description;  // the row's begins so; null: there is no row
+  const char* function;     // a part of the row's call stack
 };
 
 // clang-format off
 inline constexpr Failing kFailing[] = {
-    {"throw", SIGABRT, "std::runtime_error: disk on fire", "failing::throwError() + "},
-    {"throw in a thread", SIGABRT, "std::runtime_error: disk on fire", "failing::throwError() + "},
-    {"throw in twenty threads", SIGABRT, "std::runtime_error: disk on fire", "failing::throwError() + "},
-    {"throw a number", SIGABRT, "int: not a std::exception", "failing::throwNumber() + "},
-    {"throw a number in a thread", SIGABRT, "int: not a std::exception", "failing::throwNumber() + "},
-    {"what throws", SIGABRT, "failing::Liar: what() failed", "failing::throwLiar() + "},
-    {"what throws in a thread", SIGABRT, "failing::Liar: what() failed", "failing::throwLiar() + "},
-    {"terminate", SIGABRT, "std::terminate: no exception", "main + "},
-    {"terminate in a thread", SIGABRT, "std::terminate: no exception", "std::terminate() + "},
-    {"write", SIGSEGV, "Signal 11 (SIGSEGV): Segmentation fault at address 0x10", "failing::writeToBadAddress() + "},
-    {"jump", SIGSEGV, "Signal 11 (SIGSEGV): Segmentation fault at address 0x10", "0 ? 0x0000000000000010\n1 crashing_child"},
-    {"overflow", SIGSEGV, "Signal 11 (SIGSEGV): Segmentation fault at address 0x", "failing::useUpStack(int) + "},
-    {"divide", SIGFPE, "Signal 8 (SIGFPE): Floating point exception at address 0x", "failing::divideByZero() + "},
-    {"abort", SIGABRT, "Signal 6 (SIGABRT): Aborted\n", "abort + "},
-    {"raise SIGBUS", SIGBUS, "Signal 7 (SIGBUS): Bus error\n", "gsignal + "},
-    {"raise SIGILL", SIGILL, "Signal 4 (SIGILL): Illegal instruction\n", "gsignal + "},
+    {"throw", 128 + SIGABRT, "std::runtime_error: disk on fire", "failing::throwError() + "},
+    {"throw a number", 128 + SIGABRT, "int: not a std::exception", "failing::throwNumber() + "},
+    {"throw in a thread", 128 + SIGABRT, "std::runtime_error: disk on fire", "failing::throwError() + "},
+    {"throw in twenty threads", 128 + SIGABRT, "std::runtime_error: disk on fire", "failing::throwError() + "},
+    {"what throws in a thread", 128 + SIGABRT, "failing::Liar: what() failed", "failing::throwLiar() + "},
+    {"terminate", 128 + SIGABRT, "std::terminate: no exception", "main + "},
+    {"write", 128 + SIGSEGV, "Signal 11 (SIGSEGV): Segmentation fault at address 0x10", "failing::writeToBadAddress() + "},
+    {"write in twenty threads", 128 + SIGSEGV, "Signal 11 (SIGSEGV): Segmentation fault at address 0x10", "failing::"},
+    {"jump", 128 + SIGSEGV, "Signal 11 (SIGSEGV): Segmentation fault at address 0x10", "0 ? 0x0000000000000010\n1 crashing_child"},
+    {"divide", 128 + SIGFPE, "Signal 8 (SIGFPE): Floating point exception at address 0x", "failing::divideByZero() + "},
+    {"abort", 128 + SIGABRT, "Signal 6 (SIGABRT): Aborted\n", "abort + "},
+    {"raise SIGBUS", 128 + SIGBUS, "Signal 7 (SIGBUS): Bus error\n", "gsignal + "},
+    {"raise SIGILL", 128 + SIGILL, "Signal 4 (SIGILL): Illegal instruction\n", "gsignal + "},
+    {"raise SIGTRAP", 128 + SIGTRAP, "Signal 5 (SIGTRAP): Trace/breakpoint trap\n", "gsignal + "},
+    {"raise SIGSYS", 128 + SIGSYS, "Signal 31 (SIGSYS): Bad system call\n", "gsignal + "},
+    {"overflow after an operation", 128 + SIGSEGV, "Signal 11 (SIGSEGV): ", "failing::useUpStack(int) + "},
+    {"overflow in a watched thread", 128 + SIGSEGV, "Signal 11 (SIGSEGV): ", "failing::useUpStack(int) + "},
+    {"overflow in twenty threads", 128 + SIGSEGV, "Signal 11 (SIGSEGV): ", "failing::useUpStack(int) + "},
+    {"overflow on the main loop", 128 + SIGSEGV, "Signal 11 (SIGSEGV): ", "failing::useUpStack(int) + "},
+    {"write on the main loop", 128 + SIGSEGV, "Signal 11 (SIGSEGV): ", "failing::writeToBadAddress() + "},
+    {"double free, one arena", 128 + SIGABRT, "Signal 6 (SIGABRT): Aborted\n", "libc.so.6"},
+    {"double free", 128 + SIGABRT, "Signal 6 (SIGABRT): Aborted\n", "libc.so.6"},
+    {"corrupted heap, one arena", 128 + SIGABRT, "Signal 6 (SIGABRT): Aborted\n", "libc.so.6"},
+    {"corrupted heap", 128 + SIGABRT, "Signal 6 (SIGABRT): Aborted\n", "libc.so.6"},
+    {"in malloc", 128 + SIGSEGV, "Signal 11 (SIGSEGV): ", "crashing_child + 0x"},
+    {"in free", 128 + SIGSEGV, "Signal 11 (SIGSEGV): ", "crashing_child + 0x"},
+    {"in dlopen", 128 + SIGSEGV, "Signal 11 (SIGSEGV): ", "module.so"},
+    {"in a transaction", 128 + SIGSEGV, "Signal 11 (SIGSEGV): ", "crashing_child"},
+    {"while forking", 128 + SIGSEGV, "Signal 11 (SIGSEGV): ", "crashing_child"},
+    {"in a child that starts", 128 + SIGSEGV, "Signal 11 (SIGSEGV): ", "main + "},
+    {"in a child", 128 + SIGSEGV, nullptr, nullptr},
+    {"no thread", 128 + SIGABRT, "std::runtime_error: disk on fire", "crashing_child + 0x"},
+    {"handler exits", 3, "Signal 11 (SIGSEGV): ", "crashing_child + 0x"},
+    {"handler gives up", 128 + SIGSEGV, "Signal 11 (SIGSEGV): ", "failing::writeToBadAddress() + "},
+    {"handler jumps", 0, nullptr, nullptr},
+    {"handler repairs", 0, nullptr, nullptr},
+    {"handler jumps, then abort", 128 + SIGABRT, "Signal 6 (SIGABRT): Aborted\n", "abort + "},
+    {"handler repairs, then divide", 128 + SIGFPE, "Signal 8 (SIGFPE): ", "main + "},
+    {"former terminate", 3, "std::runtime_error: disk on fire", "failing::throwError() + "},
+    {"ignored", 0, nullptr, nullptr},
+    {"cancel", 0, nullptr, nullptr},
 };
 // clang-format on
 
@@ -113,17 +138,16 @@ inline constexpr Failing kFailing[] = {
 struct Failed {
   std::string output;
   int end = 0;  // the exit status, or 128 and the signal
-  std::chrono::steady_clock::duration time{};
 };
 
-/// Runs `program`, a `crashing_child`, until it has ended: with the crash hook alone, or with the
-/// library, started in `directory`. Sanitizers leave fatal signals to it, as they are without them,
-/// and let it end at once.
+/// Runs `program`, a `crashing_child`, until it has ended; its stores are in `directory`.
+/// Sanitizers leave fatal signals to it, as they are without them, and let it end at once.
 Failed fail(const std::string& program, const std::string& way,
-            const std::filesystem::path& directory = {});
+            const std::filesystem::path& directory, int place = 0);
 
-/// It fails in that way, with the library: there is one row of it, the stores are sound.
+/// It fails in that way, at one of 48 places where they differ, and starts once more: there is one
+/// row of it, or none where none is to be, and the stores are sound.
 Fault crash(const std::string& program, const Failing& failing,
-            const std::filesystem::path& directory);
+            const std::filesystem::path& directory, int place = 0);
 
 }  // namespace marbleway::tests

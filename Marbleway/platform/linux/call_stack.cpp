@@ -51,7 +51,15 @@ std::string demangled(const char* name) {
   return text ? text.get() : name;
 }
 
-const char* currentExceptionType() { return abi::__cxa_current_exception_type()->name(); }
+const char* currentExceptionType() {
+  const std::type_info* const type = abi::__cxa_current_exception_type();
+  return type != nullptr ? type->name() : nullptr;
+}
+
+std::string frameLine(std::size_t number, std::uintptr_t address, const std::string& module) {
+  std::string line = std::to_string(number);
+  return line.append(" ").append(module).append(" ").append(hexadecimal(address, 16));
+}
 
 std::string frameLine(std::size_t number, std::uintptr_t address, AddressKind kind) {
   // A call that never returns may be the last instruction of its function.
@@ -61,8 +69,7 @@ std::string frameLine(std::size_t number, std::uintptr_t address, AddressKind ki
   const bool isKnown = dladdr(std::bit_cast<const void*>(inside), &place) != 0;
   const std::string module = moduleName(place);
 
-  std::string line = std::to_string(number);
-  line.append(" ").append(module).append(" ").append(hexadecimal(address, 16));
+  std::string line = frameLine(number, address, module);
   if (!isKnown) return line;
 
   const bool isNamed = place.dli_sname != nullptr;

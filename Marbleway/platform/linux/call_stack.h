@@ -20,4 +20,7 @@ std::string hexadecimal(std::uintptr_t number, std::size_t digits = 1);
 /// not known, the module stands for it: "2 todo 0x00005570f0a4b1c2 todo + 0x1b1c2".
 std::string frameLine(std::size_t number, std::uintptr_t address, AddressKind kind);
 
+/// The beginning of such a line: "2 todo 0x00005570f0a4b1c2".
+std::string frameLine(std::size_t number, std::uintptr_t address, const std::string& module);
+
 }  // namespace marbleway::platform

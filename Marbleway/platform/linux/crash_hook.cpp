@@ -4,33 +4,42 @@
 #include <exception>
 
 #include "Marbleway/platform/linux/alternate_stack.h"
-#include "Marbleway/platform/linux/crash_reporter.h"
+#include "Marbleway/platform/linux/crash_report.h"
 #include "Marbleway/platform/linux/fatal_signals.h"
 #include "Marbleway/platform/linux/recoverable.h"
 
 namespace marbleway::platform {
 namespace {
 
-constinit std::atomic<bool> isInstalled{false};
 constinit std::atomic<std::terminate_handler> formerHandler{nullptr};
 
 /// Runs on the thread that failed, with its stack as it was.
 void onTerminate() {
   recover();
-  report({.exception = std::current_exception()}, {.address = __builtin_return_address(0)});
+  report({}, {.address = __builtin_return_address(0)}, Outcome::fatal);
   if (const auto former = formerHandler.load()) former();
   // The caller aborts.
 }
 
 class LinuxCrashHook final : public CrashHook {
  public:
-  void install(void (*handler)(const Failure& failure)) override {
-    static thread_local const AlternateStack stack;
-    if (isInstalled.exchange(true)) return;
-    const bool canReportSignals = startReporter(handler);
-    formerHandler = std::get_terminate();
-    std::set_terminate(onTerminate);
-    if (canReportSignals) reportFatalSignals();
+  void install(FailureHandler handler) override {
+    giveAlternateStack();
+    if (!startReporter(handler)) return;
+    if (std::get_terminate() != onTerminate) formerHandler = std::set_terminate(onTerminate);
+    captureFatalSignals();
+  }
+  void useRecords(const std::string& directory, const char* (*session)(),
+                  FailureHandler handler) override {
+    platform::useRecords(directory, session, handler);
+  }
+  void watchThread() noexcept override { giveAlternateStack(); }
+  void uninstall() override {
+    if (!isReporting()) return;
+    releaseFatalSignals();
+    if (std::get_terminate() == onTerminate) std::set_terminate(formerHandler);
+    stopReporter();
+    releaseAlternateStacks();
   }
 };
 

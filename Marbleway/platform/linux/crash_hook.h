@@ -6,12 +6,11 @@
 
 namespace marbleway::platform {
 
-/// Reports an exception that nothing catches, another call of std::terminate, and the fatal
-/// signals: the process's first failure, once. What stood in these places before runs afterwards.
-/// The handler has 2 s; it runs on a thread that stands by from the first `install` on.
+/// Captures an exception that nothing catches, another call of std::terminate, and the fatal
+/// signals. The failing thread writes a record; the handler runs on a thread that waits from the
+/// first `install` on, and has 500 ms. What stood in these places before runs afterwards.
 ///
-/// Each thread that calls `install` gets an alternate stack, so that it can report a stack
-/// overflow.
+/// Each thread that calls `install` gets an alternate stack.
 std::shared_ptr<CrashHook> makeCrashHook();
 
 }  // namespace marbleway::platform

@@ -5,12 +5,11 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <array>
 #include <bit>
 #include <cerrno>
-#include <csignal>
+#include <cstddef>
 
-#include "Marbleway/platform/linux/crash_reporter.h"
+#include "Marbleway/platform/linux/crash_report.h"
 #include "Marbleway/platform/linux/recoverable.h"
 
 namespace marbleway::platform {
@@ -18,11 +17,25 @@ namespace {
 
 using Action = struct sigaction;
 
-constinit std::array<Action, kFatalSignals.size()> formerActions{};
+struct Chain {
+  Action former{};   // what the signal is passed on to
+  Action present{};  // what is installed again once the host has recovered
+};
+constinit std::array<Chain, kFatalSignals.size()> chains{};
 
-const Action& formerAction(int number) {
-  const auto* at = std::find(kFatalSignals.begin(), kFatalSignals.end(), number);
-  return formerActions.at(static_cast<std::size_t>(at - kFatalSignals.begin()));
+void onSignal(int number, siginfo_t* info, void* context);
+
+bool isOurs(const Action& action) {
+  return (action.sa_flags & SA_SIGINFO) != 0 && action.sa_sigaction == onSignal;
+}
+
+bool hasHandler(const Action& action) {
+  return action.sa_handler != SIG_DFL && action.sa_handler != SIG_IGN;
+}
+
+Chain& chainOf(int number) {
+  const auto* const at = std::find(kFatalSignals.begin(), kFatalSignals.end(), number);
+  return chains[static_cast<std::size_t>(at - kFatalSignals.begin())];
 }
 
 /// Where the thread stood when the signal came. A function that has just been called has its
@@ -41,60 +54,111 @@ Place placeOf(void* context) {
 #endif
 }
 
-/// Ends the process by the signal, with the facts that the kernel gave.
-void endProcess(int number, siginfo_t* info) {
-  Action byDefault{};
-  byDefault.sa_handler = SIG_DFL;
-  sigaction(number, &byDefault, nullptr);
-  syscall(SYS_rt_tgsigqueueinfo, getpid(), gettid(), number, info);
+void queue(int number, siginfo_t* info) {
+  if (syscall(SYS_rt_tgsigqueueinfo, getpid(), gettid(), number, info) == 0) return;
+  syscall(SYS_tgkill, getpid(), gettid(), number);
 }
 
-/// Calls a handler in the circumstances in which the kernel would have called it.
-void callHandler(const Action& action, int number, siginfo_t* info, void* context) {
-  Action next = action;
-  if ((action.sa_flags & static_cast<int>(SA_RESETHAND)) != 0) next.sa_handler = SIG_DFL;
-  sigaction(number, &next, nullptr);
+// The signal that comes back to this thread once the former handler of `number` has returned or
+// jumped away: it stays pending while that handler runs, whose mask has it. The kernel delivers
+// signals of faults before sent ones, and those in the order of their numbers. 0: none can.
+int markerFor(int number, const void* context) {
+  const int marker = number == SIGSYS ? SIGTRAP : SIGSYS;
+  Action action{};
+  sigaction(marker, nullptr, &action);
+  const bool isBlocked =
+      sigismember(&static_cast<const ucontext_t*>(context)->uc_sigmask, marker) == 1;
+  return isOurs(action) && !isBlocked ? marker : 0;
+}
 
-  sigset_t blocked = action.sa_mask;  // until the return from this signal
-  if ((action.sa_flags & SA_NODEFER) == 0) sigaddset(&blocked, number);
-  pthread_sigmask(SIG_BLOCK, &blocked, nullptr);
+void queueMarker(int marker, Chain& chain) {
+  siginfo_t info{};
+  info.si_signo = marker;
+  info.si_code = SI_QUEUE;
+  info.si_pid = getpid();
+  info.si_value.sival_ptr = &chain;
+  syscall(SYS_rt_tgsigqueueinfo, getpid(), gettid(), marker, &info);
+}
 
-  if ((action.sa_flags & SA_SIGINFO) != 0) {
-    action.sa_sigaction(number, info, context);
-  } else {
-    action.sa_handler(number);
-  }
+// The chain that a marker belongs to; null: the signal is none.
+Chain* chainOfMarker(const siginfo_t& info) {
+  if (info.si_code != SI_QUEUE || info.si_pid != getpid()) return nullptr;
+  const auto at = std::ranges::find_if(
+      chains, [&](const Chain& chain) { return info.si_value.sival_ptr == &chain; });
+  return at != chains.end() ? &*at : nullptr;
+}
+
+// The former handler is done and the thread goes on. A handler that has installed another action,
+// such as SIG_DFL, means that to take the signal.
+void goOnCapturing(Chain& chain) {
+  const int number = kFatalSignals[static_cast<std::size_t>(&chain - chains.data())];
+  withdrawReport();
+  Action now{};
+  sigaction(number, nullptr, &now);
+  if (isOurs(now) || !isReporting()) return;
+  if (now.sa_handler != chain.former.sa_handler) chain.former = now;
+  sigaction(number, &chain.present, nullptr);
+}
+
+// The kernel delivers the signal, with its facts, to the former action when this handler returns:
+// with the stack, the mask and the flags that belong to that action.
+void passOn(int number, siginfo_t* info, void* context, Outcome outcome) {
+  sigset_t all;
+  sigfillset(&all);
+  pthread_sigmask(SIG_SETMASK, &all, nullptr);  // until the return
+
+  Chain& chain = chainOf(number);
+  Action next = chain.former;
+  if (!hasHandler(next)) next.sa_handler = SIG_DFL;
+  const int marker = outcome == Outcome::open ? markerFor(number, context) : 0;
+  if (marker != 0) sigaddset(&next.sa_mask, marker);
+  Action present{};
+  sigaction(number, &next, &present);
+  if (present.sa_handler != next.sa_handler) chain.present = present;
+  if (marker != 0) queueMarker(marker, chain);
+  queue(number, info);
 }
 
 void onSignal(int number, siginfo_t* info, void* context) {
   recover();
-  const Action& former = formerAction(number);
-  const bool isIgnored = former.sa_handler == SIG_IGN;
-  const bool wasSent = info->si_code <= 0;  // rather than raised by an instruction
-  if (isIgnored && wasSent) return;
-
   const int error = errno;
-  report({.signal = number, .code = info->si_code, .address = info->si_addr, .exception = nullptr},
-         placeOf(context));
-  if (former.sa_handler == SIG_DFL || isIgnored) {
-    endProcess(number, info);
+  if (Chain* const chain = chainOfMarker(*info)) {
+    goOnCapturing(*chain);
   } else {
-    callHandler(former, number, info, context);
+    const Action& former = chainOf(number).former;
+    const bool wasSent = info->si_code <= 0;  // rather than raised by an instruction
+    if (wasSent && former.sa_handler == SIG_IGN) return;
+    const auto outcome = hasHandler(former) && number != SIGABRT ? Outcome::open : Outcome::fatal;
+    report({.signal = number, .code = info->si_code, .address = info->si_addr}, placeOf(context),
+           outcome);
+    passOn(number, info, context, outcome);
   }
   errno = error;
 }
 
 }  // namespace
 
-void reportFatalSignals() {
-  for (std::size_t i = 0; i < kFatalSignals.size(); ++i) {
-    sigaction(kFatalSignals.at(i), nullptr, &formerActions.at(i));
-  }
+void captureFatalSignals() {
   Action action{};
   action.sa_sigaction = onSignal;
-  // Not deferred: a fault within the handler would end the process unreported.
+  // Not deferred: a fault within the handler would end the process.
   action.sa_flags = SA_SIGINFO | SA_ONSTACK | SA_NODEFER;
-  for (const int number : kFatalSignals) sigaction(number, &action, nullptr);
+  for (const int number : kFatalSignals) {
+    Chain& chain = chainOf(number);
+    Action present{};
+    sigaction(number, nullptr, &present);
+    if (!isOurs(present)) chain.former = present;  // in a fork's child it may be ours
+    chain.present = action;
+    if (!isOurs(present)) sigaction(number, &action, nullptr);
+  }
+}
+
+void releaseFatalSignals() {
+  for (const int number : kFatalSignals) {
+    Action present{};
+    sigaction(number, nullptr, &present);
+    if (isOurs(present)) sigaction(number, &chainOf(number).former, nullptr);
+  }
 }
 
 }  // namespace marbleway::platform

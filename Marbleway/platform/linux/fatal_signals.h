@@ -1,14 +1,23 @@
 #pragma once
 
+#include <array>
+#include <csignal>
+
 namespace marbleway::platform {
 
-/// Has the fatal signals reported before they take effect as they did so far: the handlers that
-/// stood before run afterwards, or the signal ends the process. The reporter's thread stands by.
+/// The signals that end a process because of a failure of its own.
+inline constexpr std::array kFatalSignals{SIGSEGV, SIGBUS, SIGFPE, SIGILL,
+                                          SIGTRAP, SIGSYS, SIGABRT};
+
+/// Has the fatal signals captured before the kernel delivers them anew to the actions that stood
+/// before. If the handler of a fault returns or jumps away, the capture is withdrawn and goes on
+/// for later faults; an abort counts as final.
 ///
-/// A signal from which an earlier handler recovers is reported, too. A stack overflow is reported
-/// only for a thread that has an alternate stack; on another the kernel finds no room for the
-/// handler and ends the process. The threads of the host have one only if they made it themselves,
-/// or if they called `CrashHook::install`.
-void reportFatalSignals();
+/// A stack overflow is captured only on a thread that has an alternate stack; on another the kernel
+/// finds no room for the handler and ends the process.
+void captureFatalSignals();
+
+/// Restores the former actions, where no other has been installed since.
+void releaseFatalSignals();
 
 }  // namespace marbleway::platform
