@@ -62,8 +62,8 @@ MARBLEWAY_EXPORT void uploadNow() noexcept;
 MARBLEWAY_EXPORT ErrorReport reportOf(const std::exception_ptr& exception);
 
 /// Gives the calling thread an alternate stack for signals, if it has none, so that an overflow of
-/// its own can be recorded. A thread that calls an operation gets one by itself, while performance
-/// monitoring is on. Thread: any.
+/// its stack can be recorded. With performance monitoring on, each thread gets one with its first
+/// operation; call this on threads that call none. Thread: any.
 MARBLEWAY_EXPORT void watchThread() noexcept;
 
 }  // namespace marbleway

@@ -51,7 +51,8 @@ int marbleway_configure(const char* configuration_json);
 int marbleway_wait_until_idle(int64_t milliseconds);
 
 /// Gives the calling thread an alternate stack for signals, if it has none, so that an overflow of
-/// its own can be recorded. A thread that calls an operation gets one by itself.
+/// its stack can be recorded. With performance monitoring on, each thread gets one with its first
+/// operation; call this on threads that call none.
 void marbleway_watch_thread(void);
 
 /// Starts the library with the default options, privacy mode off.
