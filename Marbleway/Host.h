@@ -55,6 +55,15 @@ MARBLEWAY_EXPORT bool waitUntilIdle(std::chrono::milliseconds atMost) noexcept;
 /// Reads the stores on the calling thread and does not wait for the server. Thread: any.
 MARBLEWAY_EXPORT void uploadNow() noexcept;
 
+/// Ends what the library does in this process: stops and joins its threads, ends its timers and its
+/// requests in flight, and gives signal handlers back. Rows that were not sent stay in the stores.
+/// Afterwards the library is as before its first start; `initMarbleway` starts it anew.
+///
+/// For plugins that are unloaded and for leak checkers. Call it on a thread of the host's, while no
+/// other thread is in an operation. What a host's own main loop and HTTP client still hold has no
+/// effect any more.
+MARBLEWAY_EXPORT void shutdown() noexcept;
+
 /// Makes the report for `Marbleway::logError` from an exception of any type: its type, its `what()`
 /// if it is a std::exception, and the call stack of this call. Empty for a null `exception`.
 ///

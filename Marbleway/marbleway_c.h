@@ -55,6 +55,10 @@ int marbleway_wait_until_idle(int64_t milliseconds);
 /// operation; call this on threads that call none.
 void marbleway_watch_thread(void);
 
+/// Stops and joins the library's threads, ends its timers and requests, and gives signal handlers
+/// back. `marbleway_init` starts the library anew. Call it while no other thread is in a call.
+int marbleway_shutdown(void);
+
 /// Starts the library with the default options, privacy mode off.
 int marbleway_init(const char* project_token);
 

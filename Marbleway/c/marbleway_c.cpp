@@ -115,6 +115,7 @@ int marbleway_wait_until_idle(int64_t milliseconds) {
 }
 
 void marbleway_watch_thread(void) { marbleway::watchThread(); }
+int marbleway_shutdown() { return done(marbleway::shutdown); }
 
 int marbleway_init(const char* project_token) {
   return done([&] { Marbleway::initMarbleway(project_token); });

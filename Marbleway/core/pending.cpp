@@ -1,8 +1,8 @@
 #include "Marbleway/core/pending.h"
 
 #include <algorithm>
-#include <condition_variable>
-#include <mutex>
+#include <chrono>
+#include <thread>
 
 #include "Marbleway/Host.h"
 #include "Marbleway/platform/guarded.h"
@@ -10,38 +10,42 @@
 namespace marbleway {
 namespace {
 
-struct Count {
-  std::mutex lock;
-  std::condition_variable isZero;
-  int value = 0;
-};
+constexpr std::chrono::milliseconds kRetryInterval{1};
 
-Count& count() {
-  static NoDestructor<Count> counting;
-  return counting.value;
+constinit Guarded<std::shared_ptr<std::atomic<int>>> counting;  // made anew by each reset
+
+bool isIdle() {
+  const auto count = counting.load();
+  return !count || *count == 0;
 }
 
 }  // namespace
 
-Pending::Pending() {
-  const std::scoped_lock lock(count().lock);
-  ++count().value;
+std::shared_ptr<Pending::Count> Pending::current() {
+  if (auto count = counting.load()) return count;
+  return counting.update([made = std::make_shared<Count>(0)](auto& count) {
+    if (!count) count = made;
+    return count;
+  });
 }
 
-Pending::~Pending() {
-  const std::scoped_lock lock(count().lock);
-  if (--count().value == 0) count().isZero.notify_all();
-}
+Pending::Pending() { ++*count_; }
 
-void Pending::settle() noexcept { count(); }
+Pending::~Pending() { --*count_; }
 
-void Pending::forget() noexcept { std::construct_at(&count()); }
+bool Pending::isCurrent() const { return counting.load() == count_; }
+
+void Pending::reset() { counting.store(nullptr); }
 
 bool waitUntilIdle(std::chrono::milliseconds atMost) noexcept {
+  using std::chrono::steady_clock;
   constexpr std::chrono::milliseconds kMax = std::chrono::hours(24 * 365);
-  std::unique_lock lock(count().lock);
-  return count().isZero.wait_for(lock, std::clamp(atMost, std::chrono::milliseconds(0), kMax),
-                                 [] { return count().value == 0; });
+  const auto end = steady_clock::now() + std::clamp(atMost, std::chrono::milliseconds(0), kMax);
+  while (!isIdle()) {
+    if (steady_clock::now() >= end) return false;
+    std::this_thread::sleep_for(kRetryInterval);
+  }
+  return true;
 }
 
 }  // namespace marbleway

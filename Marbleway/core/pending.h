@@ -1,10 +1,11 @@
 #pragma once
 
+#include <atomic>
 #include <memory>
 
 namespace marbleway {
 
-/// Counts what `waitUntilIdle` waits for: requests without an answer, answers not yet applied.
+/// Counts what `waitUntilIdle` waits for: requests without a response, responses not yet applied.
 class Pending {
  public:
   /// Counts one more until the last copy of what is returned is gone. Thread: any.
@@ -15,10 +16,18 @@ class Pending {
   Pending& operator=(const Pending&) = delete;
   ~Pending();
 
-  /// Called in the child of a fork, where nothing goes on of what the parent began.
-  static void forget() noexcept;
-  /// Called in front of a fork, so that the child does not find the count half made.
-  static void settle() noexcept;
+  /// False once the library has been shut down, or in a fork's child: what was begun before then
+  /// has no effect any more.
+  bool isCurrent() const;
+
+  /// From now on none of what has begun counts. Thread: any.
+  static void reset();
+
+ private:
+  using Count = std::atomic<int>;
+  static std::shared_ptr<Count> current();
+
+  const std::shared_ptr<Count> count_ = current();
 };
 
 }  // namespace marbleway

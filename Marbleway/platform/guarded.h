@@ -4,11 +4,12 @@
 #include <mutex>
 #include <utility>
 
+#include "Marbleway/platform/fork.h"
+
 namespace marbleway {
 
 /// The lock behind every `Guarded` value. Held for a copy or an assignment, never across a call.
-/// One for all, so that a fork can hold it still (see platform/fork.h).
-inline constinit std::mutex guardedMutex;
+inline constinit platform::ForkSafeMutex guardedMutex;
 
 /// Room for a process-wide object that is never torn down: threads may touch it at exit.
 template <class T>

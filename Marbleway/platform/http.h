@@ -11,7 +11,7 @@
 
 namespace marbleway::platform {
 
-/// Bytes of an answer that are kept at most; the rest is dropped as it comes.
+/// A response with a longer body than this is none.
 inline constexpr std::size_t kMaxResponseBytes = 1U << 20U;
 
 /// One POST.
@@ -19,11 +19,11 @@ struct HttpRequest {
   std::string url;                                           ///< http or https
   std::vector<std::pair<std::string, std::string>> headers;  ///< Name and value, in order.
   Buffer body;                                               ///< What is posted.
-  std::size_t maxResponseBytes =
-      kMaxResponseBytes;  ///< Bytes of the answer's body that are wanted.
+  /// Bytes of the response's body that are wanted; the rest is received and dropped.
+  std::size_t maxResponseBytes = kMaxResponseBytes;
 };
 
-/// An answer whose transfer is complete.
+/// A response whose transfer is complete.
 struct HttpResponse {
   long status = 0;   ///< The HTTP status.
   std::string body;  ///< As much as was wanted.
@@ -35,9 +35,9 @@ class MARBLEWAY_EXPORT HttpClient {
   virtual ~HttpClient() = default;
 
   /// Posts `request` and returns at once; requests overlap. `done` runs exactly once, on another
-  /// thread or later on the main loop; it is given nothing when no answer came (no network, 60 s
-  /// without a byte, refused, cut off), whatever the reason. At the process's end it may not run
-  /// any more.
+  /// thread or later on the main loop. It is given nothing when no response came, whatever the
+  /// reason: no network, refused, cut off, 60 s without a byte, 5 minutes in all, a body of more
+  /// than `kMaxResponseBytes`. At the process's end it may not run any more.
   virtual void post(HttpRequest request, std::function<void(std::optional<HttpResponse>)> done) = 0;
 };
 

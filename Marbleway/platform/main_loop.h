@@ -12,8 +12,8 @@ namespace marbleway::platform {
 class MARBLEWAY_EXPORT Timer {
  public:
   virtual ~Timer() = default;
-  /// No firing begins after this returns, but for one that is being made ready on the loop's
-  /// thread at this moment. Twice is harmless. Thread: any.
+  /// No firing begins after this returns, but for one that the loop's thread is about to begin.
+  /// Twice is harmless. Thread: any.
   virtual void invalidate() = 0;
 };
 
@@ -27,14 +27,14 @@ class MARBLEWAY_EXPORT MainLoop {
   /// Runs `task` on the loop, after what was posted before it, and returns at once.
   virtual void post(std::function<void()> task) = 0;
 
-  /// Runs `task` on the loop every `period` (at least `kShortestPeriod`), on the steady clock,
-  /// until the timer is invalidated. A late firing is not made up for. The loop keeps the timer:
-  /// letting go of the handle does not stop it.
+  /// Runs `task` on the loop every `period` (at least `kMinPeriod`), on the steady clock,
+  /// until the timer is invalidated. A late firing is not made up for. Letting go
+  /// of the handle does not stop the timer.
   virtual std::shared_ptr<Timer> repeat(std::chrono::nanoseconds period,
                                         std::function<void()> task) = 0;
 };
 
 /// A shorter period counts as this one.
-inline constexpr std::chrono::nanoseconds kShortestPeriod = std::chrono::microseconds(100);
+inline constexpr std::chrono::nanoseconds kMinPeriod = std::chrono::microseconds(100);
 
 }  // namespace marbleway::platform

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 #include <optional>
 
 #include "export.h"
@@ -24,8 +25,8 @@ class MARBLEWAY_EXPORT ManualLoop : public MainLoop {
   std::shared_ptr<Timer> repeat(std::chrono::nanoseconds period,
                                 std::function<void()> task) override;
 
-  /// Runs everything posted, what that posts in turn included, and then each timer due now, the
-  /// one due first before the others. Returns how many tasks ran.
+  /// Runs everything posted, what that posts in turn included, and each timer due now: what was
+  /// posted or due first runs first. Returns how many tasks ran.
   std::size_t runDue();
 
   /// When there is something to run: now, if anything is posted; absent if there never will be.
@@ -35,11 +36,18 @@ class MARBLEWAY_EXPORT ManualLoop : public MainLoop {
   /// ran.
   bool pumpFor(std::chrono::milliseconds atMost);
 
+  /// Runs what is due and waits for more until `stop` has been called, which may be before.
+  void run();
+  /// Ends `run` after the task that runs. Thread: any.
+  void stop();
+
  private:
   struct Queue;  // shared with the handles, which may outlive the loop
   struct Handle;
+  struct Repeating;
 
   bool runOne(Time limit);
+  void fire(std::uint64_t id, const Repeating& timer);
   void waitForWork(Time end);
 
   std::function<Time()> now_;

@@ -3,10 +3,7 @@
 #include <optional>
 #include <tuple>
 #include <utility>
-#include <vector>
 
-#include "Marbleway/platform/catch_all.h"
-#include "Marbleway/platform/fork.h"
 #include "Marbleway/platform/guarded.h"
 #include "Marbleway/platform/paths.h"
 
@@ -64,16 +61,6 @@ std::shared_ptr<const Platform> current() {
     services.value.defaults = defaults;
   }
   return services.value.effective;
-}
-
-void abandonOwnServices() noexcept {
-  static constinit NoDestructor<std::vector<Set>> abandoned;  // in reach of leak checkers
-  auto& defaults = services.value.defaults;
-  auto& effective = services.value.effective;
-  catchAll([&] { abandoned.value.insert(abandoned.value.end(), {defaults, effective}); });
-  // Constructed anew rather than assigned: assignment would destroy what was there.
-  std::construct_at(&defaults);
-  std::construct_at(&effective);
 }
 
 namespace {

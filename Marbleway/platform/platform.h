@@ -46,6 +46,10 @@ MARBLEWAY_EXPORT std::shared_ptr<const Platform> current();
 /// started, opened or read before it is first used.
 Platform makePlatform();
 
+/// Stops and joins the threads of this system's services, `makeCurlClient`'s among them. What they
+/// were given is ended or dropped; the next use starts them anew. Thread: any but these.
+void endThreads() noexcept;
+
 /// Makes the documents directory, with mode 0700, where it is missing. A failure is silent.
 void makeDocumentsDirectory();
 

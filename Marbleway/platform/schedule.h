@@ -16,7 +16,7 @@ inline constexpr SteadyTime kNever = SteadyTime::max();
 /// The next firing after `now` of a timer that is, or first was, due at `due`. Firings that were
 /// missed are left out, and the ones after them keep to the grid.
 inline SteadyTime nextFiring(SteadyTime due, std::chrono::nanoseconds period, SteadyTime now) {
-  period = std::max(period, kShortestPeriod);
+  period = std::max(period, kMinPeriod);
   const SteadyTime last = due + (now - due) / period * period;
   return last > kNever - period ? kNever : last + period;
 }

@@ -80,8 +80,12 @@ void launchHandshake() {
   const auto services = platform::current();
   services->httpClient->post(std::move(request), [loop = services->mainLoop,
                                                   pending = Pending::begin()](const auto& answer) {
-    catchAll(
-        [&] { loop->post([pending, proceed = continuationAfter(answer)] { catchAll(proceed); }); });
+    catchAll([&] {
+      if (!pending->isCurrent()) return;
+      loop->post([pending, proceed = continuationAfter(answer)] {
+        if (pending->isCurrent()) catchAll(proceed);
+      });
+    });
   });
 }
 

@@ -1,3 +1,4 @@
+#include "Marbleway/Host.h"
 #include "Marbleway/Marbleway.h"
 #include "Marbleway/core/console.h"
 #include "Marbleway/core/operation.h"
@@ -7,34 +8,45 @@
 #include "Marbleway/platform/platform.h"
 #include "Marbleway/session/crash.h"
 #include "Marbleway/session/session.h"
+#include "Marbleway/session/timers.h"
 #include "Marbleway/startup/handshake.h"
 #include "Marbleway/startup/options.h"
 #include "Marbleway/store/store.h"
 #include "Marbleway/store/timestamp.h"
-#include "Marbleway/tracking/validation.h"
 #include "Marbleway/upload/batch.h"
 #include "Marbleway/upload/dispatch.h"
 
 using namespace marbleway;
 
-namespace {
+namespace marbleway {
 
-// Nothing is half made when a fork happens: its child would wait for who makes it.
-void settle() {
-  Pending::settle();
-  settleValidation();
-  holdStores();
+// The state is reset twice: before, so that operations are refused and what is under way has no
+// effect; and after, for the task that the main loop was running.
+void shutdown() noexcept {
+  operation([] {
+    invalidateTimers();
+    resetState();
+    Pending::reset();
+    BatchSlot::reset();
+    platform::endThreads();
+    platform::current()->crashHook->uninstall();
+    invalidateTimers();
+    resetState();
+  });
 }
 
-// A child of a fork has none of the library's threads. It may record; it sends nothing before a
-// start-up of its own, and its timers are those that it starts itself.
-void leaveToParent() {
-  isConnectedToInternet = false;
-  for (TimerHandle* task : {&TimerTask, &SessionTask}) task->store(nullptr);
-  Pending::forget();
+}  // namespace marbleway
+
+namespace {
+
+// The library is as before its first start-up. The parent's handles are not destroyed: what they
+// stand for is served by threads of the parent.
+void resetAfterFork() {
+  for (TimerHandle* task : {&TimerTask, &SessionTask}) platform::abandon(task->exchange(nullptr));
+  platform::abandon(mrbwLocationManager.exchange(nullptr));
+  resetState();
+  Pending::reset();
   BatchSlot::reset();
-  renewValidation();
-  releaseStoresInChild();
 }
 
 }  // namespace
@@ -45,7 +57,8 @@ void Marbleway::initMarbleway(Text projectToken) noexcept {
 
 // Each step catches its own exceptions, so that a step that fails skips no other.
 void Marbleway::initMarbleway(Text projectToken, const Dictionary& options) noexcept {
-  platform::watchForks(leaveToParent, settle, releaseStores);
+  if (!platform::startRecording()) return;
+  platform::resetInChild([] { operation(resetAfterFork); });
   operation([] { SessionStartTime.store(getUTCTimeStamp()); });
   operation([] { beginSession(); });
   isSDKValid = true;

@@ -4,13 +4,10 @@
 
 #include <algorithm>
 #include <atomic>
-#include <condition_variable>
-#include <memory>
-#include <mutex>
 #include <string>
 #include <utility>
 
-#include "Marbleway/platform/guarded.h"
+#include "Marbleway/platform/fork.h"
 #include "Marbleway/platform/platform.h"
 #include "Marbleway/platform/utf8.h"
 
@@ -24,55 +21,11 @@ constexpr std::chrono::milliseconds kRetryInterval{1};
 constexpr int kPieceBytes = 64 * 1024;
 
 constinit std::atomic<int> waitingFiles{0};  // open ones that have had to wait
-constinit std::atomic<bool> areAbandoned{false};
-
-/// The open connections, and the forks that keep others from being opened.
-struct Openings {
-  std::mutex lock;
-  std::condition_variable changed;
-  int open = 0;
-  int forks = 0;
-};
-
-Openings& openings() {
-  static NoDestructor<Openings> counting;
-  return counting.value;
-}
-
-void countOpening() {
-  std::unique_lock lock(openings().lock);
-  // Not without an end: a handler of the fork's may have crashed, and the crash wants its row.
-  openings().changed.wait_for(lock, kBusyTimeout, [] { return openings().forks == 0; });
-  ++openings().open;
-}
-
-void countClosing() {
-  const std::scoped_lock lock(openings().lock);
-  --openings().open;
-  if (openings().forks > 0) openings().changed.notify_all();
-}
 
 }  // namespace
 
-void holdStores() noexcept {
-  std::unique_lock lock(openings().lock);
-  ++openings().forks;
-  openings().changed.wait_for(lock, kBusyTimeout, [] { return openings().open == 0; });
-}
-
-void releaseStores() noexcept {
-  const std::scoped_lock lock(openings().lock);
-  if (--openings().forks == 0) openings().changed.notify_all();
-}
-
-void releaseStoresInChild() noexcept {
-  if (openings().open > 0) areAbandoned = true;
-  std::construct_at(&openings());
-}
-
 StoreFile::StoreFile(const std::string& path, IfMissing ifMissing) {
-  countOpening();
-  if (areAbandoned) return;
+  if (!platform::mayRecord()) return;
   // Who waits looks once in a millisecond; a thread that closes and opens would always be first.
   if (waitingFiles > 0) sqlite3_sleep(kRetryInterval.count());
   // One thread uses the connection, so it needs no lock of its own.
@@ -88,7 +41,6 @@ StoreFile::StoreFile(const std::string& path, IfMissing ifMissing) {
 StoreFile::~StoreFile() {
   sqlite3_close(connection_);
   if (waited_ > waited_.zero()) --waitingFiles;
-  countClosing();
 }
 
 // Short naps: with SQLite's own, ever longer ones, eight busy threads starve each other.

@@ -7,6 +7,7 @@
 #include <string>
 #include <string_view>
 
+#include "Marbleway/platform/fork.h"
 #include "Marbleway/platform/value.h"
 #include "Marbleway/platform/write_guard.h"
 #include "Marbleway/store/schema.h"
@@ -36,6 +37,7 @@ class StoreFile {
   friend class LongRow;
   static int busyHandler(void* file, int calls);
 
+  platform::ForkSection section_;                                 // SQLite's locks are held in it
   platform::WriteGuard guard_{platform::WriteGuard::Into::file};  // outlives the connection
   sqlite3* connection_ = nullptr;  // null when it could not be opened
   std::chrono::steady_clock::duration waited_{};
@@ -101,14 +103,6 @@ class LongRow {
   std::int64_t id_ = 0;
   bool exists_ = false;
 };
-
-/// Around a fork, so that its child finds no lock of SQLite's held: waits until no connection is
-/// open, two seconds at most, and lets none be opened until the parent releases them.
-void holdStores() noexcept;
-void releaseStores() noexcept;
-/// Called in the child. If a connection was open all the same, locks of SQLite's may be held here
-/// for ever: no store is opened any more, and rows are lost in silence.
-void releaseStoresInChild() noexcept;
 
 /// The text of an INSERT that names `id` and every other column of one table, in order, with a "?"
 /// for each. Any other text does not compile.

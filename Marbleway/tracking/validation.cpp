@@ -11,7 +11,7 @@
 #include <memory>
 #include <stdexcept>
 
-#include "Marbleway/platform/catch_all.h"
+#include "Marbleway/platform/fork.h"
 #include "Marbleway/platform/guarded.h"
 #include "Marbleway/platform/json.h"
 #include "Marbleway/platform/utf8.h"
@@ -19,41 +19,30 @@
 namespace marbleway {
 namespace {
 
-// A pattern that is compiled at its first use and never destroyed. It prints nothing. Matching
-// takes locks of the compiled form, which a fork's child can find taken: the child drops that form
-// and compiles its own.
+// A pattern that is compiled at its first use and never destroyed. It prints nothing. Compiling and
+// matching take locks.
 class Pattern {
  public:
   constexpr explicit Pattern(const char* text) : text_(text) {}
 
   bool matches(const Text& text) {
+    const platform::ForkSection section;
     const std::string_view view = text.view();
-    return !text.isAbsent() && RE2::FullMatch({view.data(), view.size()}, form().compiled);
-  }
-  void forget() noexcept {
-    if (Form* const form = form_.exchange(nullptr)) former_ = form;
+    return !text.isAbsent() && RE2::FullMatch({view.data(), view.size()}, compiled());
   }
 
  private:
-  struct Form {
-    Form(const char* text, const Form* ancestor) : compiled(text, RE2::Quiet), former(ancestor) {}
-
-    RE2 compiled;
-    const Form* former;  // the parent's, reachable for leak checkers
-  };
-
-  const Form& form() {
-    Form* form = form_;
-    if (form == nullptr) {
-      auto made = std::make_unique<Form>(text_, former_);
-      if (form_.compare_exchange_strong(form, made.get())) form = made.release();
+  const RE2& compiled() {
+    RE2* present = compiled_;
+    if (present == nullptr) {
+      auto made = std::make_unique<RE2>(text_, RE2::Quiet);
+      if (compiled_.compare_exchange_strong(present, made.get())) present = made.release();
     }
-    return *form;
+    return *present;
   }
 
   const char* const text_;
-  std::atomic<Form*> form_{nullptr};
-  const Form* former_ = nullptr;
+  std::atomic<RE2*> compiled_{nullptr};
 };
 
 // The pattern of a linked address allows endings of up to 16 letters, that of the attribute 14.
@@ -83,6 +72,7 @@ Punctuation readUserPunctuation() {
 }
 
 const Punctuation& userPunctuation() {
+  const platform::ForkSection section;  // the C library's lock of locales
   static const NoDestructor<Punctuation> marks(readUserPunctuation());
   return marks.value;
 }
@@ -150,16 +140,6 @@ bool isDecimal(std::string_view text, const Punctuation& marks) {
     if (skipDigits(text) == 0) return false;
   }
   return text.empty();
-}
-
-void settleValidation() noexcept {
-  catchAll([] { userPunctuation(); });
-}
-
-void renewValidation() noexcept {
-  for (Pattern* pattern : {&linkEmail, &attributeEmail, &webAddress, &phoneNumber, &absoluteURL}) {
-    pattern->forget();
-  }
 }
 
 bool isLinkEmail(const Text& text) { return linkEmail.matches(text); }

@@ -37,12 +37,6 @@ bool isDecimal(std::string_view text, const Punctuation& marks);
 /// True for a number, and for a text that is one in the user's locale (LC_ALL, LC_NUMERIC, LANG).
 bool isNumber(const Value& value);
 
-/// Before a fork: reads the user's locale, because a child could find the locale's lock taken.
-void settleValidation() noexcept;
-/// In the child of a fork: drops the compiled patterns, because a child could find their locks
-/// taken.
-void renewValidation() noexcept;
-
 /// The first of `keys` that `dictionary` does not hold; absent when it holds all.
 std::optional<std::string_view> missingKey(const Dictionary& dictionary,
                                            std::initializer_list<std::string_view> keys);

@@ -21,7 +21,7 @@ class Repeating : public platform::Timer, public std::enable_shared_from_this<Re
  public:
   Repeating(asio::io_context& io, std::chrono::nanoseconds period, Task task)
       : timer_(io),
-        period_(std::clamp<std::chrono::nanoseconds>(period, platform::kShortestPeriod, 8760h)),
+        period_(std::clamp<std::chrono::nanoseconds>(period, platform::kMinPeriod, 8760h)),
         task_(std::move(task)) {}
 
   void arm() {

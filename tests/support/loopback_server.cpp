@@ -17,31 +17,28 @@ namespace {
 using namespace std::chrono_literals;
 
 /// Appends what comes next; false once either side has closed.
-bool receive(int socket, std::string& unread) {
+bool receive(int socket, std::string& bytes) {
   std::array<char, 65536> block;
   const ssize_t got = recv(socket, block.data(), block.size(), 0);
-  if (got > 0) unread.append(block.data(), static_cast<std::size_t>(got));
+  if (got > 0) bytes.append(block.data(), static_cast<std::size_t>(got));
   return got > 0;
 }
 
-/// Takes the next request off the front of `unread`; false when none comes any more.
-bool receive(int socket, std::string& unread, Received& request) {
-  constexpr std::string_view kBlankLine = "\r\n\r\n";
-  constexpr std::string_view kLength = "Content-Length: ";
-  while (unread.find(kBlankLine) == std::string::npos) {
-    if (!receive(socket, unread)) return false;
+/// False when no whole request comes.
+bool receive(int socket, Received& request) {
+  constexpr std::string_view kBlankLine = "\r\n\r\n", kLength = "Content-Length: ";
+  std::string& body = request.body;
+  std::size_t end = 0;
+  while ((end = body.find(kBlankLine)) == std::string::npos) {
+    if (!receive(socket, body)) return false;
   }
-  request.head = unread.substr(0, unread.find(kBlankLine) + kBlankLine.size());
+  request.head = body.substr(0, end + kBlankLine.size());
+  body.erase(0, request.head.size());
   const std::size_t length = request.head.find(kLength);
-  const std::size_t bodySize =
-      length == std::string::npos ? 0 : std::stoul(request.head.substr(length + kLength.size()));
-  const std::size_t size = request.head.size() + bodySize;
-  while (unread.size() < size) {
-    if (!receive(socket, unread)) return false;
-  }
-  request.body = unread.substr(request.head.size(), bodySize);
-  unread.erase(0, size);
-  return true;
+  const bool hasBody = length != std::string::npos;
+  const std::size_t size = hasBody ? std::stoul(request.head.substr(length + kLength.size())) : 0;
+  while (body.size() < size && receive(socket, body)) continue;
+  return body.size() >= size;
 }
 
 bool sendAll(int socket, std::string_view bytes) {
@@ -53,52 +50,47 @@ bool sendAll(int socket, std::string_view bytes) {
   return true;
 }
 
-bool trickle(int socket, std::string_view bytes, std::chrono::milliseconds pause) {
-  pollfd peer{socket, POLLIN, 0};  // it sends nothing more: a close alone cuts the pause
+void trickle(int socket, std::string_view bytes, std::chrono::milliseconds pause) {
+  pollfd peer{socket, POLLIN, 0};  // it sends nothing more: a close alone ends the pause
   for (const char& byte : bytes) {
-    if (poll(&peer, 1, static_cast<int>(pause.count())) != 0) return false;
-    if (!sendAll(socket, {&byte, 1})) return false;
+    if (poll(&peer, 1, static_cast<int>(pause.count())) != 0 || !sendAll(socket, {&byte, 1})) break;
   }
-  return true;
 }
 
-/// Half of the body, or of the head when there is no body.
-void sendHalf(int socket, std::string_view head, std::string_view body) {
-  sendAll(socket, body.empty() ? head.substr(0, head.size() / 2) : head);
-  sendAll(socket, body.substr(0, body.size() / 2));
-}
-
-/// True when another request may follow.
-bool sendAnswer(int socket, const Answer& answer) {
+void sendAnswer(int socket, const Answer& answer) {
   std::string head = answer.raw;
   if (head.empty()) {
     head = "HTTP/1.1 " + std::to_string(answer.status) + " Scripted\r\n" + answer.headers;
-    const std::size_t length = answer.body.size() * answer.times;
-    if (answer.status != 204) head += "Content-Length: " + std::to_string(length) + "\r\n";
+    if (answer.status != 204 && answer.manner != Manner::endless) {
+      head += "Content-Length: " + std::to_string(answer.body.size()) + "\r\n";
+    }
     head += "\r\n";
   }
+  const std::string bytes = head + answer.body;
   constexpr linger kAtOnce{.l_onoff = 1, .l_linger = 0};
   std::string ignored;
-  bool isSent = false;
   switch (answer.manner) {
     case Manner::whole:
-      isSent = sendAll(socket, head);
-      for (std::size_t i = 0; isSent && i < answer.times; ++i) {
-        isSent = sendAll(socket, answer.body);
-      }
-      return isSent && answer.raw.empty();  // who knows where raw bytes end? closing tells
+      sendAll(socket, bytes);
+      break;
     case Manner::never:
       while (receive(socket, ignored)) continue;
-      return false;
+      break;
     case Manner::trickled:
-      return trickle(socket, head + answer.body, answer.pause);
+      trickle(socket, bytes, answer.pause);
+      break;
     case Manner::reset:
       setsockopt(socket, SOL_SOCKET, SO_LINGER, &kAtOnce, sizeof kAtOnce);
       [[fallthrough]];
-    case Manner::cut:
-      sendHalf(socket, head, answer.body);
+    case Manner::cut:  // in the body, or in the head when there is no body
+      sendAll(socket,
+              std::string_view(bytes).substr(
+                  0, answer.body.empty() ? head.size() / 2 : head.size() + answer.body.size() / 2));
+      break;
+    case Manner::endless:
+      sendAll(socket, head);
+      while (sendAll(socket, answer.body)) continue;
   }
-  return false;
 }
 
 sockaddr_in loopback() {
@@ -175,14 +167,15 @@ void LoopbackServer::listen() {
 }
 
 void LoopbackServer::serve(int socket) {
-  std::string unread;
   Received request;
-  do {
-    if (!receive(socket, unread, request)) break;
-    const std::scoped_lock lock(mutex_);
-    requests_.push_back(request);
-    changed_.notify_all();
-  } while (sendAnswer(socket, answerTo(request)));
+  if (receive(socket, request)) {
+    {
+      const std::scoped_lock lock(mutex_);
+      requests_.push_back(request);
+      changed_.notify_all();
+    }
+    sendAnswer(socket, answerTo(request));
+  }
   const std::scoped_lock lock(mutex_);
   open_.erase(socket);
   close(socket);

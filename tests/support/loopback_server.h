@@ -27,6 +27,7 @@ enum class Manner {
   cut,       // half of it, then an orderly close
   reset,     // half of it, then a reset
   trickled,  // byte by byte, each after `pause`
+  endless,   // the body again and again
 };
 
 struct Answer {
@@ -34,14 +35,9 @@ struct Answer {
   Manner manner = Manner::whole;
   std::string headers = {};  // whole lines beside Content-Length
   std::string body = {};
-  std::size_t times = 1;  // the body is sent that often: huge answers
-  std::string raw = {};   // sent as it stands in place of all that, if not empty
+  std::string raw = {};  // sent as it stands in place of all that, if not empty
   std::chrono::milliseconds pause{1};
 };
-
-inline Answer redirectTo(const std::string& url) {
-  return {.status = 307, .headers = "Location: " + url + "\r\n"};
-}
 
 /// A socket on a free port of 127.0.0.1; until something listens on it, it refuses every
 /// connection.
@@ -59,8 +55,8 @@ class RefusingPort {
   int socket_;
 };
 
-/// A real HTTP server, each connection on a thread of its own. It stops at once when it is
-/// destroyed, whatever is going on. Thread: any.
+/// A real HTTP server: one request a connection, each connection on a thread of its own. It stops
+/// at once when it is destroyed, whatever is going on. Thread: any.
 class LoopbackServer : public RefusingPort {
  public:
   LoopbackServer();

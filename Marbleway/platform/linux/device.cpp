@@ -6,6 +6,7 @@
 #include <fstream>
 #include <mutex>
 
+#include "Marbleway/platform/fork.h"
 #include "Marbleway/platform/linux/services.h"
 #include "Marbleway/platform/linux/time_zone.h"
 #include "Marbleway/platform/platform.h"
@@ -43,7 +44,10 @@ class LinuxDevice final : public Device {
     if (auto kept = defaults->text(kKey)) return *kept;
 
     // Threads that come here at once keep the same new one.
-    std::call_once(isMade_, [this] { vendorIdentifier_ = newUUID(); });
+    {
+      const ForkSection section;
+      std::call_once(isMade_, [this] { vendorIdentifier_ = newUUID(); });
+    }
     defaults->setText(kKey, vendorIdentifier_);
     defaults->synchronize();
     return defaults->text(kKey).value_or(vendorIdentifier_);  // another process may have been first

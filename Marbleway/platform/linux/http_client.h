@@ -10,13 +10,15 @@
 
 namespace marbleway::platform {
 
-/// How a host's surroundings differ from what libcurl finds by itself. What does not hold (a file
-/// that cannot be read, a proxy that is no URL or does not answer) ends requests as no answer.
+/// What a host changes of libcurl's defaults. A file that cannot be read, and a proxy that is no
+/// URL or does not respond, end every request without a response.
 struct HttpOptions {
   /// An exchange ends after this long without a byte in either direction.
   std::chrono::milliseconds silence = std::chrono::seconds(60);
+  /// An exchange ends after this long in all.
+  std::chrono::milliseconds total = std::chrono::minutes(5);
   /// A file of PEM certificates: the authorities that are trusted, and no others. Empty: the
-  /// system's.
+  /// system's. A changed file counts after a day at most.
   std::filesystem::path authorities{};
   /// "http://host:port", or another scheme of libcurl's: every request but those to loopback goes
   /// through it. Empty: the environment's (http_proxy, https_proxy, all_proxy, no_proxy).
@@ -26,14 +28,14 @@ struct HttpOptions {
 /// The network through libcurl, on one thread that begins with the first request and sleeps while
 /// none is in flight.
 ///
-/// Requests overlap, 64 at most: one more ends the oldest as no answer. Loopback is never proxied;
-/// a proxy of https requests sees the server's name and nothing else. When no thread can be had the
-/// request ends as no answer, on the main loop in force, and the next one tries again.
+/// Requests overlap. Loopback is never proxied; a proxy of https requests sees the server's name
+/// and nothing else. When no thread can be had the request ends without a response, on the
+/// installed main loop, and the next one tries again.
 ///
-/// Destroying the client ends what is in flight as no answer, runs each `done` and joins the
+/// Destroying the client ends what is in flight without a response, runs each `done` and joins the
 /// thread. The process may end or fork with requests in flight. From its end on the thread is kept
 /// out of libcurl and what is posted is dropped; that takes as long as reading the certificates at
-/// most. In a fork's child a client of its own works, the parent's is neither used nor destroyed.
+/// most. In a fork's child the client starts anew, without the parent's requests.
 MARBLEWAY_EXPORT std::shared_ptr<HttpClient> makeCurlClient(HttpOptions options = {});
 
 }  // namespace marbleway::platform

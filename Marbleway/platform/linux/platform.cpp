@@ -11,7 +11,7 @@ Platform makePlatform() {
   return {
       .console = makeStandardError(),
       .clock = makeSystemClock(),
-      .mainLoop = makeAsioLoop(),
+      .mainLoop = makeBackgroundLoop(),
       .httpClient = makeCurlClient(),
       .userDefaults = makeFileDefaults(),
       .device = makeLinuxDevice(),

@@ -11,7 +11,7 @@
 
 namespace marbleway::platform {
 
-/// Gives a libcurl object back through `Free`.
+/// Frees a libcurl object with `Free`.
 template <auto Free>
 struct CurlFree {
   template <class Object>
@@ -20,30 +20,32 @@ struct CurlFree {
   }
 };
 
-/// One POST: the request, libcurl's handle while it is under way, and what has come back.
+/// One POST: the request, libcurl's handle while it is in flight, and the response so far.
 class Transfer {
  public:
   using Done = std::function<void(std::optional<HttpResponse>)>;
   using Clock = std::chrono::steady_clock;
   using Time = Clock::time_point;
 
-  /// Keeps the body where it is; libcurl sends it from there. Thread: any.
+  /// The body is not copied; libcurl sends it from the request's buffer. Thread: any.
   Transfer(HttpRequest request, Done done);
 
-  /// Sets out on `multi`, which outlives the exchange. False: there is no room for it.
+  /// Begins the exchange on `multi`, which outlives it. False when libcurl has no memory for it.
   bool begin(CURLM* multi, const HttpOptions& options, Time now);
-  /// Leaves `multi` and lets go of the body; only what is `complete` counts as an answer.
+  /// Removes the exchange from `multi` and frees the body. Unless it is `complete`, there is no
+  /// response.
   void end(bool complete) noexcept;
   /// Runs `done`, after the end and once. What it throws ends here.
-  void tell() noexcept;
+  void complete() noexcept;
 
-  bool isUnderWayAs(const CURL* handle) const noexcept { return easy_.get() == handle; }
-  /// When a byte last crossed in either direction, as far as this is asked after every step.
-  Time lastByte(Time now) noexcept;
+  bool uses(const CURL* handle) const noexcept { return easy_.get() == handle; }
+  /// When the exchange is out of time: in all, or since the last byte in either direction. Exact as
+  /// long as it is asked after each step.
+  Time deadline(const HttpOptions& options, Time now) noexcept;
 
  private:
-  static std::size_t keep(const char* bytes, std::size_t one, std::size_t size,
-                          void* transfer) noexcept;
+  static std::size_t onBody(const char* bytes, std::size_t one, std::size_t size,
+                            void* transfer) noexcept;
 
   bool prepare(CURL* easy, const HttpOptions& options) noexcept;
 
@@ -52,10 +54,11 @@ class Transfer {
   std::unique_ptr<curl_slist, CurlFree<curl_slist_free_all>> headers_;
   std::unique_ptr<CURL, CurlFree<curl_easy_cleanup>> easy_;
   CURLM* multi_ = nullptr;
-  HttpResponse answer_;
+  HttpResponse response_;
+  std::size_t receivedBytes_ = 0;  // of the response's body
   bool isComplete_ = false;
-  curl_off_t transferred_ = 0;  // bytes, in both directions
-  Time lastByte_;
+  curl_off_t transferredBytes_ = 0;  // in both directions
+  Time begun_, lastByte_;
 };
 
 }  // namespace marbleway::platform

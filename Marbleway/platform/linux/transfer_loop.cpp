@@ -1,21 +1,65 @@
 #include "Marbleway/platform/linux/transfer_loop.h"
 
+#include <dlfcn.h>
+#include <unistd.h>
+
 #include <algorithm>
+#include <atomic>
 #include <climits>
+#include <cstdint>
+#include <cstdlib>
+#include <iterator>
 #include <utility>
+
+#include "Marbleway/platform/fork.h"
 
 namespace marbleway::platform {
 namespace {
 
-constexpr std::size_t kMaxTransfers = 64;
+constinit ForkSafeMutex curlMutex;  // held by a thread while it is in libcurl, but for waits
+constinit std::atomic<bool> isExitGuarded{false};
+bool isCurlInitialized = false;  // guarded by `curlMutex`
+
+/// A thread in TLS while the process takes TLS down would crash it: none gets there from here on.
+void atExit() {
+  isProcessEnding = true;
+  const std::scoped_lock lock(curlMutex);
+}
+
+void initializeCurl() {
+  if (std::exchange(isCurlInitialized, true)) return;
+  (void)curl_global_init(CURL_GLOBAL_DEFAULT);  // a failure shows when no handle can be had
+  (void)std::atexit(atExit);                    // for a TLS library that `guardExit` does not know
+}
+
+/// Runs `step` while neither an exit nor a fork takes place. From the process's end on it does not
+/// return.
+template <class Step>
+auto inCurl(Step step) {
+  if (!isProcessEnding) {
+    const std::scoped_lock lock(curlMutex);
+    if (!isProcessEnding) return step();
+  }
+  while (true) pause();  // no handler runs on this thread
+}
 
 }  // namespace
 
+// OpenSSL registers an exit handler of its own while it is initialized, which the network thread
+// does. Exit handlers run in reverse order: the first one is OpenSSL's, registered here in 10 us,
+// and then ours, which so runs before it at any moment of the initialization.
+void guardExit() {
+  if (isExitGuarded.exchange(true)) return;
+  constexpr std::uint64_t kWithoutConfiguration = 0x80;  // OPENSSL_INIT_NO_LOAD_CONFIG
+  using Initialize = int(std::uint64_t options, const void* settings);
+  auto* initialize = reinterpret_cast<Initialize*>(dlsym(RTLD_DEFAULT, "OPENSSL_init_crypto"));
+  if (initialize != nullptr) (void)initialize(kWithoutConfiguration, nullptr);
+  (void)std::atexit(atExit);
+}
+
 void TransferLoop::run() {
-  while (awaitWork()) {
-    for (Transfer& transfer : drive()) transfer.tell();
-  }
-  for (Transfer& transfer : abandon()) transfer.tell();
+  while (awaitWork()) step();
+  endAll();
 }
 
 void TransferLoop::take(Transfers one) {
@@ -24,24 +68,10 @@ void TransferLoop::take(Transfers one) {
   wake();
 }
 
-void TransferLoop::stop() {
+void TransferLoop::stop() noexcept {
   const std::scoped_lock lock(mutex_);
   isStopping_ = true;
   wake();
-}
-
-void TransferLoop::hold() {
-  turnMutex_.lock();
-  {
-    const std::scoped_lock lock(mutex_);
-    wake();
-  }
-  curlMutex_.lock();
-}
-
-void TransferLoop::release() {
-  curlMutex_.unlock();
-  turnMutex_.unlock();
 }
 
 void TransferLoop::wake() {
@@ -55,29 +85,24 @@ bool TransferLoop::awaitWork() {
   return !isStopping_;
 }
 
-std::unique_lock<std::mutex> TransferLoop::takeTurn() {
-  const std::scoped_lock next(turnMutex_);
-  return std::unique_lock(curlMutex_);
-}
-
 /// One step of every exchange and, unless one is over by then, a wait for what the next step needs.
-TransferLoop::Transfers TransferLoop::drive() {
-  const auto turn = takeTurn();
+void TransferLoop::step() {
   Transfers over;
-  openMulti();
-  admit(over);
-  int running = 0;
-  bool works = multi_ && curl_multi_perform(multi_.get(), &running) == CURLM_OK;
-  if (works) {
-    const Transfer::Time silent = collect(over);
-    if (over.empty()) works = awaitBytes(silent);
-  }
-  while (!works && !active_.empty()) finish(active_.begin(), false, over);
-  return over;
+  const auto until = inCurl([&] {
+    openMulti();
+    admit(over);
+    int running = 0;
+    if (multi_ && curl_multi_perform(multi_.get(), &running) == CURLM_OK) return collect(over);
+    while (!active_.empty()) finish(active_.begin(), false, over);
+    return Transfer::Time::max();
+  });
+  if (over.empty()) awaitBytes(until);
+  for (Transfer& transfer : over) transfer.complete();
 }
 
 /// Without descriptors there is none; the next request tries again.
 void TransferLoop::openMulti() {
+  initializeCurl();
   if (multi_) return;
   decltype(multi_) made(curl_multi_init());
   // One that lacks the descriptors it is woken through would sleep on when a request arrives.
@@ -93,7 +118,6 @@ void TransferLoop::admit(Transfers& over) {
     arrived.swap(pending_);
   }
   while (!arrived.empty()) {
-    if (active_.size() == kMaxTransfers) finish(active_.begin(), false, over);
     active_.splice(active_.end(), arrived, arrived.begin());
     const bool hasBegun =
         multi_ && active_.back().begin(multi_.get(), options_, Transfer::Clock::now());
@@ -101,40 +125,45 @@ void TransferLoop::admit(Transfers& over) {
   }
 }
 
-/// Moves what is complete, has failed or is silent to `over`; tells when the next is silent.
+/// Moves what is complete, has failed or is out of time to `over`. Returns when the next exchange
+/// is out of time.
 Transfer::Time TransferLoop::collect(Transfers& over) {
   int left = 0;
   while (const CURLMsg* message = curl_multi_info_read(multi_.get(), &left)) {
     const auto transfer = std::ranges::find_if(
-        active_, [&](const Transfer& each) { return each.isUnderWayAs(message->easy_handle); });
+        active_, [&](const Transfer& each) { return each.uses(message->easy_handle); });
     finish(transfer, message->data.result == CURLE_OK, over);
   }
   Transfer::Time earliest = Transfer::Time::max();
   const Transfer::Time now = Transfer::Clock::now();
   for (auto next = active_.begin(); next != active_.end();) {
     const auto transfer = next++;
-    const Transfer::Time silent = transfer->lastByte(now) + options_.silence;
-    earliest = std::min(earliest, silent);
-    if (silent <= now) finish(transfer, false, over);
+    const Transfer::Time deadline = transfer->deadline(options_, now);
+    earliest = std::min(earliest, deadline);
+    if (deadline <= now) finish(transfer, false, over);
   }
   return earliest;
 }
 
-/// Waits for a byte, a wake-up, one of libcurl's own timers or `until`. False: it cannot wait.
-bool TransferLoop::awaitBytes(Transfer::Time until) {
+/// Waits for a byte, a wake-up, one of libcurl's own timers or `until`. Where it cannot wait, every
+/// exchange ends.
+void TransferLoop::awaitBytes(Transfer::Time until) {
   const auto left = std::chrono::ceil<std::chrono::milliseconds>(until - Transfer::Clock::now());
   const auto atMost = std::clamp<std::chrono::milliseconds::rep>(left.count(), 0, INT_MAX);
-  return curl_multi_poll(multi_.get(), nullptr, 0, static_cast<int>(atMost), nullptr) == CURLM_OK;
+  if (curl_multi_poll(multi_.get(), nullptr, 0, static_cast<int>(atMost), nullptr) != CURLM_OK) {
+    endAll();
+  }
 }
 
-TransferLoop::Transfers TransferLoop::abandon() {
-  const auto turn = takeTurn();
+void TransferLoop::endAll() {
   Transfers over;
-  while (!active_.empty()) finish(active_.begin(), false, over);
-  const std::scoped_lock lock(mutex_);
-  multi_.reset();
-  over.splice(over.end(), pending_);
-  return over;
+  inCurl([&] {
+    while (!active_.empty()) finish(active_.begin(), false, over);
+    const std::scoped_lock lock(mutex_);
+    if (isStopping_) multi_.reset();
+    over.splice(over.end(), pending_);
+  });
+  for (Transfer& transfer : over) transfer.complete();
 }
 
 void TransferLoop::finish(Transfers::iterator transfer, bool complete, Transfers& over) {

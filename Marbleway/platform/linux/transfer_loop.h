@@ -10,54 +10,49 @@
 
 #include "Marbleway/platform/linux/http_client.h"
 #include "Marbleway/platform/linux/transfer.h"
+#include "Marbleway/platform/linux/worker.h"
 
 namespace marbleway::platform {
 
 /// Drives exchanges through libcurl on the one thread that calls `run`; it sleeps while none is in
 /// flight. The other functions are called on any thread.
-class TransferLoop {
+class TransferLoop : public Work {
  public:
   explicit TransferLoop(HttpOptions options) : options_(std::move(options)) {}
 
-  /// Works until `stop`, and runs each exchange's `done` with no lock held.
-  void run();
-  /// Sends off `one`. Beyond 64 at once the oldest ends as no answer.
+  /// Drives exchanges until `stop`, and completes each with no lock held.
+  void run() override;
+  /// Lets `run` end every exchange as no response, and return.
+  void stop() noexcept override;
+  /// Begins the one exchange of the list.
   void take(std::list<Transfer> one);
-  /// Lets `run` end what is in flight and what waits as no answer, and return.
-  void stop();
-
-  /// Waits until the thread is out of libcurl, and keeps it out until `release`; a `done` that is
-  /// running goes on.
-  void hold();
-  void release();
 
  private:
   using Transfers = std::list<Transfer>;
 
   void wake();
   bool awaitWork();
-  std::unique_lock<std::mutex> takeTurn();
-  Transfers drive();
+  void step();
   void openMulti();
   void admit(Transfers& over);
   Transfer::Time collect(Transfers& over);
-  bool awaitBytes(Transfer::Time until);
-  Transfers abandon();
+  void awaitBytes(Transfer::Time until);
+  void endAll();
   void finish(Transfers::iterator transfer, bool complete, Transfers& over);
 
   const HttpOptions options_;
 
-  std::mutex
-      turnMutex_;  // held on the way to `curlMutex_`: whoever waits for that has the next turn
-  std::mutex curlMutex_;  // held by the thread while it is in libcurl
-
-  std::mutex mutex_;  // on the three below, and on the setting of `multi_`
+  std::mutex mutex_;  // guards the three below, and the setting of `multi_`
   std::condition_variable changed_;
   Transfers pending_;
   bool isStopping_ = false;
 
   std::unique_ptr<CURLM, CurlFree<curl_multi_cleanup>> multi_;  // none until it can be had
-  Transfers active_;                                            // the thread's own, oldest first
+  Transfers active_;                                            // the thread's own
 };
+
+/// For the thread that posts: in front of the first exchange of the process. Afterwards the exit
+/// of the process waits until no thread is in libcurl, and lets none in any more.
+void guardExit();
 
 }  // namespace marbleway::platform

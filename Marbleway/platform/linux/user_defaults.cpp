@@ -6,6 +6,7 @@
 #include <thread>
 #include <utility>
 
+#include "Marbleway/platform/fork.h"
 #include "Marbleway/platform/linux/files.h"
 #include "Marbleway/platform/linux/services.h"
 #include "Marbleway/platform/platform.h"
@@ -140,10 +141,10 @@ class FileDefaults final : public UserDefaults {
     return settings;
   }
 
-  std::mutex writing_;  // one thread at a time waits for the directory; the others wait for that
+  ForkSafeMutex writing_;  // one thread at a time waits for the directory; the others wait for that
   std::chrono::steady_clock::time_point lastWriting_{};
 
-  std::mutex mutex_;  // on what follows; held while the file is read and written
+  ForkSafeMutex mutex_;  // on what follows; held while the file is read and written
   std::filesystem::path file_;
   bool isLoaded_ = false;
   Dictionary stored_;                                   // what the file held when it was last read

@@ -1,0 +1,110 @@
+#include "Marbleway/platform/linux/worker.h"
+
+#include <dlfcn.h>
+#include <link.h>
+
+#include <mutex>
+#include <string_view>
+#include <thread>
+#include <utility>
+#include <vector>
+
+#include "Marbleway/platform/catch_all.h"
+#include "Marbleway/platform/fork.h"
+#include "Marbleway/platform/guarded.h"
+#include "Marbleway/platform/linux/background_thread.h"
+#include "Marbleway/platform/platform.h"
+
+namespace marbleway::platform {
+
+struct WorkerState {
+  explicit WorkerState(std::function<std::shared_ptr<Work>()> maker) : make(std::move(maker)) {}
+
+  void start();
+  void end() noexcept;
+
+  const std::function<std::shared_ptr<Work>()> make;
+  ForkSafeMutex mutex;  // guards the rest
+  std::shared_ptr<Work> work;
+  std::thread thread;
+  int process = forkCount();  // that the thread is in
+};
+
+namespace {
+
+constinit Guarded<std::vector<std::weak_ptr<WorkerState>>> states;
+
+/// Keeps this code mapped from the first thread on: a plugin that is unloaded without `shutdown`
+/// would take it away from under the threads.
+void pinModule() {
+  static constinit std::atomic<bool> isPinned{false};
+  Dl_info symbol{};
+  link_map* module = nullptr;
+  if (isPinned.exchange(true) || dladdr1(reinterpret_cast<void*>(&pinModule), &symbol,
+                                         reinterpret_cast<void**>(&module), RTLD_DL_LINKMAP) == 0) {
+    return;
+  }
+  const std::string_view name = module->l_name;
+  if (name.empty()) return;  // the program itself
+  void* handle = dlopen(module->l_name, RTLD_LAZY | RTLD_NOLOAD | RTLD_NODELETE);
+  if (handle != nullptr) dlclose(handle);
+}
+
+}  // namespace
+
+/// Starts the thread, if this process has none. `mutex` is held.
+void WorkerState::start() {
+  if (process != forkCount()) {
+    std::construct_at(&thread);  // the parent's, of which nothing is here
+    abandon(std::exchange(work, nullptr));
+    process = forkCount();
+  }
+  if (thread.joinable()) return;
+  pinModule();
+  auto made = make();
+  thread = startBackgroundThread([made] { catchAll([&] { made->run(); }); });
+  work = std::move(made);
+}
+
+void WorkerState::end() noexcept {
+  std::unique_lock lock(mutex);
+  if (!thread.joinable() || process != forkCount()) return;
+  std::thread former = std::exchange(thread, {});
+  const auto stopped = std::exchange(work, nullptr);
+  lock.unlock();
+  stopped->stop();
+  if (isProcessEnding || former.get_id() == std::this_thread::get_id()) {
+    former.detach();
+  } else {
+    former.join();
+  }
+}
+
+Worker::Worker(std::function<std::shared_ptr<Work>()> make)
+    : state_(std::make_shared<WorkerState>(std::move(make))) {
+  states.update([&](auto& all) {
+    std::erase_if(all, [](const auto& each) { return each.expired(); });
+    all.push_back(state_);
+  });
+}
+
+Worker::~Worker() {
+  state_->end();
+  if (state_->process != forkCount()) abandon(state_);
+}
+
+std::shared_ptr<Work> Worker::running() {
+  const std::scoped_lock lock(state_->mutex);
+  state_->start();
+  return state_->work;
+}
+
+void endThreads() noexcept {
+  catchAll([] {
+    for (const auto& each : states.load()) {
+      if (const auto state = each.lock()) state->end();
+    }
+  });
+}
+
+}  // namespace marbleway::platform
