@@ -60,6 +60,7 @@ TEST(PathsTest, DocumentsDirectoryIsAbsoluteAndTheOwnersAlone) {
   fs::current_path(folder.path());
   setDocumentsDirectory("deep/down/");
   fs::current_path(before);
+  EXPECT_EQ(documentsDirectory(), (folder.path() / "deep/down").string());
   makeDocumentsDirectory();
   EXPECT_TRUE(fs::equivalent(documentsDirectory(), folder.path() / "deep/down"));
   EXPECT_EQ(fs::status(folder.path() / "deep/down").permissions(), fs::perms::owner_all);

@@ -4,6 +4,7 @@
 #include <stdexcept>
 #include <string>
 #include <string_view>
+#include <system_error>
 #include <utility>
 
 #include "Marbleway/platform/guarded.h"
@@ -54,6 +55,12 @@ void configure(Configuration configuration) {
   check("testURL", configuration.testURL);
   check("productionURL", configuration.productionURL);
   auto complete = withDefaults(std::move(configuration));
+  std::error_code error;
+  (void)std::filesystem::absolute(complete->documentsDirectory, error);
+  if (error) {
+    throw std::invalid_argument(
+        "Configuration::documentsDirectory is relative, and there is no working directory");
+  }
   platform::setDocumentsDirectory(complete->documentsDirectory);
   configured.store(std::move(complete));
 }

@@ -5,6 +5,7 @@
 #include "Marbleway/Host.h"
 #include "Marbleway/core/state.h"
 #include "Marbleway/platform/cancellation.h"
+#include "Marbleway/platform/busy_budget.h"
 #include "Marbleway/platform/catch_all.h"
 #include "Marbleway/platform/fork.h"
 
@@ -22,6 +23,7 @@ void operation(Body&& body) noexcept {
   if (platform::isUnusableChild()) return;
   const platform::CancellationDeferred deferred;
   if (isPerformanceMonitoringEnabled && !isThreadWatched) watchThread();
+  const BusyBudget budget;
   catchAll(std::forward<Body>(body));
 }
 

@@ -77,7 +77,9 @@ std::string documentsDirectory() {
 
 void setDocumentsDirectory(const std::filesystem::path& directory) {
   if (directory.empty()) return chosenDocuments.store(std::nullopt);
-  chosenDocuments.store(std::filesystem::absolute(directory));
+  auto absolute = std::filesystem::absolute(directory);
+  if (!absolute.has_filename()) absolute = absolute.parent_path();  // a "/" at the end
+  chosenDocuments.store(absolute);
 }
 
 }  // namespace marbleway::platform

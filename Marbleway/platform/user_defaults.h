@@ -8,21 +8,26 @@
 
 namespace marbleway::platform {
 
-/// Texts and flags kept between launches. Thread: any.
+/// Texts and flags that outlive the process. Thread: any.
 class MARBLEWAY_EXPORT UserDefaults {
  public:
   virtual ~UserDefaults() = default;
   /// Absent when there is no text under `key`.
   virtual std::optional<std::string> text(std::string_view key) = 0;
-  /// Keeps a text in the place of what was there.
+  /// Stores a text in the place of what was there.
   virtual void setText(std::string_view key, std::string_view text) = 0;
-  /// Keeps a flag in the place of what was there.
+  /// Stores a flag in the place of what was there.
   virtual void setFlag(std::string_view key, bool flag) = 0;
-  /// Forgets what was there.
+  /// Removes what was there.
   virtual void remove(std::string_view key) = 0;
   /// Writes out what has changed, if anything has; a failure is silent and leaves it to be written
   /// by the next call.
   virtual void synchronize() = 0;
+  /// Stores a text unless there is one. Where processes share the settings, `synchronize` gives up
+  /// this text for one that another process has stored first; the default does not look for one.
+  virtual void setTextIfMissing(std::string_view key, std::string_view value) {
+    if (!text(key)) setText(key, value);
+  }
 };
 
 }  // namespace marbleway::platform

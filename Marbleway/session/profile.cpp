@@ -10,15 +10,15 @@
 namespace marbleway {
 namespace {
 
-// The text under `key`; a missing one is created and stored.
+// The text under `key`; a missing one is created and stored, unless another process was first.
 template <class Create>
 std::string loadOrCreate(std::string_view key, Create create) {
   const auto defaults = platform::current()->userDefaults;
   if (auto text = defaults->text(key)) return *text;
-  std::string created = create();
-  defaults->setText(key, created);
+  const std::string created = create();
+  defaults->setTextIfMissing(key, created);
   defaults->synchronize();
-  return defaults->text(key).value_or(created);  // another process may have been first
+  return defaults->text(key).value_or(created);
 }
 
 }  // namespace

@@ -4,6 +4,7 @@
 #include "Marbleway/core/operation.h"
 #include "Marbleway/core/pending.h"
 #include "Marbleway/core/state.h"
+#include "Marbleway/platform/busy_budget.h"
 #include "Marbleway/platform/fork.h"
 #include "Marbleway/platform/platform.h"
 #include "Marbleway/session/crash.h"
@@ -59,6 +60,7 @@ void Marbleway::initMarbleway(Text projectToken) noexcept {
 void Marbleway::initMarbleway(Text projectToken, const Dictionary& options) noexcept {
   if (!platform::startRecording()) return;
   platform::resetInChild([] { operation(resetAfterFork); });
+  const BusyBudget budget;  // shared by all steps
   operation([] { SessionStartTime.store(getUTCTimeStamp()); });
   operation([] { beginSession(); });
   isSDKValid = true;

@@ -6,6 +6,7 @@
 #include "Marbleway/core/console.h"
 #include "Marbleway/core/pending.h"
 #include "Marbleway/core/state.h"
+#include "Marbleway/platform/busy_budget.h"
 #include "Marbleway/platform/catch_all.h"
 #include "Marbleway/platform/guarded.h"
 #include "Marbleway/platform/platform.h"
@@ -19,6 +20,7 @@ constexpr int kMaxInFlight = 4;
 constinit Guarded<int> batchesInFlight;
 
 void acknowledge(const CutOffs& cutOffs) {
+  const BusyBudget budget;
   console::message("Data Upload Complete");
   for (std::size_t i = 0; i < cutOffs.size(); ++i) removeUpTo(kTables[i], cutOffs.at(i));
 }

@@ -4,7 +4,6 @@
 #include <array>
 #include <cstdlib>
 #include <fstream>
-#include <mutex>
 
 #include "Marbleway/platform/fork.h"
 #include "Marbleway/platform/linux/services.h"
@@ -17,7 +16,7 @@ namespace {
 /// A new UUID, in upper case.
 std::string newUUID() {
   uuid_t bytes;
-  uuid_generate(bytes);
+  uuid_generate_random(bytes);
   std::array<char, UUID_STR_LEN> text{};
   uuid_unparse_upper(bytes, text.data());
   return text.data();
@@ -41,16 +40,12 @@ class LinuxDevice final : public Device {
   std::string vendorIdentifier() override {
     constexpr std::string_view kKey = "Marbleway_VendorID";
     const auto defaults = platform::current()->userDefaults;
-    if (auto kept = defaults->text(kKey)) return *kept;
+    if (auto stored = defaults->text(kKey)) return *stored;
 
-    // Threads that come here at once keep the same new one.
-    {
-      const ForkSection section;
-      std::call_once(isMade_, [this] { vendorIdentifier_ = newUUID(); });
-    }
-    defaults->setText(kKey, vendorIdentifier_);
+    const std::string created = newIdentifier();
+    defaults->setTextIfMissing(kKey, created);
     defaults->synchronize();
-    return defaults->text(kKey).value_or(vendorIdentifier_);  // another process may have been first
+    return defaults->text(kKey).value_or(created);
   }
 
   std::string advertisingIdentifier() override { return {}; }
@@ -62,11 +57,18 @@ class LinuxDevice final : public Device {
 
   std::string model() override { return kernel().machine; }
 
-  std::string timeZone() override { return timeZoneName(std::getenv("TZ")); }
+  std::string timeZone() override { return timeZoneName(secure_getenv("TZ")); }
 
   std::string newIdentifier() override { return newUUID(); }
 
-  std::uint32_t randomBelow(std::uint32_t bound) override { return arc4random_uniform(bound); }
+  // From a UUID's random bytes: the C library's own numbers end a process that is denied getrandom.
+  std::uint32_t randomBelow(std::uint32_t bound) override {
+    uuid_t bytes;
+    uuid_generate_random(bytes);
+    std::uint64_t random = 0;  // without the bytes 6 to 8, which hold the version and the variant
+    for (const std::size_t i : {0, 1, 2, 3, 4, 5, 9, 10}) random = random << 8U | bytes[i];
+    return static_cast<std::uint32_t>(random % bound);
+  }
 
  private:
   static utsname kernel() {
@@ -74,9 +76,6 @@ class LinuxDevice final : public Device {
     uname(&facts);
     return facts;
   }
-
-  std::once_flag isMade_;
-  std::string vendorIdentifier_;
 };
 
 class SystemClock final : public Clock {

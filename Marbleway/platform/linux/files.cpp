@@ -7,9 +7,11 @@
 
 #include <array>
 #include <cerrno>
-#include <chrono>
+#include <cstdio>
 #include <thread>
 
+#include "Marbleway/platform/busy_budget.h"
+#include "Marbleway/platform/paths.h"
 #include "Marbleway/platform/write_guard.h"
 
 namespace marbleway::platform {
@@ -35,22 +37,9 @@ int openDirectory(const std::filesystem::path& directory) {
   return ::open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
 }
 
-/// Not by waiting in the system, which has no end: by asking again and again.
-bool lockSoon(int descriptor) {
-  using Clock = std::chrono::steady_clock;
-  constexpr std::chrono::seconds kBusyTimeout{2};
-  constexpr std::chrono::milliseconds kRetryInterval{1};
-  const auto deadline = Clock::now() + kBusyTimeout;
-  while (flock(descriptor, LOCK_EX | LOCK_NB) != 0) {
-    if ((errno != EWOULDBLOCK && errno != EINTR) || Clock::now() >= deadline) return false;
-    std::this_thread::sleep_for(kRetryInterval);
-  }
-  return true;
-}
-
 bool fill(const Descriptor& file, std::string_view bytes) {
-  return fchmod(file.number(), S_IRUSR | S_IWUSR) == 0 && ftruncate(file.number(), 0) == 0 &&
-         writeAll(file.number(), bytes) && fsync(file.number()) == 0;
+  return fchmod(file.number(), S_IRUSR | S_IWUSR) == 0 && writeAll(file.number(), bytes) &&
+         fsync(file.number()) == 0;
 }
 
 bool syncDirectory(const std::filesystem::path& directory) {
@@ -70,7 +59,7 @@ bool writeAll(int descriptor, std::string_view bytes) noexcept {
   return true;
 }
 
-FileContent readFile(const std::filesystem::path& file) {
+FileContent readFile(const std::filesystem::path& file, std::size_t maxBytes) {
   using State = FileContent::State;
   // A pipe in the file's place is opened without waiting for its other end.
   const Descriptor source(::open(file.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
@@ -86,24 +75,39 @@ FileContent readFile(const std::filesystem::path& file) {
     if (got < 0) return {};
     if (got == 0) return content;
     content.bytes.append(block.data(), static_cast<std::size_t>(got));
+    if (content.bytes.size() > maxBytes) return {State::tooLarge, {}};
   }
 }
 
 DirectoryLock::DirectoryLock(const std::filesystem::path& directory)
-    : directory_(openDirectory(directory)), isHeld_(directory_ >= 0 && lockSoon(directory_)) {}
+    : directory_(openDirectory(directory)), state_(lock(directory_)) {}
+
+// Asks again and again: a wait in the system would have no end.
+DirectoryLock::State DirectoryLock::lock(int directory) {
+  if (directory < 0) return State::unsupported;
+  const BusyBudget budget;
+  while (flock(directory, LOCK_EX | LOCK_NB) != 0) {
+    if (errno == EINTR) continue;
+    if (errno != EWOULDBLOCK) return State::unsupported;
+    if (!BusyBudget::wait([](auto interval) { std::this_thread::sleep_for(interval); })) {
+      return State::busy;
+    }
+  }
+  return State::held;
+}
 
 DirectoryLock::~DirectoryLock() {
-  // In so many words: a child of a fork has the descriptor too, and keeps it open.
-  if (isHeld_) flock(directory_, LOCK_UN);
+  // Closing is not enough: a child of a fork has the descriptor too.
+  if (isHeld()) flock(directory_, LOCK_UN);
   if (directory_ >= 0) ::close(directory_);
 }
 
 bool replaceFile(const std::filesystem::path& file, std::string_view bytes) {
   const WriteGuard guard(WriteGuard::Into::file);
-  // Always the same name: what a killed process leaves there, the next writing takes away.
   const std::filesystem::path name = std::filesystem::path(file) += ".new";
-  const Descriptor temporary(
-      ::open(name.c_str(), O_WRONLY | O_CREAT | O_NOFOLLOW | O_CLOEXEC, S_IRUSR | S_IWUSR));
+  ::unlink(name.c_str());  // left by a process that was killed
+  const Descriptor temporary(::open(
+      name.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, S_IRUSR | S_IWUSR));
   if (!temporary.isOpen()) return false;
 
   if (!fill(temporary, bytes) || ::rename(name.c_str(), file.c_str()) != 0) {
@@ -111,6 +115,36 @@ bool replaceFile(const std::filesystem::path& file, std::string_view bytes) {
     return false;
   }
   return syncDirectory(file.parent_path());
+}
+
+FileKind kindOf(const char* name) noexcept {
+  struct stat facts {};
+  if (lstat(name, &facts) != 0) return FileKind::missing;
+  if (!S_ISREG(facts.st_mode)) return FileKind::other;
+  return facts.st_size > 0 ? FileKind::filled : FileKind::empty;
+}
+
+void createFile(const std::filesystem::path& file,
+                const std::function<bool(const std::string& unfinished)>& fill) {
+  const DirectoryLock directory(file.parent_path());
+  if (directory.isBusy() || kindOf(file.c_str()) != FileKind::missing) return;
+  const std::string unfinished = file.string() + "-new";
+  const auto remove = [&] {
+    for (const char* suffix : {"", "-journal"}) ::unlink((unfinished + suffix).c_str());
+  };
+  if (directory.isHeld()) remove();
+  {
+    const Descriptor created(::open(unfinished.c_str(),
+                                    O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC,
+                                    S_IRUSR | S_IWUSR));
+    if (!created.isOpen()) return;
+    (void)fchmod(created.number(), S_IRUSR | S_IWUSR);  // the umask may have taken more away
+  }
+  // Neither replaces a file; the second is for file systems without links.
+  if (fill(unfinished) && ::link(unfinished.c_str(), file.c_str()) != 0) {
+    (void)renameat2(AT_FDCWD, unfinished.c_str(), AT_FDCWD, file.c_str(), RENAME_NOREPLACE);
+  }
+  remove();
 }
 
 }  // namespace marbleway::platform

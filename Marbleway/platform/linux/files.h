@@ -10,36 +10,41 @@ namespace marbleway::platform {
 /// False when a part could not be written. Async-signal-safe.
 bool writeAll(int descriptor, std::string_view bytes) noexcept;
 
-/// What a look at a regular file brought.
+/// The content of a regular file.
 struct FileContent {
-  enum class State { read, missing, unavailable };
-  State state = State::unavailable;  // which it is for anything but a regular file, too
-  std::string bytes;
+  /// `unavailable`: not readable now, or no regular file.
+  enum class State { read, missing, tooLarge, unavailable };
+  State state = State::unavailable;
+  std::string bytes{};
 };
-FileContent readFile(const std::filesystem::path& file);
+FileContent readFile(const std::filesystem::path& file, std::size_t maxBytes);
 
-/// The right to change the files of a directory: of all who ask for it, one at a time has it, in
-/// this process or another. It ends with this object, or with the process; a child that the process
-/// forks meanwhile has no share in it.
+/// The lock on a directory's files: one holder at a time, in this process or another. It ends with
+/// this object, or with the process; a child of a fork has no share in it.
 class DirectoryLock {
  public:
-  /// Waits two seconds at most, in naps of a millisecond: behind a process that is stuck with it,
-  /// or where the file system knows no such right, it is then not had.
+  /// Waits at most as long as the thread's `BusyBudget` allows.
   explicit DirectoryLock(const std::filesystem::path& directory);
   DirectoryLock(const DirectoryLock&) = delete;
   DirectoryLock& operator=(const DirectoryLock&) = delete;
   ~DirectoryLock();
 
-  bool isHeld() const { return isHeld_; }
+  /// True when another holder did not release it in time. False where the directory is missing, or
+  /// its file system has no locks: then nothing is locked.
+  bool isBusy() const { return state_ == State::busy; }
+  bool isHeld() const { return state_ == State::held; }
 
  private:
+  enum class State { held, busy, unsupported };
+  static State lock(int directory);
+
   const int directory_;
-  const bool isHeld_;
+  const State state_;
 };
 
-/// Puts a file of these bytes, mode 0600, in the place of `file`: a process killed meanwhile, or
-/// power lost, leaves the old file or the new one. False when that failed; then it leaves no
-/// temporary file. `file` is absolute, and the caller holds its directory's lock.
+/// Replaces `file` by one of these bytes, mode 0600: a process killed meanwhile, or power lost,
+/// leaves the old file or the new one. False when that failed; then no temporary file is left.
+/// `file` is absolute, and the caller holds its directory's lock.
 bool replaceFile(const std::filesystem::path& file, std::string_view bytes);
 
 }  // namespace marbleway::platform

@@ -15,9 +15,10 @@
 namespace marbleway::platform {
 namespace {
 
-/// The path in the environment variable `name`; empty unless it is absolute.
+/// The path in the environment variable `name`; empty unless it is absolute, and in a set-uid
+/// program, whose caller sets the environment.
 std::filesystem::path absolutePathIn(const char* name) {
-  const char* text = std::getenv(name);
+  const char* text = secure_getenv(name);
   if (text == nullptr || *text != '/') return {};
   return text;
 }

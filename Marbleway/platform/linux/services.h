@@ -19,20 +19,22 @@ namespace marbleway::platform {
 /// Settings in a JSON file, mode 0600, replaced whole. An empty path stands for
 /// "user-defaults.json" in the documents directory, resolved when the settings are first used.
 ///
-/// A file that holds no JSON object is kept aside as "<file>.unreadable". One that cannot be read
-/// now is left alone: values live in memory, and join the file's once it can be read.
+/// A file that holds no JSON object, or is larger than 1 MiB, is renamed to "<file>.unreadable".
+/// One that cannot be read now is left alone: values stay in memory, and are merged with the file's
+/// once it can be read.
 ///
-/// Processes share a file: each writes its own changes into what the others have written, one at a
-/// time by a lock on the directory. While one is stuck with that lock, the others wait two seconds
-/// at each writing, write nothing, and run on with values in memory. A text that was asked for,
-/// missing, and then set yields to one that the file turns out to hold: identifiers are made once.
+/// Processes may share a file: `synchronize` locks the directory, reads the file, applies this
+/// process's changes and replaces it. While another process holds the lock for longer than a call
+/// may wait, nothing is written and the changes stay in memory.
 std::shared_ptr<UserDefaults> makeFileDefaults(const std::filesystem::path& file = {});
 
-/// The vendor identifier is kept in the user defaults under "Marbleway_VendorID"; there is no
+/// The vendor identifier is stored in the user defaults under "Marbleway_VendorID"; there is no
 /// advertising identifier.
 std::shared_ptr<Device> makeLinuxDevice();
 
-/// Each line goes to standard error in one `write`; a closed pipe raises no signal.
+/// Each line goes to standard error, as it is when this is called, in one `write`. A line that
+/// would have to wait is lost; a line for a pipe longer than its room may be cut. A closed pipe
+/// raises no signal. Once the descriptor refers to something else, lines go nowhere.
 std::shared_ptr<Console> makeStandardError();
 
 std::shared_ptr<Clock> makeSystemClock();

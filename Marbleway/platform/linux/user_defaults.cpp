@@ -1,9 +1,6 @@
-#include <chrono>
 #include <cstdio>
 #include <map>
 #include <mutex>
-#include <set>
-#include <thread>
 #include <utility>
 
 #include "Marbleway/platform/fork.h"
@@ -15,46 +12,49 @@
 namespace marbleway::platform {
 namespace {
 
-/// What a settings file held when it was read.
-struct Settings {
-  bool areThere = false;
-  Dictionary members;
-};
+constexpr std::size_t kMaxFileBytes = 1 << 20;
 
 class FileDefaults final : public UserDefaults {
  public:
-  explicit FileDefaults(std::filesystem::path file) : file_(std::move(file)) {}
+  explicit FileDefaults(std::filesystem::path file)
+      : isInDocuments_(file.empty()), file_(std::move(file)) {}
 
   std::optional<std::string> text(std::string_view key) override {
     const std::scoped_lock lock(mutex_);
     load();
     const Value* value = find(key);
-    if (value == nullptr) askedInVain_.emplace(key);
     const auto* text = value != nullptr ? value->as<std::string>() : nullptr;
     return text != nullptr ? std::optional(*text) : std::nullopt;
   }
-  void setText(std::string_view key, std::string_view text) override { set(key, Value(text)); }
-  void setFlag(std::string_view key, bool flag) override { set(key, Value(flag)); }
-  void remove(std::string_view key) override { set(key, std::nullopt); }
+  void setText(std::string_view key, std::string_view text) override {
+    set(key, {.value = Value(text)});
+  }
+  void setFlag(std::string_view key, bool flag) override { set(key, {.value = Value(flag)}); }
+  void remove(std::string_view key) override { set(key, {}); }
+
+  void setTextIfMissing(std::string_view key, std::string_view text) override {
+    const std::scoped_lock lock(mutex_);
+    load();
+    const Value* value = find(key);
+    if (value != nullptr && value->as<std::string>() != nullptr) return;
+    // A key that this process has changed is missing by its own will, whatever the file holds.
+    const bool yields = !changes_.contains(key);
+    changes_.insert_or_assign(std::string(key), Change{.value = Value(text), .yields = yields});
+  }
 
   void synchronize() override {
-    const std::scoped_lock writing(writing_);
+    const std::scoped_lock turn(turnMutex_);
     if (!hasChanges()) return;
-    if (file_.parent_path() == documentsDirectory()) makeDocumentsDirectory();
-    // Who waits for the directory looks once in a millisecond, and gets it now.
-    std::this_thread::sleep_until(lastWriting_ + kCourtesy);
+    if (isInDocuments_) makeDocumentsDirectory();
     const DirectoryLock directory(file_.parent_path());
-    if (!directory.isHeld()) return;
-    write();
-    lastWriting_ = std::chrono::steady_clock::now();
+    if (!directory.isBusy()) write();
   }
 
  private:
   struct Change {
-    std::optional<Value> value;  // absent: removed
-    bool isMadeUp = false;       // for want of a text that was asked for
+    std::optional<Value> value{};  // absent: removed
+    bool yields = false;           // to a text that the file turns out to hold
   };
-  static constexpr std::chrono::milliseconds kCourtesy{2};
 
   bool hasChanges() {
     const std::scoped_lock lock(mutex_);
@@ -62,64 +62,61 @@ class FileDefaults final : public UserDefaults {
     return isLoaded_ && !changes_.empty();
   }
 
-  /// Reads the file, once; as often as it takes when that is not possible.
+  /// Reads the file once. A file that cannot be read now is tried again by the next call.
   void load() {
     if (isLoaded_) return;
     if (file_.empty()) file_ = std::filesystem::path(documentsDirectory()) / "user-defaults.json";
-    (void)refresh(false);
-  }
-
-  /// Takes over what the file holds now, below the changes of this process, and hands it out;
-  /// absent when that cannot be told. Once the file has been read, what it held outlives it.
-  std::optional<Settings> refresh(bool isLocked) {
-    auto settings = read(isLocked);
-    if (!settings) return settings;
-    isLoaded_ = true;
-    if (settings->areThere) stored_ = settings->members;
-    std::erase_if(changes_, [this](const auto& change) {
-      return change.second.isMadeUp && stored_.find(change.first) != nullptr;
-    });
-    return settings;
-  }
-
-  std::optional<Settings> read(bool isLocked) const {
-    const FileContent content = readFile(file_);
-    if (content.state == FileContent::State::unavailable) return std::nullopt;
-    if (content.state == FileContent::State::missing) return Settings();
-    const std::optional<Value> value = valueFromJSON(content.bytes);
-    if (const auto* members = value ? value->as<Dictionary>() : nullptr)
-      return Settings{true, *members};
-    return isLocked ? setAside() : readLocked();
-  }
-
-  /// Another process may have put a sound file there meanwhile.
-  std::optional<Settings> readLocked() const {
+    if (refresh() || !isMalformed_) return;
     const DirectoryLock directory(file_.parent_path());
-    return directory.isHeld() ? read(true) : std::nullopt;
+    if (!directory.isBusy()) refreshLocked();
   }
 
-  std::optional<Settings> setAside() const {
+  /// Reads what the file holds now into `stored_`; a missing file leaves it as it was. False when
+  /// the file cannot be read, or is malformed.
+  bool refresh() {
+    const FileContent content = readFile(file_, kMaxFileBytes);
+    isMalformed_ = false;
+    if (content.state == FileContent::State::unavailable) return false;
+    if (content.state != FileContent::State::missing) {
+      std::optional<Value> value;
+      if (content.state == FileContent::State::read) value = valueFromJSON(content.bytes);
+      const auto* members = value ? value->as<Dictionary>() : nullptr;
+      isMalformed_ = members == nullptr;
+      if (isMalformed_) return false;
+      stored_ = *members;
+    }
+    isThere_ = content.state == FileContent::State::read;
+    isLoaded_ = true;
+    std::erase_if(changes_, [this](const auto& change) {
+      const Value* found = change.second.yields ? stored_.find(change.first) : nullptr;
+      return found != nullptr && found->template as<std::string>() != nullptr;
+    });
+    return true;
+  }
+
+  /// The same, with the directory locked: a malformed file is set aside.
+  bool refreshLocked() {
+    if (refresh()) return true;
+    if (!isMalformed_) return false;
     const std::filesystem::path aside = std::filesystem::path(file_) += ".unreadable";
-    if (std::rename(file_.c_str(), aside.c_str()) != 0) return std::nullopt;
-    return Settings();
+    return std::rename(file_.c_str(), aside.c_str()) == 0 && refresh();
   }
 
-  /// What this process has changed, applied to what the file holds now. The directory is locked.
+  /// Applies the changes of this process to what the file holds now. The directory is locked.
   void write() {
     const std::scoped_lock lock(mutex_);
-    const auto before = refresh(true);
-    if (!before) return;
+    if (!refreshLocked()) return;
     Dictionary settings = present();
-    if (settings != before->members && !replaceFile(file_, toJSON(settings).value())) return;
+    const bool isSame = settings == (isThere_ ? stored_ : Dictionary());
+    if (!isSame && !replaceFile(file_, toJSON(settings).value())) return;
     stored_ = std::move(settings);
     changes_.clear();
   }
 
-  void set(std::string_view key, std::optional<Value> value) {
+  void set(std::string_view key, Change change) {
     const std::scoped_lock lock(mutex_);
     load();
-    const bool isMadeUp = askedInVain_.erase(std::string(key)) > 0 && value.has_value();
-    changes_.insert_or_assign(std::string(key), Change{std::move(value), isMadeUp});
+    changes_.insert_or_assign(std::string(key), std::move(change));
   }
 
   /// Null when there is none.
@@ -141,15 +138,16 @@ class FileDefaults final : public UserDefaults {
     return settings;
   }
 
-  ForkSafeMutex writing_;  // one thread at a time waits for the directory; the others wait for that
-  std::chrono::steady_clock::time_point lastWriting_{};
+  const bool isInDocuments_;
+  ForkSafeMutex turnMutex_;  // one thread at a time waits for the directory
 
-  ForkSafeMutex mutex_;  // on what follows; held while the file is read and written
+  ForkSafeMutex mutex_;  // guards what follows; held while the file is read and written
   std::filesystem::path file_;
   bool isLoaded_ = false;
+  bool isThere_ = false;                                // the file, when it was last read
+  bool isMalformed_ = false;                            // no JSON object, or too large
   Dictionary stored_;                                   // what the file held when it was last read
   std::map<std::string, Change, std::less<>> changes_;  // what this process has changed since
-  std::set<std::string, std::less<>> askedInVain_;
 };
 
 }  // namespace
