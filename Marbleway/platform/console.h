@@ -6,7 +6,7 @@
 
 namespace marbleway::platform {
 
-/// Where the library's lines go. Called on whichever thread has something to say, several at once.
+/// Where the library's lines go. Called on any thread, several at once.
 class MARBLEWAY_EXPORT Console {
  public:
   virtual ~Console() = default;
