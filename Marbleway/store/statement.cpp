@@ -2,71 +2,148 @@
 
 #include <sqlite3.h>
 
-#include <algorithm>
 #include <atomic>
+#include <condition_variable>
+#include <mutex>
 #include <string>
 #include <utility>
 
+#include "Marbleway/platform/busy_budget.h"
 #include "Marbleway/platform/fork.h"
+#include "Marbleway/platform/guarded.h"
 #include "Marbleway/platform/platform.h"
 #include "Marbleway/platform/utf8.h"
+#include "Marbleway/store/file_system.h"
 
 namespace marbleway {
 namespace {
 
 using std::chrono::steady_clock;
 
-constexpr std::chrono::seconds kBusyTimeout{2};
-constexpr std::chrono::milliseconds kRetryInterval{1};
 constexpr int kPieceBytes = 64 * 1024;
 
-constinit std::atomic<int> waitingFiles{0};  // open ones that have had to wait
+constinit std::atomic<int> waitingFiles{0};  // connections that have had to wait
+/// The open connections.
+struct Openings {
+  std::mutex mutex;
+  std::condition_variable changed;
+  int open = 0;
+  bool isPrepared = false;
+  bool areSerial = false;  // SQLite has no mutexes: one connection at a time
+};
+
+Openings& openings() {
+  static NoDestructor<Openings> counting;
+  return counting.value;
+}
+
+// A host may have configured SQLite for one thread; then no connection has a mutex.
+bool hasNoMutexes() {
+  sqlite3* probe = nullptr;
+  constexpr int kFlags = SQLITE_OPEN_READWRITE | SQLITE_OPEN_MEMORY | SQLITE_OPEN_FULLMUTEX;
+  const int result = sqlite3_open_v2(":memory:", &probe, kFlags, kStoreFileSystem);
+  const bool isMissing = result != SQLITE_OK || sqlite3_db_mutex(probe) == nullptr;
+  sqlite3_close(probe);
+  return isMissing;
+}
+
+// False when another connection did not make room in time.
+bool beginOpening() {
+  Openings& all = openings();
+  std::unique_lock lock(all.mutex);
+  if (!all.isPrepared) {
+    registerStoreFileSystem();
+    all.areSerial = hasNoMutexes();
+    all.isPrepared = true;
+  }
+  const bool isAlone = all.changed.wait_for(lock, BusyBudget::kBusyTimeout,
+                                            [&] { return !all.areSerial || all.open == 0; });
+  if (isAlone) ++all.open;
+  return isAlone;
+}
+
+void endOpening() {
+  Openings& all = openings();
+  const std::scoped_lock lock(all.mutex);
+  --all.open;
+  if (all.areSerial) all.changed.notify_all();
+}
 
 }  // namespace
 
-StoreFile::StoreFile(const std::string& path, IfMissing ifMissing) {
-  if (!platform::mayRecord()) return;
-  // Who waits looks once in a millisecond; a thread that closes and opens would always be first.
-  if (waitingFiles > 0) sqlite3_sleep(kRetryInterval.count());
-  // One thread uses the connection, so it needs no lock of its own.
-  const int flags = SQLITE_OPEN_READWRITE | SQLITE_OPEN_NOMUTEX |
-                    (ifMissing == IfMissing::create ? SQLITE_OPEN_CREATE : 0);
-  if (sqlite3_open_v2(path.c_str(), &connection_, flags, nullptr) != SQLITE_OK) {
+void unregisterStores() noexcept {
+  const platform::ForkSection section;
+  const std::scoped_lock lock(openings().mutex);
+  if (openings().open > 0 || !openings().isPrepared) return;
+  unregisterStoreFileSystem();
+  openings().isPrepared = false;
+}
+
+StoreFile::StoreFile(const std::string& path, std::chrono::milliseconds limit)
+    : limit_(limit), isCounted_(platform::mayRecord() && beginOpening()) {
+  if (!isCounted_) return;
+  // A waiting thread tries once in a millisecond; without this pause a thread that closes and
+  // opens at once would always be first.
+  if (waitingFiles > 0) sqlite3_sleep(BusyBudget::kRetryInterval.count());
+  // One thread uses the connection, so it needs no mutex of its own.
+  constexpr int kFlags = SQLITE_OPEN_READWRITE | SQLITE_OPEN_NOMUTEX;
+  if (sqlite3_open_v2(path.c_str(), &connection_, kFlags, kStoreFileSystem) != SQLITE_OK) {
     sqlite3_close(std::exchange(connection_, nullptr));
     return;
   }
   sqlite3_busy_handler(connection_, &StoreFile::busyHandler, this);
+  if (limit_ == kUnlimited) return;
+  constexpr int kInstructions = 1000;  // some 50 µs
+  deadline_ = steady_clock::now() + limit_;
+  sqlite3_progress_handler(connection_, kInstructions, &StoreFile::isOverdue, this);
 }
 
 StoreFile::~StoreFile() {
   sqlite3_close(connection_);
-  if (waited_ > waited_.zero()) --waitingFiles;
+  if (isWaiting_) --waitingFiles;
+  if (isCounted_) endOpening();
 }
 
-// Short naps: with SQLite's own, ever longer ones, eight busy threads starve each other.
+// Constant intervals: with SQLite's own, growing ones, eight busy threads starve each other.
 int StoreFile::busyHandler(void* file, int /*calls*/) {
   auto& self = *static_cast<StoreFile*>(file);
-  if (self.waited_ >= kBusyTimeout) return 0;
-  if (self.waited_ == self.waited_.zero()) ++waitingFiles;
-  const auto start = steady_clock::now();
-  sqlite3_sleep(kRetryInterval.count());
-  // A nap that returns early counts in full, so that their number has an end too.
-  self.waited_ += std::max<steady_clock::duration>(steady_clock::now() - start, kRetryInterval);
-  return 1;
+  if (!std::exchange(self.isWaiting_, true)) ++waitingFiles;
+  const bool mayRetry =
+      BusyBudget::wait([](auto interval) { sqlite3_sleep(static_cast<int>(interval.count())); });
+  if (self.limit_ != kUnlimited) self.deadline_ = steady_clock::now() + self.limit_;
+  return mayRetry ? 1 : 0;
 }
+
+int StoreFile::isOverdue(void* file) {
+  return steady_clock::now() > static_cast<StoreFile*>(file)->deadline_ ? 1 : 0;
+}
+
+void StoreFile::pauseForOthers() { sqlite3_sleep(2 * BusyBudget::kRetryInterval.count()); }
 
 bool StoreFile::execute(const char* sql) {
   return connection_ != nullptr &&
          sqlite3_exec(connection_, sql, nullptr, nullptr, nullptr) == SQLITE_OK;
 }
 
-Statement::Statement(const std::string& path, const char* sql, Journal journal) : file_(path) {
-  if (file_.connection_ == nullptr) return;
+Statement::Statement(const std::string& path, const char* sql, Journal journal)
+    : file_(path, StoreFile::kUnlimited) {
   if (journal == Journal::persistent) {
-    if (!file_.execute("BEGIN IMMEDIATE;PRAGMA journal_mode=PERSIST")) return;
-    isTransaction_ = true;
+    isTransaction_ = file_.execute("BEGIN IMMEDIATE");
+    if (!isTransaction_) return;
+    file_.execute("PRAGMA journal_mode=PERSIST");  // a store in another mode stays in it
   }
-  sqlite3_prepare_v2(file_.connection_, sql, -1, &statement_, nullptr);
+  prepare(sql);
+}
+
+Statement::Statement(const std::string& path, const char* sql, std::chrono::milliseconds limit)
+    : file_(path, limit) {
+  prepare(sql);
+}
+
+void Statement::prepare(const char* sql) {
+  if (file_.connection_ != nullptr) {
+    sqlite3_prepare_v2(file_.connection_, sql, -1, &statement_, nullptr);
+  }
 }
 
 Statement::~Statement() {
@@ -83,7 +160,7 @@ void Statement::bind(int index, const Text& text) {
                          // A null pointer would bind NULL, and an empty text may have one.
                          : sqlite3_bind_text64(statement_, index, bytes.empty() ? "" : bytes.data(),
                                                bytes.size(), SQLITE_TRANSIENT, SQLITE_UTF8);
-  // A row that lacks one of its texts would tell what was not so.
+  // A row without one of its texts would be a false one.
   if (result != SQLITE_OK) sqlite3_finalize(std::exchange(statement_, nullptr));
 }
 
@@ -91,6 +168,7 @@ bool Statement::step() {
   const int result = statement_ != nullptr ? sqlite3_step(statement_) : SQLITE_MISUSE;
   isDone_ = result == SQLITE_DONE;
   isRowTooLong_ = result == SQLITE_TOOBIG;
+  isOverdue_ = result == SQLITE_INTERRUPT;
   return result == SQLITE_ROW;
 }
 
@@ -143,6 +221,10 @@ bool LongRow::read(std::string_view column,
     start += static_cast<int>(piece.size());
   }
   return true;
+}
+
+std::int64_t Statement::integer64(int index) const {
+  return sqlite3_column_int64(statement_, index);
 }
 
 }  // namespace marbleway

@@ -7,6 +7,7 @@
 #include <string>
 #include <string_view>
 
+#include "Marbleway/platform/busy_budget.h"
 #include "Marbleway/platform/fork.h"
 #include "Marbleway/platform/value.h"
 #include "Marbleway/platform/write_guard.h"
@@ -18,13 +19,14 @@ struct sqlite3_stmt;
 namespace marbleway {
 
 /// One connection to a store's file, for one statement or one schema. A file that another
-/// connection holds is waited for, two seconds at most in the connection's whole life. Every
-/// failure is silent: what is then asked of the connection does nothing.
+/// connection holds is waited for, as long as the call's `BusyBudget` allows. Every failure is
+/// silent: the connection then does nothing.
 class StoreFile {
  public:
-  enum class IfMissing { fail, create };
+  static constexpr std::chrono::milliseconds kUnlimited = std::chrono::milliseconds::max();
 
-  explicit StoreFile(const std::string& path, IfMissing ifMissing = IfMissing::fail);
+  /// A statement that holds the store longer than `limit` is rolled back.
+  explicit StoreFile(const std::string& path, std::chrono::milliseconds limit = kUnlimited);
   StoreFile(const StoreFile&) = delete;
   StoreFile& operator=(const StoreFile&) = delete;
   ~StoreFile();
@@ -32,28 +34,38 @@ class StoreFile {
   /// Runs `sql` to its end; false when any of it failed.
   bool execute(const char* sql);
 
+  /// Sleeps long enough for a waiting connection to get the store.
+  static void pauseForOthers();
+
  private:
   friend class Statement;
   friend class LongRow;
   static int busyHandler(void* file, int calls);
+  static int isOverdue(void* file);
 
-  platform::ForkSection section_;                                 // SQLite's locks are held in it
-  platform::WriteGuard guard_{platform::WriteGuard::Into::file};  // outlives the connection
+  const platform::ForkSection section_;                                 // SQLite's locks are held in it
+  const BusyBudget budget_;
+  const platform::WriteGuard guard_{platform::WriteGuard::Into::file};  // outlives the connection
+  const std::chrono::milliseconds limit_;
+  const bool isCounted_;           // among the open connections
+  bool isWaiting_ = false;         // counted as one that has had to wait
   sqlite3* connection_ = nullptr;  // null when it could not be opened
-  std::chrono::steady_clock::duration waited_{};
+  std::chrono::steady_clock::time_point deadline_{};
 };
 
-/// One SQL statement on a file of its own: opened and prepared by the constructor, finalized and
-/// closed by the destructor.
+/// One SQL statement on a connection of its own: opened and prepared by the constructor, finalized
+/// and closed by the destructor.
 class Statement {
  public:
-  /// How a commit ends the journal: by deleting it, or by clearing its head and keeping the file,
-  /// which is as safe and faster, and for rows, whose journals are small. A kept journal is looked
-  /// at each time the file is locked, so a statement that keeps it locks once: it is a transaction
-  /// from its preparation on, which the destructor commits once it has been stepped to its end.
+  /// How a commit ends the journal. `deleted` removes the file. `persistent` clears its head: as
+  /// safe, and faster. A persistent journal is read each time the file is locked, so that such a
+  /// statement locks once: it begins a transaction before it is prepared, and the destructor
+  /// commits it if the statement was stepped to its end. For rows, whose journals are small.
   enum class Journal { deleted, persistent };
 
   Statement(const std::string& path, const char* sql, Journal journal = Journal::deleted);
+  /// Rolled back, and `isOverdue`, once it has held the store for longer than `limit`.
+  Statement(const std::string& path, const char* sql, std::chrono::milliseconds limit);
   Statement(const Statement&) = delete;
   Statement& operator=(const Statement&) = delete;
   ~Statement();
@@ -61,12 +73,15 @@ class Statement {
   /// Binds parameter `index` (from 1): valid UTF-8, or NULL when `text` is absent. Without memory
   /// for it the whole statement does nothing.
   void bind(int index, const Text& text);
-  /// True while there is a row. False at the end and at any failure, which are not told apart.
+  /// True while there is a row. False at the end and at any failure.
   bool step();
+  bool isDone() const { return isDone_; }
+  bool isOverdue() const { return isOverdue_; }
   /// Column `index` of the row (from 0), "" for NULL; valid until the next step.
   std::string_view text(int index) const;
   /// The low 32 bits of column `index`.
   int integer(int index) const;
+  std::int64_t integer64(int index) const;
   /// Column 0 of the row.
   std::int64_t id() const;
 
@@ -75,10 +90,13 @@ class Statement {
   bool isRowTooLong() const { return isRowTooLong_; }
 
  private:
+  void prepare(const char* sql);
+
   StoreFile file_;
   sqlite3_stmt* statement_ = nullptr;  // null when it could not be prepared
   bool isTransaction_ = false;
   bool isDone_ = false;  // stepped to its end
+  bool isOverdue_ = false;
   bool isRowTooLong_ = false;
 };
 
@@ -103,6 +121,10 @@ class LongRow {
   std::int64_t id_ = 0;
   bool exists_ = false;
 };
+
+/// Takes the stores' file system out of SQLite's list, before this code is unmapped, unless a
+/// connection is open. The next connection puts it there again.
+void unregisterStores() noexcept;
 
 /// The text of an INSERT that names `id` and every other column of one table, in order, with a "?"
 /// for each. Any other text does not compile.

@@ -1,8 +1,12 @@
 #include "Marbleway/store/store.h"
 
+#include <algorithm>
 #include <cassert>
+#include <chrono>
+#include <filesystem>
 #include <string>
 
+#include "Marbleway/platform/paths.h"
 #include "Marbleway/platform/platform.h"
 
 namespace marbleway {
@@ -10,48 +14,77 @@ namespace {
 
 namespace fs = std::filesystem;
 
-constexpr auto kOwnerOnly = fs::perms::owner_read | fs::perms::owner_write;
+/// How long a statement of the library's own may hold a store at a time.
+constexpr std::chrono::milliseconds kSlice{20};
 
 // Makes all tables of a store, or none. True when all are there.
 bool makeTables(StoreFile& file, Store store) {
   if (!file.execute("BEGIN EXCLUSIVE")) return false;
   for (const Table& table : kTables) {
-    if (table.store != store) continue;
-    const std::string look = std::string("SELECT id FROM ").append(table.name).append(" LIMIT 1");
-    // Another process may have made them meanwhile, under the same name.
-    if (!file.execute(look.c_str()) && !file.execute(table.create)) return false;
+    if (table.store == store && !file.execute(table.create)) return false;
   }
   return file.execute("COMMIT");
 }
 
-// Makes a store under another name and gives it its own once it is whole: a process that is killed
-// meanwhile leaves none that later start-ups would take for made.
 void createIfMissing(Store store) {
   const fs::path path = pathOf(store);
   std::error_code error;
   if (fs::exists(path, error) || error) return;
   platform::makeDocumentsDirectory();
+  platform::createFile(path, [&](const std::string& unfinished) {
+    StoreFile file(unfinished);
+    return makeTables(file, store);
+  });
+}
 
-  const fs::path unfinished = fs::path(path).concat("-new");
-  bool isWhole = false;
-  {
-    StoreFile file(unfinished, StoreFile::IfMissing::create);
-    // Asked again: whoever renamed the unfinished store before it was opened here has made this
-    // one.
-    isWhole = !fs::exists(path, error) && makeTables(file, store);
+enum class Removal { done, overdue, failed };
+
+Removal runRemoval(Store store, const std::string& sql, std::chrono::milliseconds limit) {
+  Statement statement(pathOf(store), sql.c_str(), limit);
+  while (statement.step()) {
   }
-  if (isWhole) {
-    fs::permissions(unfinished, kOwnerOnly, error);
-    fs::rename(unfinished, path, error);
-  } else {
-    fs::remove(unfinished, error);
+  if (statement.isOverdue()) return Removal::overdue;
+  return statement.isDone() ? Removal::done : Removal::failed;
+}
+
+struct Range {
+  std::int64_t first = 1, last = 0;
+};
+
+Range idsOf(const Table& table) {
+  const std::string sql = std::string("SELECT min(id), max(id) FROM ").append(table.name);
+  Statement statement(pathOf(table.store), sql.c_str());
+  if (!statement.step()) return {};
+  return {statement.integer64(0), statement.integer64(1)};
+}
+
+// Deletes range after range, as wide as one slice allows. Rows recorded meanwhile have greater
+// numbers and stay, as they would after one statement.
+void removeInSlices(const Table& table, const std::string& sql) {
+  auto [first, last] = idsOf(table);
+  for (std::int64_t width = 1024; first <= last;) {
+    const std::int64_t end = std::min(last - first, width - 1) + first;
+    const std::string slice =
+        sql + " AND id BETWEEN " + std::to_string(first) + " AND " + std::to_string(end);
+    const auto start = std::chrono::steady_clock::now();
+    const auto limit = width > 1 ? kSlice : StoreFile::kUnlimited;
+    const Removal removal = runRemoval(table.store, slice, limit);
+    if (removal == Removal::failed) return;
+    if (removal == Removal::done) first = end + 1;
+    const auto time = std::chrono::steady_clock::now() - start;
+    if (removal == Removal::overdue || time > kSlice) {
+      width = std::max<std::int64_t>(width / 2, 1);
+    } else if (time < kSlice / 2) {
+      width *= 2;
+    }
+    StoreFile::pauseForOthers();
   }
 }
 
 void remove(const Table& table, std::string_view condition) {
   const std::string sql =
       std::string("DELETE FROM ").append(table.name).append(" WHERE ").append(condition);
-  runStatement(table.store, sql.c_str());
+  if (runRemoval(table.store, sql, kSlice) == Removal::overdue) removeInSlices(table, sql);
 }
 
 }  // namespace
@@ -65,9 +98,21 @@ void createStores() {
   for (const Store store : {Store::event, Store::network}) createIfMissing(store);
 }
 
-void runStatement(Store store, const char* sql) {
-  Statement statement(pathOf(store), sql);
-  while (statement.step()) {
+void runStatement(Store store, const char* sql) { runRemoval(store, sql, StoreFile::kUnlimited); }
+
+void readRows(const Table& table, const std::function<void(const Statement&)>& use) {
+  const std::string all = std::string("SELECT * FROM ").append(table.name);
+  std::string sql = all;
+  for (bool hasMore = true; hasMore;) {
+    const auto end = std::chrono::steady_clock::now() + kSlice;
+    {
+      Statement row(pathOf(table.store), sql.c_str());
+      while ((hasMore = row.step()) && std::chrono::steady_clock::now() < end) use(row);
+      if (!hasMore) return;
+      use(row);
+      sql = all + " WHERE id > " + std::to_string(row.integer64(0));
+    }
+    StoreFile::pauseForOthers();
   }
 }
 

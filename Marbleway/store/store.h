@@ -1,5 +1,6 @@
 #pragma once
 
+#include <functional>
 #include <initializer_list>
 #include <string>
 
@@ -13,15 +14,19 @@ std::string pathOf(Store store);
 /// Creates each store with its tables, unless a file exists in its place.
 void createStores();
 
-/// Drops all rows that are older than thirty days, by their UTC date, and no row of the day that
-/// lies exactly thirty days back.
+/// Removes all rows that are older than thirty days, by their UTC date, and no row of the day that
+/// lies exactly thirty days back. Like `removeUpTo`, in slices that leave others time to write.
 void purgeOldRows();
+
+/// Calls `use` with each row of `table`, in the order of their ids. The store is released again and
+/// again, so that others can write.
+void readRows(const Table& table, const std::function<void(const Statement&)>& use);
 
 /// Runs one statement, whatever its kind, on a store. Rows that it returns are dropped; failures
 /// are silent. Thread: any.
 void runStatement(Store store, const char* sql);
 
-/// Drops every row of `table` whose UTC date is on or before that of the text `cutOff`.
+/// Removes every row of `table` whose UTC date is on or before that of the text `cutOff`.
 void removeUpTo(const Table& table, const std::string& cutOff);
 
 /// Adds one row to the event store, committed when this returns, or else lost in silence.

@@ -1,6 +1,7 @@
 #include "Marbleway/upload/batch.h"
 
 #include <algorithm>
+#include <chrono>
 #include <cstdint>
 #include <iterator>
 #include <limits>
@@ -12,6 +13,7 @@
 #include "Marbleway/Host.h"
 #include "Marbleway/core/operation.h"
 #include "Marbleway/core/state.h"
+#include "Marbleway/platform/busy_budget.h"
 #include "Marbleway/store/store.h"
 #include "Marbleway/store/timestamp.h"
 #include "Marbleway/upload/dispatch.h"
@@ -25,6 +27,9 @@ constexpr int kRequestURLColumn = 4;
 
 // Rows with a longer text are read in pieces: SQLite would make a copy of the whole text.
 constexpr int kMaxTextBytes = 256 * 1024;
+
+// How long one reading may hold a store.
+constexpr std::chrono::milliseconds kSlice{50};
 
 // True when an entry of the server's list contains the row's whole URL. The direction is intended:
 // an entry that is only a part of the URL drops nothing.
@@ -52,19 +57,25 @@ class TableReader {
   }
 
  private:
-  // Goes on behind the latest row. True when it has come to a long one.
+  // Goes on behind the latest row. True when it has come to a long one. The store is released
+  // again and again: a writer waits for the last reader, and keeps new ones out meanwhile.
   bool readRows() {
-    std::string sql = std::string("SELECT * FROM ").append(table_.name);
-    if (latest_ != kNone) sql.append(" WHERE id > ").append(std::to_string(latest_));
-    Statement row(path_, sql.c_str());
-    row.limitTexts(kMaxTextBytes);
-    while (row.step()) {
-      latest_ = row.id();
-      if (blacklist_.empty() || !isBlacklisted(row.text(kRequestURLColumn), blacklist_)) {
-        document_.addRow(row);
+    for (;;) {
+      const auto end = std::chrono::steady_clock::now() + kSlice;
+      std::string sql = std::string("SELECT * FROM ").append(table_.name);
+      if (latest_ != kNone) sql.append(" WHERE id > ").append(std::to_string(latest_));
+      Statement row(path_, sql.c_str());
+      row.limitTexts(kMaxTextBytes);
+      bool isInTime = true;
+      while (isInTime && row.step()) {
+        latest_ = row.id();
+        if (blacklist_.empty() || !isBlacklisted(row.text(kRequestURLColumn), blacklist_)) {
+          document_.addRow(row);
+        }
+        isInTime = std::chrono::steady_clock::now() < end;
       }
+      if (isInTime) return row.isRowTooLong();
     }
-    return row.isRowTooLong();
   }
 
   // False when the row cannot be read.
@@ -99,6 +110,7 @@ void batchData() {
       !isUploadingEnabled) {
     return;
   }
+  const BusyBudget budget;
   auto slot = std::make_shared<const BatchSlot>();
   if (!slot->isTaken()) return;
   Document document;

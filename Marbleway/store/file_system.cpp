@@ -1,0 +1,53 @@
+#include "Marbleway/store/file_system.h"
+
+#include <sqlite3.h>
+
+#include "Marbleway/platform/paths.h"
+
+namespace marbleway {
+namespace {
+
+using platform::FileKind;
+using platform::kindOf;
+
+sqlite3_vfs* unixFiles = nullptr;
+sqlite3_vfs storeFiles{};
+
+int openFile(sqlite3_vfs* /*vfs*/, const char* name, sqlite3_file* file, int flags, int* outFlags) {
+  constexpr int kJournals = SQLITE_OPEN_MAIN_JOURNAL | SQLITE_OPEN_WAL;
+  // One that is only read has just been looked at by `accessFile`.
+  const bool isWritten = (flags & kJournals) != 0 && (flags & SQLITE_OPEN_READWRITE) != 0;
+  const FileKind kind = isWritten ? kindOf(name) : FileKind::filled;
+  if (kind == FileKind::other) {
+    file->pMethods = nullptr;
+    return SQLITE_CANTOPEN;
+  }
+  // SQLite syncs the folder after opening with SQLITE_OPEN_CREATE. A rollback journal with content
+  // was left by a commit, which has synced the folder: an interrupted one was deleted beforehand.
+  if ((flags & SQLITE_OPEN_MAIN_JOURNAL) != 0 && kind == FileKind::filled) {
+    flags &= ~SQLITE_OPEN_CREATE;
+  }
+  return unixFiles->xOpen(unixFiles, name, file, flags, outFlags);
+}
+
+int accessFile(sqlite3_vfs* /*vfs*/, const char* name, int flags, int* result) {
+  if (flags != SQLITE_ACCESS_EXISTS) return unixFiles->xAccess(unixFiles, name, flags, result);
+  *result = kindOf(name) == FileKind::filled ? 1 : 0;
+  return SQLITE_OK;
+}
+
+}  // namespace
+
+void registerStoreFileSystem() {
+  unixFiles = sqlite3_vfs_find("unix");
+  if (unixFiles == nullptr) return;
+  storeFiles = *unixFiles;
+  storeFiles.zName = kStoreFileSystem;
+  storeFiles.xOpen = openFile;
+  storeFiles.xAccess = accessFile;
+  sqlite3_vfs_register(&storeFiles, 0);
+}
+
+void unregisterStoreFileSystem() { sqlite3_vfs_unregister(&storeFiles); }
+
+}  // namespace marbleway
