@@ -188,27 +188,17 @@ TEST_F(StoreTest, APipeInTheJournalsPlaceBlocksNothing) {
   EXPECT_THAT(rows("mrbw_v2_companies"), SizeIs(1));
 }
 
-TEST_F(StoreTest, ReadsAndRemovesInSlicesWhileOthersWrite) {
+TEST_F(StoreTest, RemovesInSlicesWhileOthersWrite) {
   createStores();
   query(storePath(),
         "WITH RECURSIVE n(i) AS (SELECT 1 UNION ALL SELECT i + 1 FROM n WHERE i < 100000) "
         "INSERT INTO mrbw_v2_companies (UTCTimeStamp) "
         "SELECT iif(i % 10000, '2026-01-02 00:00:00.000', '2026-01-03') FROM n");
   tests::FailingVfs vfs;  // calls back between the slices
-  bool isReading = true;
   int pauses = 0;
   vfs.onNap([&] {
-    if (pauses++ == 0) query(storePath(), isReading ? "SELECT 1" : kNewRow);
+    if (pauses++ == 0) query(storePath(), kNewRow);
   });
-  std::int64_t last = 0;
-  std::size_t count = 0;
-  readRows(kTables[4], [&](const Statement& row) {
-    EXPECT_GT(row.integer64(0), std::exchange(last, row.integer64(0)));
-    ++count;
-  });
-  EXPECT_EQ(count, 100000U);
-  isReading = false;
-  pauses = 0;
   removeUpTo(kTables[4], "2026-01-02 12:00:00.000");
   EXPECT_GT(pauses, 2);
   EXPECT_THAT(rows("mrbw_v2_companies"), SizeIs(11));  // ten of the next day and the new one

@@ -118,7 +118,7 @@ int StoreFile::isOverdue(void* file) {
   return steady_clock::now() > static_cast<StoreFile*>(file)->deadline_ ? 1 : 0;
 }
 
-void StoreFile::pauseForOthers() { sqlite3_sleep(2 * BusyBudget::kRetryInterval.count()); }
+void StoreFile::pauseForOthers() { sqlite3_sleep(5 * BusyBudget::kRetryInterval.count()); }
 
 bool StoreFile::execute(const char* sql) {
   return connection_ != nullptr &&
@@ -169,6 +169,9 @@ bool Statement::step() {
   isDone_ = result == SQLITE_DONE;
   isRowTooLong_ = result == SQLITE_TOOBIG;
   isOverdue_ = result == SQLITE_INTERRUPT;
+  if (file_.limit_ != StoreFile::kUnlimited) {
+    held_ = steady_clock::now() - (file_.deadline_ - file_.limit_);
+  }
   return result == SQLITE_ROW;
 }
 

@@ -77,6 +77,8 @@ class Statement {
   bool step();
   bool isDone() const { return isDone_; }
   bool isOverdue() const { return isOverdue_; }
+  /// How long a statement with a limit has held the store, its commit included, at the end.
+  std::chrono::steady_clock::duration held() const { return held_; }
   /// Column `index` of the row (from 0), "" for NULL; valid until the next step.
   std::string_view text(int index) const;
   /// The low 32 bits of column `index`.
@@ -120,6 +122,7 @@ class LongRow {
   std::string table_;
   std::int64_t id_ = 0;
   bool exists_ = false;
+  std::chrono::steady_clock::duration held_{};
 };
 
 /// Takes the stores' file system out of SQLite's list, before this code is unmapped, unless a

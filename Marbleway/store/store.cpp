@@ -14,7 +14,7 @@ namespace {
 
 namespace fs = std::filesystem;
 
-/// How long a statement of the library's own may hold a store at a time.
+/// How long a removal may hold a store at a time.
 constexpr std::chrono::milliseconds kSlice{20};
 
 // Makes all tables of a store, or none. True when all are there.
@@ -37,14 +37,15 @@ void createIfMissing(Store store) {
   });
 }
 
-enum class Removal { done, overdue, failed };
+enum class Removal { quick, done, overdue, failed };
 
 Removal runRemoval(Store store, const std::string& sql, std::chrono::milliseconds limit) {
   Statement statement(pathOf(store), sql.c_str(), limit);
   while (statement.step()) {
   }
   if (statement.isOverdue()) return Removal::overdue;
-  return statement.isDone() ? Removal::done : Removal::failed;
+  if (!statement.isDone()) return Removal::failed;
+  return statement.held() < kSlice / 2 ? Removal::quick : Removal::done;
 }
 
 struct Range {
@@ -62,21 +63,19 @@ Range idsOf(const Table& table) {
 // numbers and stay, as they would after one statement.
 void removeInSlices(const Table& table, const std::string& sql) {
   auto [first, last] = idsOf(table);
-  for (std::int64_t width = 1024; first <= last;) {
-    const std::int64_t end = std::min(last - first, width - 1) + first;
+  for (std::int64_t width = 4096; first <= last;) {
+    const std::int64_t end = first + std::min(last - first, width - 1);
     const std::string slice =
         sql + " AND id BETWEEN " + std::to_string(first) + " AND " + std::to_string(end);
-    const auto start = std::chrono::steady_clock::now();
     const auto limit = width > 1 ? kSlice : StoreFile::kUnlimited;
     const Removal removal = runRemoval(table.store, slice, limit);
     if (removal == Removal::failed) return;
-    if (removal == Removal::done) first = end + 1;
-    const auto time = std::chrono::steady_clock::now() - start;
-    if (removal == Removal::overdue || time > kSlice) {
-      width = std::max<std::int64_t>(width / 2, 1);
-    } else if (time < kSlice / 2) {
-      width *= 2;
+    if (removal == Removal::overdue) {
+      width /= 2;
+    } else {
+      first = end + 1;
     }
+    if (removal == Removal::quick) width *= 2;
     StoreFile::pauseForOthers();
   }
 }
@@ -99,22 +98,6 @@ void createStores() {
 }
 
 void runStatement(Store store, const char* sql) { runRemoval(store, sql, StoreFile::kUnlimited); }
-
-void readRows(const Table& table, const std::function<void(const Statement&)>& use) {
-  const std::string all = std::string("SELECT * FROM ").append(table.name);
-  std::string sql = all;
-  for (bool hasMore = true; hasMore;) {
-    const auto end = std::chrono::steady_clock::now() + kSlice;
-    {
-      Statement row(pathOf(table.store), sql.c_str());
-      while ((hasMore = row.step()) && std::chrono::steady_clock::now() < end) use(row);
-      if (!hasMore) return;
-      use(row);
-      sql = all + " WHERE id > " + std::to_string(row.integer64(0));
-    }
-    StoreFile::pauseForOthers();
-  }
-}
 
 void purgeOldRows() {
   for (const Table& table : kTables) remove(table, "UTCTimeStamp <= date('now','-30 day')");

@@ -1,6 +1,5 @@
 #pragma once
 
-#include <functional>
 #include <initializer_list>
 #include <string>
 
@@ -17,10 +16,6 @@ void createStores();
 /// Removes all rows that are older than thirty days, by their UTC date, and no row of the day that
 /// lies exactly thirty days back. Like `removeUpTo`, in slices that leave others time to write.
 void purgeOldRows();
-
-/// Calls `use` with each row of `table`, in the order of their ids. The store is released again and
-/// again, so that others can write.
-void readRows(const Table& table, const std::function<void(const Statement&)>& use);
 
 /// Runs one statement, whatever its kind, on a store. Rows that it returns are dropped; failures
 /// are silent. Thread: any.
