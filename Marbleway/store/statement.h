@@ -100,6 +100,7 @@ class Statement {
   bool isDone_ = false;  // stepped to its end
   bool isOverdue_ = false;
   bool isRowTooLong_ = false;
+  std::chrono::steady_clock::duration held_{};
 };
 
 /// One row of a table, read in pieces of its texts, so that it needs little memory.
