@@ -152,6 +152,7 @@ TEST_F(CollectorPageTest, StreamsWhatIsNewAndDelaysNoBatch) {
   const std::shared_future<void> isOver = over.get_future();
   std::counting_semaphore<24> open(0);
   std::vector<std::future<void>> pages;
+  pages.reserve(24);
   for (int i = 0; i < 24; ++i) {
     pages.push_back(std::async(std::launch::async, [&] {
       client().Get("/api/stream?after=0", [&](const char* /*data*/, std::size_t /*size*/) {

@@ -69,7 +69,8 @@ TEST_F(CollectorTest, AnswersRequestsByTheirHeadersAndPlaces) {
   start();
   const httplib::Headers unknown{{"Accept", "application/json"}, {"mrbw-project-token", "T"}};
   const std::string good = R"({"OS": "iOS", "BundleID": "com.example.todo"})";
-  const std::string tooLong(65U << 20U, ' ');
+  std::string tooLong;
+  tooLong.resize(65U << 20U, ' ');
   const struct { std::string path, body, line; httplib::Headers headers; } cases[] = {
       {kInit, good, R"(200 "com.example.todo" on "iOS")", kHeaders},
       {kInit, good, R"(400 header "Accept" is not "application/json")", {{"mrbw-project-token", "T-2"}}},
@@ -83,7 +84,7 @@ TEST_F(CollectorTest, AnswersRequestsByTheirHeadersAndPlaces) {
       {kBatch, tooLong, "413 the document is too long", kHeaders},
       {kBatch, tooLong, R"(401 header "mrbw-project-token" holds an unknown token)", unknown},
       {kBatch, batch("Events", event("1")), "503 refused as asked", kHeaders},
-      {kBatch, batch("Events", event("1", std::string(60'000'000, 'x'))), "200 1 rows, 1 new, 0 seen again", kHeaders},
+      {kBatch, batch("Events", event("1", tooLong.substr(0, 60'000'000))), "200 1 rows, 1 new, 0 seen again", kHeaders},
       {"/", "x", "405 takes nothing but GET", kHeaders},
       {"/v2/mobile/x", tooLong, "404 nothing is here", kHeaders},
   };
@@ -202,8 +203,8 @@ TEST(CollectorArgumentsTest, AreReadOrRefused) {
       {{"--page-token", "a;b"}, "--page-token takes letters, digits and \"-\""},
       {{"--fail-batches", "-1"}, "\"-1\" is not a number from 0 to 1000000"},
   };
-  for (const auto& [words, fault] : refused) {
-    EXPECT_THAT([&] { read(words); }, testing::ThrowsMessage<tools::UsageError>(fault));
+  for (const auto& each : refused) {
+    EXPECT_THAT([&] { read(each.first); }, testing::ThrowsMessage<tools::UsageError>(each.second));
   }
 }
 

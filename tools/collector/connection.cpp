@@ -86,9 +86,9 @@ void Connection::reset() const {
 void Connection::finish() {
   shutdown(socket_, SHUT_WR);
   const Time deadline = Clock::now() + kDrainTimeout;
-  while (Clock::now() < deadline && waitFor(POLLIN, deadline, 0ms) &&
-         recv(socket_, buffer_.data(), buffer_.size(), MSG_DONTWAIT) > 0) {
-    continue;
+  ssize_t dropped = 1;
+  while (dropped > 0 && Clock::now() < deadline && waitFor(POLLIN, deadline, 0ms)) {
+    dropped = recv(socket_, buffer_.data(), buffer_.size(), MSG_DONTWAIT);
   }
 }
 

@@ -1,8 +1,8 @@
-// Makes the pictures of the documents: node screenshots.mjs FOLDER
+// Makes the pictures of the documents: node scripts/screenshots.mjs FOLDER
 import {mkdir} from "node:fs/promises";
 import {join} from "node:path";
 import {browser, event, eventually, screen, send, session, useApplication, user, withCollector, withFolder, withPage}
-  from "./support.mjs";
+  from "../tests/page/support.mjs";
 
 const [folder] = process.argv.slice(2);
 const SIZE = {viewport: {width: 1100, height: 640}};
