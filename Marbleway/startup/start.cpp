@@ -30,6 +30,7 @@ void shutdown() noexcept {
     Pending::reset();
     BatchSlot::reset();
     platform::endThreads();
+    unregisterStores();
     platform::current()->crashHook->uninstall();
     invalidateTimers();
     resetState();

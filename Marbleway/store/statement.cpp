@@ -23,6 +23,7 @@ using std::chrono::steady_clock;
 constexpr int kPieceBytes = 64 * 1024;
 
 constinit std::atomic<int> waitingFiles{0};  // connections that have had to wait
+
 /// The open connections.
 struct Openings {
   std::mutex mutex;
