@@ -10,6 +10,8 @@ namespace {
 
 sqlite3_vfs* standard = nullptr;
 
+constexpr const char* kWritableFiles = "marbleway-inspect-copies";
+
 constexpr int kStoreFiles =
     SQLITE_OPEN_MAIN_DB | SQLITE_OPEN_MAIN_JOURNAL | SQLITE_OPEN_SUPER_JOURNAL;
 constexpr int kWriting =
@@ -41,18 +43,21 @@ int deleteNothing(sqlite3_vfs* /*vfs*/, const char* /*name*/, int /*syncsDirecto
 
 }  // namespace
 
+// Takes the place of the standard file system, also where the library asks for it by name.
 void openStoresForReadingOnly() {
   standard = sqlite3_vfs_find(nullptr);
   if (standard == nullptr) throw std::runtime_error("SQLite has no file system");
+  static sqlite3_vfs writable = *standard;
+  writable.zName = kWritableFiles;
   static sqlite3_vfs readOnly = *standard;
-  readOnly.zName = "marbleway-inspect";
   readOnly.xOpen = openForReading;
   readOnly.xDelete = deleteNothing;
-  if (sqlite3_vfs_register(&readOnly, 1) != SQLITE_OK) {
+  if (sqlite3_vfs_register(&writable, 0) != SQLITE_OK ||
+      sqlite3_vfs_register(&readOnly, 1) != SQLITE_OK) {
     throw std::runtime_error("SQLite accepts no other file system");
   }
 }
 
-const char* writableFiles() { return standard->zName; }
+const char* writableFiles() { return kWritableFiles; }
 
 }  // namespace inspect
