@@ -41,7 +41,7 @@ struct Configuration {
 /// Sets the host's configuration. Call it before `initMarbleway`. Thread: any.
 ///
 /// Throws std::invalid_argument, which names the member, for a URL that is not http or https with a
-/// host and a path ending in "/v2/".
+/// host and a path ending in "/v2/", and for a relative directory without a working directory.
 MARBLEWAY_EXPORT void configure(Configuration configuration);
 
 /// Waits until no request is in flight, every answer has been applied, and everything posted to the
