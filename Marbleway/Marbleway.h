@@ -114,8 +114,8 @@ class MARBLEWAY_EXPORT Marbleway {
   /// Starts a session when none is valid, and renews it. Refused before start-up, after a refusal
   /// by the server, and with tracking off. The name is not checked.
   static void trackEvent(marbleway::Text eventName) noexcept;
-  /// Records an event with attributes, stored as JSON. A "Value" or "value" that is neither a number
-  /// nor the text of one writes an error line; the row is written all the same.
+  /// Records an event with attributes, stored as JSON. A "Value" or "value" that is neither a
+  /// number nor the text of one writes an error line; the row is written all the same.
   static void trackEvent(marbleway::Text eventName,
                          const marbleway::Dictionary& attributes) noexcept;
 
