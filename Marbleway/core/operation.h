@@ -4,8 +4,8 @@
 
 #include "Marbleway/Host.h"
 #include "Marbleway/core/state.h"
-#include "Marbleway/platform/cancellation.h"
 #include "Marbleway/platform/busy_budget.h"
+#include "Marbleway/platform/cancellation.h"
 #include "Marbleway/platform/catch_all.h"
 #include "Marbleway/platform/fork.h"
 

@@ -43,7 +43,7 @@ class StoreFile {
   static int busyHandler(void* file, int calls);
   static int isOverdue(void* file);
 
-  const platform::ForkSection section_;                                 // SQLite's locks are held in it
+  const platform::ForkSection section_;  // SQLite's locks are held in it
   const BusyBudget budget_;
   const platform::WriteGuard guard_{platform::WriteGuard::Into::file};  // outlives the connection
   const std::chrono::milliseconds limit_;
