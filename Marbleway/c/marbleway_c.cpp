@@ -114,7 +114,7 @@ int marbleway_wait_until_idle(int64_t milliseconds) {
   return marbleway::waitUntilIdle(std::chrono::milliseconds(milliseconds)) ? 1 : 0;
 }
 
-void marbleway_watch_thread(void) { marbleway::watchThread(); }
+void marbleway_watch_thread() { marbleway::watchThread(); }
 int marbleway_shutdown() { return done(marbleway::shutdown); }
 
 int marbleway_init(const char* project_token) {

@@ -10,6 +10,7 @@
 #include <bit>
 #include <cerrno>
 #include <chrono>
+#include <optional>
 
 #include "Marbleway/platform/call_stack.h"
 #include "Marbleway/platform/catch_all.h"
@@ -27,7 +28,7 @@ using std::chrono::steady_clock;
 constexpr std::chrono::milliseconds kReportTimeout{500};
 constexpr std::size_t kStackSize = 256UL * 1024;  // bytes, of the reporting thread
 
-constinit Guarded<std::string> recordDirectory;
+constinit Guarded<std::optional<std::string>> recordDirectory;
 constinit std::atomic<const char* (*)()> sessionOfCrash{nullptr};
 
 // Set before the first report, `process` last.
@@ -198,7 +199,7 @@ void useRecords(const std::string& directory, const char* (*session)(), FailureH
 bool startReporter(FailureHandler handler) {
   if (preparedProcess.exchange(getpid()) == getpid()) return false;
   _Unwind_Backtrace(endWalk, nullptr);  // binds what a walk needs
-  if (const std::string directory = recordDirectory.load(); !directory.empty()) {
+  if (const std::string directory = recordDirectory.load().value_or(""); !directory.empty()) {
     file.open(directory);
   }
   failureHandler = handler;

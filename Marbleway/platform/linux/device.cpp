@@ -66,7 +66,7 @@ class LinuxDevice final : public Device {
     uuid_t bytes;
     uuid_generate_random(bytes);
     std::uint64_t random = 0;  // without the bytes 6 to 8, which hold the version and the variant
-    for (const std::size_t i : {0, 1, 2, 3, 4, 5, 9, 10}) random = random << 8U | bytes[i];
+    for (const std::size_t i : {0U, 1U, 2U, 3U, 4U, 5U, 9U, 10U}) random = random << 8U | bytes[i];
     return static_cast<std::uint32_t>(random % bound);
   }
 
