@@ -1,3 +1,4 @@
+#include <sqlite3.h>
 #include <sys/resource.h>
 #include <unistd.h>
 
@@ -9,6 +10,7 @@
 #include <thread>
 
 #include "Marbleway/upload/batch.h"
+#include "tests/support/failing_vfs.h"
 #include "tests/support/fixture.h"
 #include "tests/support/loopback_server.h"
 #include "tests/support/process_ends.h"
@@ -156,6 +158,42 @@ TEST_F(ResilienceTest, AnotherLocaleAndAnotherDirectoryChangeNothing) {
   EXPECT_EQ(fault, "");
 }
 
+TEST_F(ResilienceTest, AForkedChildCountsItsOwnRequestsOnly) {
+  beginSession();
+  Marbleway::trackEvent("e");
+  batchData();
+  EXPECT_EQ(faultIn([&] {
+              EXPECT_TRUE(waitUntilIdle(0ms));
+              EXPECT_TRUE(http->answer(
+                  {.status = 200, .body = {}}));  // the parent's, whose count stays there
+              Marbleway::initMarbleway("token");
+              EXPECT_FALSE(waitUntilIdle(0ms));
+              answer(200);
+              EXPECT_TRUE(waitUntilIdle(0ms));
+            }),
+            "");
+}
+
+// As a signal handler does that interrupts a thread which holds locks.
+TEST_F(ResilienceTest, AForkAmidAnOperationNeverWaitsForItself) {
+  EXPECT_EQ(faultIn([&] {
+              beginSession();
+              sqlite3* other = nullptr;
+              sqlite3_open(storePath().c_str(), &other);
+              sqlite3_exec(other, "BEGIN EXCLUSIVE", nullptr, nullptr, nullptr);
+              tests::FailingVfs vfs;
+              vfs.onNap([&] {
+                tests::Child child([](int /*reports*/) { Marbleway::trackEvent("e"); });
+                EXPECT_EQ(child.wait(), "");
+                sqlite3_close(std::exchange(other, nullptr));
+              });
+              Marbleway::trackEvent("e");
+              EXPECT_EQ(other, nullptr);
+              EXPECT_THAT(tests::eventsIn(directory.path()), ElementsAre("e"));
+            }),
+            "");
+}
+
 // With this system's own services: none is a fake.
 class ProcessEndTest : public ::testing::Test {
  protected:
@@ -176,6 +214,42 @@ TEST_F(ProcessEndTest, TheProcessEndsAtOnceWithRequestsInFlight) {
 TEST_F(ProcessEndTest, AChildOfAForkStartsItselfAndNeverHangs) {
   Rounds rounds{.directory = directory.path()};
   EXPECT_EQ(tests::forkRecording(rounds, kExitTime), "");
+}
+
+TEST_F(ProcessEndTest, AForkedWorkerThatStartsItselfCapturesItsCrash) {
+  const tests::RefusingPort nobody;
+  const auto start = [&] { tests::startLibrary(directory.path(), nobody.url()); };
+  tests::Child parent([&](int reports) {
+    start();
+    tests::Child worker([&](int /*reports*/) {
+      start();
+      Marbleway::startSession();
+      std::abort();
+    });
+    const tests::Fault end = worker.wait();
+    if (write(reports, end.data(), end.size()) < 0) _exit(1);
+  });
+  EXPECT_EQ(parent.reported(100), "ended by signal 6");
+  EXPECT_EQ(parent.wait(), "");
+  EXPECT_THAT(query(directory.path() / DBFileName,
+                    "SELECT substr(CrashDetails, 1, 18) FROM mrbw_v2_crashes"),
+              ElementsAre("Signal 6 (SIGABRT)"));
+}
+
+TEST_F(ProcessEndTest, AForkBeforeTheStartLeavesItsTimers) {
+  LoopbackServer server;
+  server.answerWith([](const tests::Received&) {
+    return tests::Answer{.body = R"({"Data":{"Config":{"SessionTimeout":0}}})"};
+  });
+  const tests::Child process([&](int /*reports*/) {
+    configure({.documentsDirectory = directory.path()});
+    Marbleway::trackDeepLink("app://open?mrbw_dlid=1");
+    tests::Child([](int /*reports*/) {}).wait();
+    tests::startLibrary(directory.path(), server.url());
+    pause();
+  });
+  // The handshake, and a batch when the session's timer ends it.
+  EXPECT_THAT(server.waitForRequests(2), SizeIs(2));
 }
 
 }  // namespace

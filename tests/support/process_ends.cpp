@@ -103,6 +103,7 @@ Fault forkOften(const fs::path& directory, const std::string& url, std::chrono::
   for (int i = 0; i < kForks && fault.empty(); ++i) {
     Child child([&](int reports) {
       if (!waitUntilIdle(0ms)) _exit(2);
+      recordEverything("before its start");
       startLibrary(directory, url);
       recordEverything("child");
       exitNow(reports);
@@ -116,6 +117,7 @@ Fault forkOften(const fs::path& directory, const std::string& url, std::chrono::
   if (lost != 0 && fault.empty()) fault = std::to_string(lost) + " of the parent's rows are lost";
   if (std::ranges::count(names, "child") != kForks && fault.empty())
     fault = "a child's row is lost";
+  if (std::ranges::count(names, "before its start") != 0) fault = "a row before a child's start";
   return fault;
 }
 
