@@ -55,7 +55,8 @@ std::int64_t integerIn(std::string_view bytes) {
 std::string hexOf(std::string_view bytes, std::string_view mark) {
   constexpr const char* kDigits = "0123456789ABCDEF";
   std::string result;
-  for (const unsigned char byte : bytes) {
+  for (const char character : bytes) {
+    const auto byte = static_cast<unsigned char>(character);
     result.append(mark).append({kDigits[byte / 16], kDigits[byte % 16]});
   }
   return result;

@@ -13,7 +13,6 @@
 
 using namespace marbleway;
 using namespace std::chrono;
-using fuzz::require;
 
 void fuzz::run(std::string_view bytes) {
   const Text text(bytes);

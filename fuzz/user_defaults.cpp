@@ -11,7 +11,6 @@
 #include "fuzz/setting.h"
 
 using namespace marbleway;
-using fuzz::require;
 namespace fs = std::filesystem;
 
 namespace {

@@ -139,7 +139,8 @@ Fault recordUnderLoad(Rounds& rounds) {
       for (int row = 0; row < rounds.count; ++row) {
         const auto start = Clock::now();
         Marbleway::trackEvent(std::to_string(thread) + " " + std::to_string(row));
-        longest.at(thread) = std::max(longest.at(thread), Clock::now() - start);
+        auto& mine = longest.at(static_cast<std::size_t>(thread));
+        mine = std::max(mine, Clock::now() - start);
       }
       --recording;
     });
@@ -155,7 +156,7 @@ Fault recordUnderLoad(Rounds& rounds) {
   threads.clear();
   const auto names = tests::eventsIn(rounds.directory);
   const std::size_t found = std::set<std::string>(names.begin(), names.end()).size();
-  const std::size_t all = static_cast<std::size_t>(kThreads * rounds.count);
+  const auto all = static_cast<std::size_t>(kThreads * rounds.count);
   const auto slowest =
       std::chrono::duration_cast<std::chrono::milliseconds>(std::ranges::max(longest));
   rounds.figures = ", " + std::to_string(server.documents) + " documents, the longest call " +

@@ -13,6 +13,7 @@ Counts countsOf(const std::string& text) {
   document.Parse<rapidjson::kParseValidateEncodingFlag>(text.data(), text.size());
   if (document.HasParseError() || !document.IsObject()) throw std::runtime_error("no valid JSON");
   Counts counts;
+  // NOLINTNEXTLINE(clang-diagnostic-ambiguous-reversed-operator): iterators older than C++20
   for (const auto& array : document["BatchData"].GetObject()) {
     if (!array.value.Empty()) counts[array.name.GetString()] = array.value.Size();
     for (const auto& row : array.value.GetArray()) {

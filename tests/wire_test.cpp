@@ -81,7 +81,8 @@ TEST_F(WireTest, ShutsDownWithRequestsInFlightAndStartsAnew) {
   server.answerWith([](const Received&) { return tests::Answer{.manner = tests::Manner::never}; });
   for (int round = 0; round < 3; ++round) {
     Marbleway::initMarbleway("token", {{"SDKEnvironment", 1}, {"LoggingEnabled", true}});
-    EXPECT_THAT(server.waitForRequests(round + 1), SizeIs(round + 1));
+    const auto sent = static_cast<std::size_t>(round) + 1;
+    EXPECT_THAT(server.waitForRequests(sent), SizeIs(sent));
     EXPECT_FALSE(waitUntilIdle(0ms));
     shutdown();
     EXPECT_TRUE(waitUntilIdle(0ms));

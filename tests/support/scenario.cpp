@@ -51,7 +51,7 @@ Arguments argumentsIn(const std::string& text) {
 }
 
 std::string withVariables(const std::string& text, const Variables& variables) {
-  static const std::regex name("\\$[a-zA-Z]+|\\\\x([0-9A-F]{2})");  // or a byte, as "\xFF"
+  static const std::regex name(R"(\$[a-zA-Z]+|\\x([0-9A-F]{2}))");  // or a byte, as "\xFF"
   std::string replaced;
   auto last = text.begin();
   for (std::sregex_iterator match(text.begin(), text.end(), name), end; match != end; ++match) {

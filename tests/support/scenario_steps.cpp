@@ -198,7 +198,7 @@ const WorldStep kWorldSteps[] = {
     {"timers", timers},
     {"files", files},
     {"batchData", [](auto&, Words) { batchData(); }},
-    {"crash", [](auto&, Words w) { uncaughtExceptionHandler({w[0].value().template as<std::string>()->c_str(), w[1].value().template as<std::string>()->c_str()}); }},
+    {"crash", [](auto&, Words w) { uncaughtExceptionHandler({*w[0].value().template as<std::string>(), *w[1].value().template as<std::string>()}); }},
     {"sql", [](auto& world, Words w) { query(world.storePath(), *w[0].value().template as<std::string>()); }},
     {"breakStore", [](auto& world, Words) { std::filesystem::remove(world.storePath()); std::filesystem::create_directory(world.storePath()); }},
     {"random", [](auto& world, Words w) { auto facts = world.device->facts(); facts.randomNumber = static_cast<std::uint32_t>(std::stoul(w[0].text())); world.device->setFacts(facts); }},
