@@ -4,13 +4,16 @@
 #include <gtest/gtest.h>
 #include <pthread.h>
 
+#include <algorithm>
 #include <atomic>
+#include <csignal>
 #include <future>
 #include <numeric>
 #include <stdexcept>
 #include <thread>
 #include <vector>
 
+#include "Marbleway/platform/linux/fatal_signals.h"
 #include "Marbleway/platform/manual_loop.h"
 #include "Marbleway/platform/testing/fake_time.h"
 
@@ -199,6 +202,20 @@ TEST(FakeTimeTest, FiresInOrderEachAtItsTime) {
   time.advance(90s);
   EXPECT_THAT(firings, ElementsAre(std::pair('P', 0ns), std::pair('S', 30s), std::pair('L', 60s),
                                    std::pair('S', 60s), std::pair('S', 90s)));
+}
+
+TEST(MainLoopTest, BlocksAllButFatalSignals) {
+  sigset_t before, after, inLoop;
+  pthread_sigmask(SIG_SETMASK, nullptr, &before);
+  const auto loop = makeBackgroundLoop();
+  loop->post([&] { pthread_sigmask(SIG_SETMASK, nullptr, &inLoop); });
+  ASSERT_TRUE(runsPosted(*loop));
+  pthread_sigmask(SIG_SETMASK, nullptr, &after);
+  for (int signal = 1; signal < 32; ++signal) {
+    EXPECT_EQ(sigismember(&before, signal), sigismember(&after, signal)) << signal;
+    if (signal == SIGKILL || signal == SIGSTOP) continue;
+    EXPECT_NE(sigismember(&inLoop, signal) == 1, std::ranges::count(kFatalSignals, signal) > 0);
+  }
 }
 
 }  // namespace

@@ -9,6 +9,7 @@
 #include "Marbleway/core/guards.h"
 #include "Marbleway/core/state.h"
 #include "Marbleway/platform/catch_all.h"
+#include "Marbleway/platform/fork.h"
 #include "Marbleway/platform/platform.h"
 #include "Marbleway/store/store.h"
 #include "Marbleway/store/timestamp.h"
@@ -17,7 +18,7 @@ namespace marbleway {
 namespace {
 
 // The two latest identifiers: one is read while the other is written.
-constinit std::mutex crashSessionMutex;
+constinit platform::ForkSafeMutex crashSessionMutex;
 constinit std::array<std::array<char, 64>, 2> crashSessions{};
 constinit std::atomic<std::size_t> latestSession{0};
 

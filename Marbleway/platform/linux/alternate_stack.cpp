@@ -9,12 +9,14 @@
 #include <mutex>
 #include <optional>
 
+#include "Marbleway/platform/fork.h"
+
 namespace marbleway::platform {
 namespace {
 
 constexpr std::size_t kSize = 64UL * 1024;  // bytes, without the guard page
 
-constinit std::mutex keyMutex;
+constinit ForkSafeMutex keyMutex;
 constinit std::optional<pthread_key_t>
     key;  // of the mapping; a destructor of thread_local allocates
 
