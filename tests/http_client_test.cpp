@@ -308,20 +308,29 @@ void postWithoutAThread() {
   _exit(!isEarly && results.size() == 1 && !results.front() ? 0 : 1);
 }
 
-// With requests in flight and in a fork's child, sanitizers know too little of the other threads.
-TEST(HttpClientDeathTest, ExitsAndForksWithARequestInFlight) {
-  GTEST_FLAG_SET(death_test_style, "threadsafe");
-  setenv("ASAN_OPTIONS", "detect_leaks=0", 1);
-  setenv("TSAN_OPTIONS", "die_after_fork=0:atexit_sleep_ms=0:report_thread_leaks=0", 1);
+/// For the tests below: the checks for leaks and races at an exit need the threads that it ends.
+struct HttpClientDeathTest : testing::Test {
+  HttpClientDeathTest() {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    setenv("ASAN_OPTIONS", "detect_leaks=0", 1);
+  }
+  ~HttpClientDeathTest() override { unsetenv("ASAN_OPTIONS"); }
+};
+
+TEST_F(HttpClientDeathTest, ExitsWithARequestInFlight) {
   for (const char* scheme : {"http", "https"}) {
     for (const auto pause : {0us, 50us, 100us, 200us, 400us, 800us, 2000us, 20000us}) {
       EXPECT_EXIT(exitInFlight(scheme, pause), ExitedWithCode(0), "") << scheme << pause.count();
     }
-    EXPECT_EXIT(forkInFlight(scheme), ExitedWithCode(0), "") << scheme;
   }
   EXPECT_EXIT(postWithoutAThread(), ExitedWithCode(0), "");
-  unsetenv("ASAN_OPTIONS");
-  unsetenv("TSAN_OPTIONS");
+}
+
+// Not under AddressSanitizer: a fork copies its allocator's mutex, which another thread may hold.
+TEST_F(HttpClientDeathTest, AForkWithARequestInFlight) {
+  for (const char* scheme : {"http", "https"}) {
+    EXPECT_EXIT(forkInFlight(scheme), ExitedWithCode(0), "") << scheme;
+  }
 }
 
 }  // namespace
