@@ -13,6 +13,9 @@ std::string executableName();
 /// the home directory.
 std::filesystem::path defaultDataDirectory();
 
+/// The name that SQLite gives to this system's files, whatever the host's default.
+extern const char* const kSQLiteFileSystem;
+
 /// What has a name; `other` is no regular file, links included. `missing` also without an answer.
 enum class FileKind { missing, empty, filled, other };
 FileKind kindOf(const char* name) noexcept;

@@ -10,7 +10,7 @@ namespace {
 using platform::FileKind;
 using platform::kindOf;
 
-sqlite3_vfs* unixFiles = nullptr;
+sqlite3_vfs* systemFiles = nullptr;
 sqlite3_vfs storeFiles{};
 
 int openFile(sqlite3_vfs* /*vfs*/, const char* name, sqlite3_file* file, int flags, int* outFlags) {
@@ -27,11 +27,11 @@ int openFile(sqlite3_vfs* /*vfs*/, const char* name, sqlite3_file* file, int fla
   if ((flags & SQLITE_OPEN_MAIN_JOURNAL) != 0 && kind == FileKind::filled) {
     flags &= ~SQLITE_OPEN_CREATE;
   }
-  return unixFiles->xOpen(unixFiles, name, file, flags, outFlags);
+  return systemFiles->xOpen(systemFiles, name, file, flags, outFlags);
 }
 
 int accessFile(sqlite3_vfs* /*vfs*/, const char* name, int flags, int* result) {
-  if (flags != SQLITE_ACCESS_EXISTS) return unixFiles->xAccess(unixFiles, name, flags, result);
+  if (flags != SQLITE_ACCESS_EXISTS) return systemFiles->xAccess(systemFiles, name, flags, result);
   *result = kindOf(name) == FileKind::filled ? 1 : 0;
   return SQLITE_OK;
 }
@@ -39,9 +39,9 @@ int accessFile(sqlite3_vfs* /*vfs*/, const char* name, int flags, int* result) {
 }  // namespace
 
 void registerStoreFileSystem() {
-  unixFiles = sqlite3_vfs_find("unix");
-  if (unixFiles == nullptr) return;
-  storeFiles = *unixFiles;
+  systemFiles = sqlite3_vfs_find(platform::kSQLiteFileSystem);
+  if (systemFiles == nullptr) return;
+  storeFiles = *systemFiles;
   storeFiles.zName = kStoreFileSystem;
   storeFiles.xOpen = openFile;
   storeFiles.xAccess = accessFile;

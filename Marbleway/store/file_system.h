@@ -2,9 +2,9 @@
 
 namespace marbleway {
 
-/// The name of the stores' file system in SQLite's list. It is SQLite's "unix", whatever the host's
-/// default, with two differences: a journal that is no regular file is not opened (a pipe would
-/// block), and the folder of a journal that is already there is not synced again.
+/// The name of the stores' file system in SQLite's list. It is `platform::kSQLiteFileSystem` with
+/// two differences: a journal that is no regular file is not opened (a pipe would block), and the
+/// folder of a journal that is already there is not synced again.
 inline constexpr const char* kStoreFileSystem = "marbleway";
 
 void registerStoreFileSystem();

@@ -36,6 +36,8 @@ std::filesystem::path homeOnRecord() {
 
 }  // namespace
 
+const char* const kSQLiteFileSystem = "unix";
+
 std::string executableName() {
   std::error_code error;
   const auto link = std::filesystem::read_symlink("/proc/self/exe", error);
