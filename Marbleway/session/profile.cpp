@@ -4,6 +4,7 @@
 
 #include "Marbleway/core/configuration.h"
 #include "Marbleway/core/state.h"
+#include "Marbleway/platform/catch_all.h"
 #include "Marbleway/platform/platform.h"
 #include "Marbleway/session/connection_type.h"
 
@@ -13,10 +14,13 @@ namespace {
 // The text under `key`; a missing one is created and stored, unless another process was first.
 template <class Create>
 std::string loadOrCreate(std::string_view key, Create create) {
-  const auto defaults = platform::current()->userDefaults;
+  const auto services = platform::current();
+  const auto& defaults = services->userDefaults;
   if (auto text = defaults->text(key)) return *text;
   const std::string created = create();
   defaults->setTextIfMissing(key, created);
+  // The vendor's identifier, if it is missing too, is created now: one write stores both.
+  catchAll([&] { services->device->vendorIdentifier(); });
   defaults->synchronize();
   return defaults->text(key).value_or(created);
 }
@@ -27,7 +31,6 @@ Profile gatherProfile() {
   const auto services = platform::current();
   const auto host = configuration();
   Profile profile;
-  profile.PlatformDeviceID = services->device->vendorIdentifier();
   profile.OS = "iOS";
   profile.Manufacturer = "Apple";
   profile.OSVersion = services->device->systemVersion();
