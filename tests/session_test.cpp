@@ -121,6 +121,11 @@ TEST_F(SessionTest, RowsCarryTheSessionOfTheirAdmission) {
 
 struct FailingDefaults : platform::testing::MemoryDefaults {
   void setText(std::string_view, std::string_view) override { throw std::runtime_error("full"); }
+  void remove(std::string_view) override { throw std::runtime_error("full"); }
+};
+struct FailingHttp : platform::HttpClient {
+  using Done = std::function<void(std::optional<platform::HttpResponse>)>;
+  void post(platform::HttpRequest, Done) override { throw std::runtime_error("no network"); }
 };
 struct FailingConsole : platform::Console {
   void writeLine(std::string_view) override { throw std::runtime_error("no console"); }
@@ -159,6 +164,7 @@ TEST_F(SessionTest, StartUpRunsEveryStepDespiteAThrowingService) {
 TEST_F(SessionTest, NoOperationLetsAnExceptionOut) {
   beginSession();
   platform::install({.console = std::make_shared<FailingConsole>(),
+                     .httpClient = std::make_shared<FailingHttp>(),
                      .userDefaults = std::make_shared<FailingDefaults>(),
                      .statusBar = std::make_shared<FailingBar>()});
   isValidSession = false;
@@ -171,7 +177,9 @@ TEST_F(SessionTest, NoOperationLetsAnExceptionOut) {
   Marbleway::trackDeepLink("?mrbw_dlid=1");
   Marbleway::trackPushNotification({{"aps", Dictionary{{"mrbw_data", true}}}});
   Marbleway::logError("n", "m", std::runtime_error("r"));
+  EXPECT_TRUE(TimerTask.load() && isValidSession);
   Marbleway::unlinkUser();
+  EXPECT_FALSE(TimerTask.load() || sessionID.load());
   EXPECT_THAT(rows("mrbw_v2_deep_links"), SizeIs(1));
 }
 

@@ -5,13 +5,15 @@
 namespace marbleway {
 
 /// Runs `work`; an exception that leaves it (no memory, a host's service that throws) ends it and
-/// nothing else. Every way into the library and every task of its threads goes through here, so
-/// that none leads a host to its end.
+/// nothing else. True if none did. Every entry point of the library and every task of its threads
+/// runs in it, so that no exception ends the host.
 template <class Work>
-void catchAll(Work&& work) noexcept {
+bool catchAll(Work&& work) noexcept {
   try {
     std::forward<Work>(work)();
+    return true;
   } catch (...) {  // what was being done is lost in silence
+    return false;
   }
 }
 

@@ -13,7 +13,7 @@ struct Profile {
   std::string PrivacyMode;
 };
 
-/// Reads the profile from the device at each call.
+/// What the device and the host say at each call; without the identifiers and the privacy mode.
 Profile gatherProfile();
 
 /// The identifier of this installation's user: the one linked last, else a generic one, "user" and

@@ -6,6 +6,7 @@
 #include "Marbleway/core/console.h"
 #include "Marbleway/core/operation.h"
 #include "Marbleway/core/state.h"
+#include "Marbleway/platform/catch_all.h"
 #include "Marbleway/platform/platform.h"
 #include "Marbleway/session/crash.h"
 #include "Marbleway/session/profile.h"
@@ -45,8 +46,26 @@ std::string ensureSession() {
   if (!isNew) return identifier;
   SessionStartTime.store(startTime);
   isSDKValid = true;
-  persistSession(identifier);
+  catchAll([&] { persistSession(identifier); });
   return identifier;
+}
+
+void endSession() {
+  sessionID.update([](OptionalText& present) {
+    present.reset();
+    isValidSession = false;
+  });
+}
+
+void removePersistedSession() {
+  const auto defaults = platform::current()->userDefaults;
+  defaults->remove("Marbleway_SharedSessionID");
+  defaults->remove("Marbleway_isValidSession");
+  defaults->synchronize();
+}
+
+void stopCapture() {
+  if (isNetworkMonitoringEnabled) platform::current()->networkCapture->unregisterProtocol();
 }
 
 void watchSession() {
@@ -61,20 +80,25 @@ void watchSession() {
   }
 }
 
-void insertUser(const std::string& session, const std::string& identifier) {
+void insertUser(const std::string& session) {
   insertRow(
       "insert into mrbw_v2_users (id, SessionID, UserID, TypeID, UTCTimeStamp) VALUES (?, ?, ?, ?, ?)",
-      {session, identifier, "id", getUTCTimeStamp()});
+      {session, userIdentifier(), "id", getUTCTimeStamp()});
 }
 
-void identify(const std::string& session, Profile& profile) {
+// Writes the user's row and completes the profile. False when a part of the profile is missing.
+bool identify(const std::string& session, Profile& profile) {
   const bool isPrivate = isPrivacyMode;
-  if (isPrivate) profile.PlatformDeviceID = genericDeviceIdentifier();
-  insertUser(session, userIdentifier());
-  profile.PrivacyMode = isPrivate ? "Yes" : "No";
-  if (isAdvertisingID && !isPrivate) {
-    profile.AdvertisingID = platform::current()->device->advertisingIdentifier();
-  }
+  const bool hasDevice =
+      !isPrivate || catchAll([&] { profile.PlatformDeviceID = genericDeviceIdentifier(); });
+  catchAll([&] { insertUser(session); });
+  return hasDevice && catchAll([&] {
+           const auto device = platform::current()->device;
+           profile.PrivacyMode = isPrivate ? "Yes" : "No";
+           if (isPrivate) return;
+           profile.PlatformDeviceID = device->vendorIdentifier();
+           if (isAdvertisingID) profile.AdvertisingID = device->advertisingIdentifier();
+         });
 }
 
 void insertSession(const std::string& session, const Profile& profile,
@@ -100,18 +124,21 @@ void beginSession() {
 
 void updateSessionTimeout() { SessionTime.store(getUTCTimeStamp()); }
 
+// Each step catches its own exceptions, so that a step that fails skips no other. Only the
+// session's row needs the whole profile: it is lost with any part.
 std::optional<std::string> openSession() {
   if (!isSDKValid || !isTrackingEnabled) return std::nullopt;
   const std::string session = ensureSession();
-  updateSessionTimeout();  // the first check must not find it later than its own start
-  setDispatchFrequency();
-  setSessionTimeout();
-  Profile profile = gatherProfile();
-  updateSessionTimeout();
-  const OptionalText startTime = SessionStartTime.load();
-  watchSession();
-  identify(session, profile);
-  insertSession(session, profile, startTime);
+  catchAll(updateSessionTimeout);  // the first check must not find it later than its own start
+  catchAll(setDispatchFrequency);
+  catchAll(setSessionTimeout);
+  Profile profile;
+  OptionalText startTime;
+  const bool isGathered = catchAll([&] { profile = gatherProfile(); });
+  catchAll(updateSessionTimeout);
+  catchAll([&] { startTime = SessionStartTime.load(); });
+  catchAll(watchSession);
+  if (identify(session, profile) && isGathered) insertSession(session, profile, startTime);
   return session;
 }
 
@@ -123,17 +150,11 @@ void Marbleway::startSession() noexcept {
 
 void Marbleway::stopSession() noexcept {
   operation([] {
-    batchData();
+    catchAll(batchData);
     invalidateTimers();
-    sessionID.update([](OptionalText& present) {
-      present.reset();
-      isValidSession = false;
-    });
-    const auto services = platform::current();
-    services->userDefaults->remove("Marbleway_SharedSessionID");
-    services->userDefaults->remove("Marbleway_isValidSession");
-    services->userDefaults->synchronize();
-    if (isNetworkMonitoringEnabled) services->networkCapture->unregisterProtocol();
+    catchAll(endSession);
+    catchAll(removePersistedSession);
+    catchAll(stopCapture);
     console::message("Session Stopped");
   });
 }

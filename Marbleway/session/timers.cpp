@@ -38,7 +38,7 @@ void checkExpiry() {
   if (!lastActive) return;
   const std::chrono::duration<double> idle = platform::current()->clock->now() - *lastActive;
   if (SessionTimeout > static_cast<float>(idle.count())) return;
-  console::message("Session Expired");
+  catchAll([] { console::message("Session Expired"); });
   Marbleway::stopSession();
 }
 
@@ -49,7 +49,8 @@ void setSessionTimeout() { startTimer(SessionTask, SessionTimeout, checkExpiry);
 
 void invalidateTimers() {
   for (TimerHandle* task : {&TimerTask, &SessionTask, &CPUTask, &MemoryTask, &BatteryTask}) {
-    if (const auto timer = task->exchange(nullptr)) timer->invalidate();
+    const auto timer = task->exchange(nullptr);
+    if (timer) catchAll([&] { timer->invalidate(); });
   }
 }
 

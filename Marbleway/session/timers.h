@@ -8,7 +8,7 @@ void setDispatchFrequency();
 /// Starts the timer that checks every `SessionTimeout` seconds whether the session has expired, and
 /// stores it in `SessionTask`. A timer that was stored there before keeps running.
 void setSessionTimeout();
-/// Stops the five timers.
+/// Stops the five timers. An exception that one of them throws is dropped.
 void invalidateTimers();
 
 }  // namespace marbleway

@@ -5,6 +5,7 @@
 #include "Marbleway/core/pending.h"
 #include "Marbleway/core/state.h"
 #include "Marbleway/platform/busy_budget.h"
+#include "Marbleway/platform/catch_all.h"
 #include "Marbleway/platform/fork.h"
 #include "Marbleway/platform/platform.h"
 #include "Marbleway/session/crash.h"
@@ -31,7 +32,7 @@ void shutdown() noexcept {
     BatchSlot::reset();
     platform::endThreads();
     unregisterStores();
-    platform::current()->crashHook->uninstall();
+    catchAll([] { platform::current()->crashHook->uninstall(); });
     invalidateTimers();
     resetState();
   });

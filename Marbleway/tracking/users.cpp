@@ -6,6 +6,7 @@
 #include "Marbleway/core/console.h"
 #include "Marbleway/core/guards.h"
 #include "Marbleway/core/operation.h"
+#include "Marbleway/platform/catch_all.h"
 #include "Marbleway/platform/platform.h"
 #include "Marbleway/session/session.h"
 #include "Marbleway/store/store.h"
@@ -67,9 +68,11 @@ void Marbleway::linkUser(Text userIdentifier, Text identifierType) noexcept {
 
 void Marbleway::unlinkUser() noexcept {
   operation([] {
-    const auto defaults = platform::current()->userDefaults;
-    defaults->remove("Marbleway_UserID");
-    defaults->synchronize();
+    catchAll([] {
+      const auto defaults = platform::current()->userDefaults;
+      defaults->remove("Marbleway_UserID");
+      defaults->synchronize();
+    });
     stopSession();
   });
 }
