@@ -1,5 +1,4 @@
 #include <sqlite3.h>
-#include <sys/resource.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -14,6 +13,7 @@
 #include "tests/support/fixture.h"
 #include "tests/support/loopback_server.h"
 #include "tests/support/process_ends.h"
+#include "tests/support/shortage.h"
 
 namespace marbleway::testing {
 namespace {
@@ -78,26 +78,11 @@ TEST_F(ResilienceTest, AKilledProcessLeavesEveryRowWhoseCallReturned) {
   EXPECT_EQ(tests::killRecording(rounds), "");
 }
 
-// Leaves `left` of a resource to this process during its life; of descriptors, the open ones and
-// `left` more.
-class Shortage {
- public:
-  Shortage(__rlimit_resource resource, rlim_t left) : resource_(resource) {
-    getrlimit(resource, &before_);
-    rlimit less = before_;
-    const int lowestFree = dup(STDERR_FILENO);
-    close(lowestFree);
-    less.rlim_cur = left + (resource == RLIMIT_NOFILE ? static_cast<rlim_t>(lowestFree) : 0);
-    setrlimit(resource, &less);
-  }
-  Shortage(const Shortage&) = delete;
-  Shortage& operator=(const Shortage&) = delete;
-  ~Shortage() { setrlimit(resource_, &before_); }
-
- private:
-  __rlimit_resource resource_;
-  rlimit before_{};
-};
+int lowestFreeDescriptor() {
+  const int descriptor = dup(STDERR_FILENO);
+  close(descriptor);
+  return descriptor;
+}
 
 TEST_F(ResilienceTest, RecordsAgainOnceThereIsRoomAndDescriptors) {
   using Case = std::pair<__rlimit_resource, rlim_t>;
@@ -111,7 +96,8 @@ TEST_F(ResilienceTest, RecordsAgainOnceThereIsRoomAndDescriptors) {
       const auto fault = faultIn([&, resource = resource, left = left] {
         if (!isFirstStart) Marbleway::initMarbleway("token");
         {
-          const Shortage shortage(resource, left);
+          const int open = resource == RLIMIT_NOFILE ? lowestFreeDescriptor() : 0;
+          const Shortage shortage(resource, left + static_cast<rlim_t>(open));
           Marbleway::initMarbleway("token");
           for (int row = 0; row < 20; ++row) Marbleway::trackEvent(std::string(2000, 'x'));
           batchData();

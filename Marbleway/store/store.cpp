@@ -97,8 +97,6 @@ void createStores() {
   for (const Store store : {Store::event, Store::network}) createIfMissing(store);
 }
 
-void runStatement(Store store, const char* sql) { runRemoval(store, sql, StoreFile::kUnlimited); }
-
 void purgeOldRows() {
   for (const Table& table : kTables) remove(table, "UTCTimeStamp <= date('now','-30 day')");
 }

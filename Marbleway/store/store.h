@@ -17,10 +17,6 @@ void createStores();
 /// lies exactly thirty days back. Like `removeUpTo`, in slices that leave others time to write.
 void purgeOldRows();
 
-/// Runs one statement, whatever its kind, on a store. Rows that it returns are dropped; failures
-/// are silent. Thread: any.
-void runStatement(Store store, const char* sql);
-
 /// Removes every row of `table` whose UTC date is on or before that of the text `cutOff`.
 void removeUpTo(const Table& table, const std::string& cutOff);
 

@@ -31,6 +31,9 @@ const StateVariable kStateVariables[] = {
 };
 // clang-format on
 
+// 14 hours ahead: no day but UTC's counts.
+[[maybe_unused]] const bool isFarFromUTC = setenv("TZ", "Pacific/Kiritimati", 1) == 0;
+
 // Puts every process-wide variable back to its start value.
 void resetState() {
   for (const StateVariable& each : kStateVariables) {
