@@ -57,7 +57,7 @@ MARBLEWAY_EXPORT void uploadNow() noexcept;
 
 /// Ends what the library does in this process: stops and joins its threads, ends its timers and its
 /// requests in flight, and gives signal handlers back. Rows that were not sent stay in the stores.
-/// Afterwards the library is as before its first start; `initMarbleway` starts it anew.
+/// Afterwards the library is as before its first start; `initMarbleway` starts it again.
 ///
 /// For plugins that are unloaded and for leak checkers. Call it on a thread of the host's, while no
 /// other thread is in an operation. What a host's own main loop and HTTP client still hold has no

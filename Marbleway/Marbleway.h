@@ -35,7 +35,7 @@ class MARBLEWAY_EXPORT Marbleway {
   /// and asks the server for the project's configuration. The answer starts the session.
   ///
   /// A missing option takes its own default: privacy mode and network monitoring are then ON. The
-  /// README lists the ten options. A further call starts anew; if the earlier start was answered,
+  /// README lists the ten options. A further call starts again; if the earlier start was answered,
   /// it uploads pending rows at once, with the new token. Reads and writes files on the calling
   /// thread, and does not wait for the server.
   static void initMarbleway(marbleway::Text projectToken,
@@ -49,7 +49,7 @@ class MARBLEWAY_EXPORT Marbleway {
   /// library calls it after the handshake, and for an event or screen view without a session.
   static void startSession() noexcept;
 
-  /// Ends the session: begins an upload, stops the latest two timers, forgets the session.
+  /// Ends the session: begins an upload, stops the latest two timers, clears the session.
   ///
   /// Nothing refuses it, but the upload has its own conditions: the latest handshake was answered,
   /// the project is not refused, a session is valid, tracking and uploading are on. Timers of an

@@ -56,7 +56,7 @@ int marbleway_wait_until_idle(int64_t milliseconds);
 void marbleway_watch_thread(void);
 
 /// Stops and joins the library's threads, ends its timers and requests, and gives signal handlers
-/// back. `marbleway_init` starts the library anew. Call it while no other thread is in a call.
+/// back. `marbleway_init` starts the library again. Call it while no other thread is in a call.
 int marbleway_shutdown(void);
 
 /// Starts the library with the default options, privacy mode off.

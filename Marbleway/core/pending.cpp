@@ -12,7 +12,7 @@ namespace {
 
 constexpr std::chrono::milliseconds kRetryInterval{1};
 
-constinit Guarded<std::shared_ptr<std::atomic<int>>> counting;  // made anew by each reset
+constinit Guarded<std::shared_ptr<std::atomic<int>>> counting;  // a new one after each reset
 
 bool isIdle() {
   const auto count = counting.load();

@@ -51,8 +51,8 @@ inline constinit TimerHandle TimerTask, SessionTask, CPUTask, MemoryTask, Batter
 /// The one location manager, replaced by each call that enables monitoring.
 inline constinit Guarded<std::shared_ptr<platform::LocationManager>> mrbwLocationManager;
 
-/// Every variable above as it was before the first start-up. The handles are let go of in silence;
-/// timers that are to stop are invalidated before.
+/// Every variable above as it was before the first start-up. The handles are dropped; timers that
+/// are to stop are invalidated before.
 void resetState();
 
 /// What the session row reports.

@@ -7,8 +7,8 @@
 namespace marbleway::platform {
 
 /// The return addresses of the calling thread's stack, innermost first; empty where the system
-/// cannot tell. They begin where `caller` is returned to, an address of `__builtin_return_address`;
-/// if it is not among them, where this call is.
+/// cannot find them. They begin with `caller`, an address of `__builtin_return_address`; if it is
+/// not among them, with the address of this call.
 std::vector<std::uintptr_t> returnAddresses(const void* caller = nullptr);
 
 /// A line for each address: its number, module, function (demangled) and offset, as far as known.

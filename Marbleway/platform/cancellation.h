@@ -2,7 +2,7 @@
 
 namespace marbleway::platform {
 
-/// Puts off the cancellation of the calling thread while it lives.
+/// Defers the cancellation of the calling thread until it is destroyed.
 class CancellationDeferred {
  public:
   CancellationDeferred();

@@ -17,12 +17,12 @@ struct Failure {
   std::optional<std::string> sessionID{};
   /// When it happened; absent: now.
   std::optional<std::chrono::system_clock::time_point> time{};
-  /// Called once the row is committed. Empty: the hook keeps no record of the failure.
+  /// Called once the row is committed. Empty: the hook has no record of the failure.
   std::function<void()> onRecorded{};
 };
 
 /// Receives failures. One that ends this process comes at most once, on the failing thread or on
-/// one that stands in for it, and the process then ends as it would have.
+/// one that waits for failures, and the process then ends as it would have without a handler.
 using FailureHandler = void (*)(const Failure& failure);
 
 /// Reports failures that end the process. Each function but `install` does nothing by default.

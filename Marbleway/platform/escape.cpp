@@ -12,7 +12,7 @@ namespace {
 
 // The longest escape of one byte: \u001F.
 constexpr std::size_t kMaxEscapeLength = 6;
-// Bytes escaped at a time. A longer text is escaped in pieces, so that the room reserved for the
+// Bytes escaped at a time. A longer text is escaped in pieces, so that the space reserved for the
 // worst case does not grow with the text.
 constexpr std::size_t kMaxPiece = 4096;
 // The block operations below number bytes from the lowest bits upwards.
@@ -115,7 +115,7 @@ char* putCharacter(char* out, const char*& in, const char* end) {
   return put(out, length > 1 ? std::string_view(start, length) : kReplacement);
 }
 
-// The room that `size` bytes need: their escapes, and the rest of a block written behind them.
+// The space that `size` bytes need: their escapes, and the rest of a block written behind them.
 constexpr std::size_t maxEscapedSize(std::size_t size) {
   return size * kMaxEscapeLength + sizeof(std::uint64_t);
 }

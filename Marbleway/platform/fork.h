@@ -46,7 +46,7 @@ bool startRecording() noexcept;
 /// Has `reset` run in each child before `fork` returns; not in an unusable one.
 void resetInChild(void (*reset)()) noexcept;
 
-/// Lets go of `object` without destroying it, in a child: what serves it stayed with the parent.
+/// Drops `object` without destroying it, in a child: the threads that serve it are the parent's.
 void abandon(std::shared_ptr<const void> object);
 
 }  // namespace marbleway::platform

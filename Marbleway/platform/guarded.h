@@ -11,7 +11,7 @@ namespace marbleway {
 /// The lock behind every `Guarded` value. Held for a copy or an assignment, never across a call.
 inline constinit platform::ForkSafeMutex guardedMutex;
 
-/// Room for a process-wide object that is never torn down: threads may touch it at exit.
+/// Storage of a process-wide object that is never destroyed: threads may use it at exit.
 template <class T>
 union NoDestructor {
   template <class... Arguments>
@@ -19,7 +19,7 @@ union NoDestructor {
       : value(std::forward<Arguments>(arguments)...) {}
   NoDestructor(const NoDestructor&) = delete;
   NoDestructor& operator=(const NoDestructor&) = delete;
-  // Leaves `value` alive; a union's default would not compile.
+  // Does not destroy `value`; a union's default would not compile.
   constexpr ~NoDestructor() {}  // NOLINT(modernize-use-equals-default)
 
   T value;
@@ -36,7 +36,7 @@ class Guarded {
     return held_.value;
   }
   void store(T value) { exchange(std::move(value)); }
-  /// Puts `value` in and hands out what was there.
+  /// Stores `value` and returns the former one.
   T exchange(T value) {
     const std::scoped_lock lock(guardedMutex);
     std::swap(held_.value, value);

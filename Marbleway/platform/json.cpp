@@ -21,7 +21,7 @@ namespace rj = rapidjson;
 
 constexpr std::size_t kMaxDepth = 512;
 
-// Memory for RapidJSON, whose own allocator hands out null pointers when there is none.
+// Memory for RapidJSON, whose own allocator returns null pointers when there is none.
 struct ThrowingAllocator {
   static void* Malloc(std::size_t size) { return Realloc(nullptr, 0, size); }
   static void* Realloc(void* block, std::size_t /*oldSize*/, std::size_t size) {

@@ -28,8 +28,8 @@ class MARBLEWAY_EXPORT MainLoop {
   virtual void post(std::function<void()> task) = 0;
 
   /// Runs `task` on the loop every `period` (at least `kMinPeriod`), on the steady clock,
-  /// until the timer is invalidated. A late firing is not made up for. Letting go
-  /// of the handle does not stop the timer.
+  /// until the timer is invalidated. Missed firings are left out. Destroying
+  /// the handle does not stop the timer.
   virtual std::shared_ptr<Timer> repeat(std::chrono::nanoseconds period,
                                         std::function<void()> task) = 0;
 };

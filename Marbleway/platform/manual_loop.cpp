@@ -29,7 +29,7 @@ struct ManualLoop::Repeating {
 };
 
 /// Each access is a `ForkSection`, but for the wait. A fork during a wait may leave the mutex and
-/// the condition variable in use in the child, which makes them anew.
+/// the condition variable in use in the child, which creates new ones.
 struct ManualLoop::Queue {
   std::unique_lock<std::mutex> lock() {
     if (process.exchange(forkCount()) != forkCount()) {

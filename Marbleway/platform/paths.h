@@ -6,7 +6,7 @@
 
 namespace marbleway::platform {
 
-/// The file name of the program that runs, as the kernel knows it.
+/// The file name of the program that runs, from the kernel.
 std::string executableName();
 
 /// Where the user's applications keep their data, absolute: $XDG_DATA_HOME, or ".local/share" in

@@ -47,7 +47,7 @@ MARBLEWAY_EXPORT std::shared_ptr<const Platform> current();
 Platform makePlatform();
 
 /// Stops and joins the threads of this system's services, `makeCurlClient`'s among them. What they
-/// were given is ended or dropped; the next use starts them anew. Thread: any but these.
+/// were given is ended or dropped; the next use starts them again. Thread: any but these.
 void endThreads() noexcept;
 
 /// Makes the documents directory, with mode 0700, where it is missing. A failure is silent.

@@ -14,7 +14,7 @@ using SteadyTime = std::chrono::steady_clock::time_point;
 inline constexpr SteadyTime kNever = SteadyTime::max();
 
 /// The next firing after `now` of a timer that is, or first was, due at `due`. Firings that were
-/// missed are left out, and the ones after them keep to the grid.
+/// missed are left out; later ones are whole periods after `due`.
 inline SteadyTime nextFiring(SteadyTime due, std::chrono::nanoseconds period, SteadyTime now) {
   period = std::max(period, kMinPeriod);
   const SteadyTime last = due + (now - due) / period * period;

@@ -8,7 +8,7 @@
 
 namespace marbleway::platform {
 
-/// Texts and flags that outlive the process. Thread: any.
+/// Texts and flags that last after the process has ended. Thread: any.
 class MARBLEWAY_EXPORT UserDefaults {
  public:
   virtual ~UserDefaults() = default;

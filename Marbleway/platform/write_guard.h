@@ -4,12 +4,11 @@
 
 namespace marbleway::platform {
 
-/// While it lives, a write of this thread that fails (a closed pipe, a file grown to its limit)
-/// only fails: the signal that would end the process does not reach it. Destroyed by the thread
-/// that made it.
+/// Until it is destroyed, a failing write of this thread (a closed pipe, a file grown to its limit)
+/// raises no signal that would end the process. Destroyed by the thread that made it.
 class WriteGuard {
  public:
-  /// What is written to. For files it costs one look at their limit while they have none.
+  /// What is written to. For files without a size limit it costs one system call.
   enum class Into { pipe, file };
 
   explicit WriteGuard(Into into);

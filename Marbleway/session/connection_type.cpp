@@ -13,7 +13,7 @@ constexpr std::string_view kNone = "None";
 constexpr std::string_view kWifi = "Wifi";
 // What the modern bar's text is compared with, in this order.
 constexpr std::array<std::string_view, 4> kCellular = {"2G", "3G", "4G", "LTE"};
-// What the older bar's number stands for, from 1 on.
+// The meaning of the older bar's number, from 1 on.
 constexpr std::array<std::string_view, 5> kNumbered = {"2G", "3G", "4G", "LTE", kWifi};
 
 std::string_view modernType(const View& foreground) {

@@ -10,7 +10,7 @@ namespace marbleway {
 /// There is one row for a crash, however often this is called for it.
 ///
 /// Refused before start-up, with tracking off, without a session, and with performance monitoring
-/// off. Thread: the failing one, or one that stands in for it.
+/// off. Thread: the failing one, or one that waits for failures.
 void uncaughtExceptionHandler(const platform::Failure& failure);
 
 /// Records the crashes of ended processes whose rows could not be made then.

@@ -129,7 +129,7 @@ void updateSessionTimeout() { SessionTime.store(getUTCTimeStamp()); }
 std::optional<std::string> openSession() {
   if (!isSDKValid || !isTrackingEnabled) return std::nullopt;
   const std::string session = ensureSession();
-  catchAll(updateSessionTimeout);  // the first check must not find it later than its own start
+  catchAll(updateSessionTimeout);  // before the timer that checks it
   catchAll(setDispatchFrequency);
   catchAll(setSessionTimeout);
   Profile profile;

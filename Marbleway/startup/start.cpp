@@ -22,7 +22,7 @@ using namespace marbleway;
 
 namespace marbleway {
 
-// The state is reset twice: before, so that operations are refused and what is under way has no
+// The state is reset twice: before, so that operations are refused and work in progress has no
 // effect; and after, for the task that the main loop was running.
 void shutdown() noexcept {
   operation([] {
@@ -43,7 +43,7 @@ void shutdown() noexcept {
 namespace {
 
 // The library is as before its first start-up. The parent's handles are not destroyed: what they
-// stand for is served by threads of the parent.
+// refer to belongs to threads of the parent.
 void resetAfterFork() {
   for (TimerHandle* task : {&TimerTask, &SessionTask}) platform::abandon(task->exchange(nullptr));
   platform::abandon(mrbwLocationManager.exchange(nullptr));

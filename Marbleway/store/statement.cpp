@@ -48,7 +48,7 @@ bool hasNoMutexes() {
   return isMissing;
 }
 
-// False when another connection did not make room in time.
+// False when another connection was not closed in time.
 bool beginOpening() {
   Openings& all = openings();
   std::unique_lock lock(all.mutex);

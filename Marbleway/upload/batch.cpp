@@ -57,8 +57,8 @@ class TableReader {
   }
 
  private:
-  // Goes on behind the latest row. True when it has come to a long one. The store is released
-  // again and again: a writer waits for the last reader, and keeps new ones out meanwhile.
+  // Reads on after the latest row. True when the next one is long. The store is released after
+  // each slice: a writer waits for all readers, and new readers wait for the writer.
   bool readRows() {
     for (;;) {
       const auto end = std::chrono::steady_clock::now() + kSlice;

@@ -11,8 +11,8 @@
 
 namespace marbleway::platform {
 
-/// Blocks every signal but the fatal ones for the calling thread while it lives. A fault whose
-/// signal is blocked would end the process without any handler.
+/// Blocks every signal but the fatal ones for the calling thread until it is destroyed. A fault
+/// whose signal is blocked would end the process without any handler.
 class SignalsBlocked {
  public:
   SignalsBlocked() {

@@ -6,7 +6,7 @@
 
 namespace marbleway::platform {
 
-/// Frames of a call stack that are kept; the outer ones of a deeper stack are left out.
+/// The most frames of a call stack; the outer ones of a deeper stack are left out.
 inline constexpr std::size_t kMaxFrames = 128;
 
 /// How an address came into a call stack: by a call, which ended just before it, or because the
@@ -17,7 +17,7 @@ enum class AddressKind { returnAddress, faultAddress };
 std::string hexadecimal(std::uintptr_t number, std::size_t digits = 1);
 
 /// One line of a call stack: "2 todo 0x00005570f0a4b1c2 save(int) + 0x62". Where the function is
-/// not known, the module stands for it: "2 todo 0x00005570f0a4b1c2 todo + 0x1b1c2".
+/// not known, the module takes its place: "2 todo 0x00005570f0a4b1c2 todo + 0x1b1c2".
 std::string frameLine(std::size_t number, std::uintptr_t address, AddressKind kind);
 
 /// The beginning of such a line: "2 todo 0x00005570f0a4b1c2".

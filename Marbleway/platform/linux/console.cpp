@@ -21,7 +21,7 @@ void writeNow(mode_t mode, std::string_view bytes) {
     (void)!::send(STDERR_FILENO, bytes.data(), bytes.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
     return;
   }
-  // Opened anew: O_NONBLOCK on the host's own descriptor would hold for the host's writes too.
+  // Opened again: O_NONBLOCK on the host's own descriptor would hold for the host's writes too.
   const int own = ::open("/proc/self/fd/2", O_WRONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
   if (own >= 0) {
     (void)!::write(own, bytes.data(), bytes.size());

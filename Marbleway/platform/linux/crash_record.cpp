@@ -64,7 +64,7 @@ std::string descriptionOf(const CrashRecord& record) {
   const char* const meaning = sigdescr_np(record.signal);
   text.append(" (SIG").append(name != nullptr ? name : "?").append("): ");
   text.append(meaning != nullptr ? meaning : "?");
-  // A signal that was sent has no address, nor has one that the kernel knows no more about.
+  // A signal that was sent has no address, nor has one without details from the kernel.
   const bool hasAddress = record.code > 0 && record.code != SI_KERNEL;
   return hasAddress ? text.append(" at address ").append(hexadecimal(record.address)) : text;
 }

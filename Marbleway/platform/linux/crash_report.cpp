@@ -83,8 +83,8 @@ _Unwind_Reason_Code addFrame(_Unwind_Context* frame, void* state) {
   return record.depth < record.frames.size() ? _URC_NO_REASON : _URC_END_OF_STACK;
 }
 
-// From a jump to nowhere no walk leads back, but the caller has left an address. A damaged stack
-// leads to bad memory: then the frames so far are all.
+// A jump to an address without code has no frame, but the caller's return address is on the stack.
+// A damaged stack makes the walk read bad memory: it then ends with the frames so far.
 void recordFrames(const Place& place) {
   record.frames[0] = std::bit_cast<std::uintptr_t>(place.address);
   record.depth = 1;

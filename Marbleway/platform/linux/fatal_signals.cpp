@@ -88,8 +88,8 @@ Chain* chainOfMarker(const siginfo_t& info) {
   return at != chains.end() ? &*at : nullptr;
 }
 
-// The former handler is done and the thread goes on. A handler that has installed another action,
-// such as SIG_DFL, means that to take the signal.
+// The former handler has returned and the thread goes on. A handler that has installed another
+// action, such as SIG_DFL, means that to take the signal.
 void goOnCapturing(Chain& chain) {
   const int number = kFatalSignals[static_cast<std::size_t>(&chain - chains.data())];
   withdrawReport();

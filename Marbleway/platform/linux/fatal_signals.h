@@ -9,12 +9,12 @@ namespace marbleway::platform {
 inline constexpr std::array kFatalSignals{SIGSEGV, SIGBUS, SIGFPE, SIGILL,
                                           SIGTRAP, SIGSYS, SIGABRT};
 
-/// Has the fatal signals captured before the kernel delivers them anew to the actions that stood
-/// before. If the handler of a fault returns or jumps away, the capture is withdrawn and goes on
-/// for later faults; an abort counts as final.
+/// Captures the fatal signals; the kernel then delivers them again to the former actions. If the
+/// handler of a fault returns or jumps away, the capture is withdrawn and later faults are captured
+/// too; an abort counts as final.
 ///
 /// A stack overflow is captured only on a thread that has an alternate stack; on another the kernel
-/// finds no room for the handler and ends the process.
+/// has no stack for the handler and ends the process.
 void captureFatalSignals();
 
 /// Restores the former actions, where no other has been installed since.

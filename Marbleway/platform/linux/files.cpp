@@ -82,7 +82,7 @@ FileContent readFile(const std::filesystem::path& file, std::size_t maxBytes) {
 DirectoryLock::DirectoryLock(const std::filesystem::path& directory)
     : directory_(openDirectory(directory)), state_(lock(directory_)) {}
 
-// Asks again and again: a wait in the system would have no end.
+// Tries again after each interval: a wait in the system would have no limit.
 DirectoryLock::State DirectoryLock::lock(int directory) {
   if (directory < 0) return State::unsupported;
   const BusyBudget budget;

@@ -28,14 +28,15 @@ struct HttpOptions {
 /// The network through libcurl, on one thread that begins with the first request and sleeps while
 /// none is in flight.
 ///
-/// Requests overlap. Loopback is never proxied; a proxy of https requests sees the server's name
-/// and nothing else. When no thread can be had the request ends without a response, on the
+/// Requests overlap. Loopback is never proxied; a proxy of https requests receives the server's
+/// name and nothing else. When no thread can be started the request ends without a response, on the
 /// installed main loop, and the next one tries again.
 ///
 /// Destroying the client ends what is in flight without a response, runs each `done` and joins the
-/// thread. The process may end or fork with requests in flight. From its end on the thread is kept
-/// out of libcurl and what is posted is dropped; that takes as long as reading the certificates at
-/// most. In a fork's child the client starts anew, without the parent's requests.
+/// thread. The process may end or fork with requests in flight. Once it ends, the thread does not
+/// call libcurl any more, and what is posted is dropped; the end waits for a call of libcurl, at
+/// most as long as reading the certificates takes. In a fork's child the client starts again,
+/// without the parent's requests.
 MARBLEWAY_EXPORT std::shared_ptr<HttpClient> makeCurlClient(HttpOptions options = {});
 
 }  // namespace marbleway::platform

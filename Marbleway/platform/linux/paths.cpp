@@ -25,11 +25,11 @@ std::filesystem::path absolutePathIn(const char* name) {
 
 /// The home directory in the user database; "/" when the user has none.
 std::filesystem::path homeOnRecord() {
-  std::vector<char> room(1024);
+  std::vector<char> buffer(1024);
   passwd entry{};
   passwd* found = nullptr;
-  while (getpwuid_r(getuid(), &entry, room.data(), room.size(), &found) == ERANGE) {
-    room.resize(2 * room.size());
+  while (getpwuid_r(getuid(), &entry, buffer.data(), buffer.size(), &found) == ERANGE) {
+    buffer.resize(2 * buffer.size());
   }
   return found != nullptr && *found->pw_dir == '/' ? found->pw_dir : "/";
 }
@@ -42,7 +42,7 @@ std::string executableName() {
   std::error_code error;
   const auto link = std::filesystem::read_symlink("/proc/self/exe", error);
   std::string name = error ? program_invocation_short_name : link.filename().string();
-  // A program that is replaced while it runs keeps its name.
+  // A program that is replaced while it runs has its former name.
   constexpr std::string_view kReplaced = " (deleted)";
   if (name.ends_with(kReplaced)) name.resize(name.size() - kReplaced.size());
   return name;

@@ -33,8 +33,8 @@ std::shared_ptr<UserDefaults> makeFileDefaults(const std::filesystem::path& file
 std::shared_ptr<Device> makeLinuxDevice();
 
 /// Each line goes to standard error, as it is when this is called, in one `write`. A line that
-/// would have to wait is lost; a line for a pipe longer than its room may be cut. A closed pipe
-/// raises no signal. Once the descriptor refers to something else, lines go nowhere.
+/// would have to wait is lost; a line longer than the free space of a pipe may be cut. A closed
+/// pipe raises no signal. Once the descriptor refers to something else, lines go nowhere.
 std::shared_ptr<Console> makeStandardError();
 
 std::shared_ptr<Clock> makeSystemClock();

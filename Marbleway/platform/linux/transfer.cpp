@@ -60,8 +60,8 @@ curl_socket_t openSocket(void* /*unused*/, curlsocktype /*purpose*/, curl_sockad
 }
 
 /// The system's authorities come from a file that libcurl caches for a day, so that each exchange
-/// but the first saves 20 ms. It caches nothing while a folder is searched too; a system that has
-/// only the folder keeps it.
+/// but the first saves 20 ms. It caches nothing while a folder is searched too; a system without
+/// such a file uses its folder.
 bool hasBundle(CURL* easy) {
   const char* file = nullptr;
   return curl_easy_getinfo(easy, CURLINFO_CAINFO, &file) == CURLE_OK && file != nullptr &&
@@ -127,7 +127,7 @@ bool Transfer::prepare(CURL* easy, const HttpOptions& options) noexcept {
 
   set(CURLOPT_NOSIGNAL, 1L);
   set(CURLOPT_QUICK_EXIT, 1L);  // a name server that is silent holds up no other exchange
-  // One connection an exchange: on a kept one that the server has closed, libcurl posts again.
+  // One connection an exchange: on a reused one that the server has closed, libcurl posts again.
   set(CURLOPT_HTTP_VERSION, static_cast<long>(CURL_HTTP_VERSION_1_1));
   set(CURLOPT_FRESH_CONNECT, 1L);
   set(CURLOPT_FORBID_REUSE, 1L);

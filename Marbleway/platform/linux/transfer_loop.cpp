@@ -28,11 +28,11 @@ void atExit() {
 
 void initializeCurl() {
   if (std::exchange(isCurlInitialized, true)) return;
-  (void)curl_global_init(CURL_GLOBAL_DEFAULT);  // a failure shows when no handle can be had
+  (void)curl_global_init(CURL_GLOBAL_DEFAULT);  // after a failure no handle can be made
   (void)std::atexit(atExit);                    // for a TLS library that `guardExit` does not know
 }
 
-/// Runs `step` while neither an exit nor a fork takes place. From the process's end on it does not
+/// Runs `step` while neither an exit nor a fork takes place. Once the process ends, it does not
 /// return.
 template <class Step>
 auto inCurl(Step step) {

@@ -37,7 +37,7 @@ class FileDefaults final : public UserDefaults {
     load();
     const Value* value = find(key);
     if (value != nullptr && value->as<std::string>() != nullptr) return;
-    // A key that this process has changed is missing by its own will, whatever the file holds.
+    // A key that this process has removed is missing, whatever the file holds.
     const bool yields = !changes_.contains(key);
     changes_.insert_or_assign(std::string(key), Change{.value = Value(text), .yields = yields});
   }
@@ -53,7 +53,7 @@ class FileDefaults final : public UserDefaults {
  private:
   struct Change {
     std::optional<Value> value{};  // absent: removed
-    bool yields = false;           // to a text that the file turns out to hold
+    bool yields = false;           // dropped if the file holds a text
   };
 
   bool hasChanges() {

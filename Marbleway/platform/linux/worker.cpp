@@ -34,8 +34,8 @@ namespace {
 
 constinit Guarded<std::vector<std::weak_ptr<WorkerState>>> states;
 
-/// Keeps this code mapped from the first thread on: a plugin that is unloaded without `shutdown`
-/// would take it away from under the threads.
+/// Leaves this code mapped from the first thread on: unloading a plugin without `shutdown` would
+/// unmap the code that the threads run.
 void pinModule() {
   static constinit std::atomic<bool> isPinned{false};
   Dl_info symbol{};

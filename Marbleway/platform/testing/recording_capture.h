@@ -12,10 +12,10 @@ namespace marbleway::platform::testing {
 /// Records the names of the calls, oldest first. Thread: any.
 class RecordingCapture : public NetworkCapture {
  public:
-  void defaultConfiguration() override { keep("defaultConfiguration"); }
-  void load() override { keep("load"); }
-  void registerProtocol() override { keep("registerProtocol"); }
-  void unregisterProtocol() override { keep("unregisterProtocol"); }
+  void defaultConfiguration() override { record("defaultConfiguration"); }
+  void load() override { record("load"); }
+  void registerProtocol() override { record("registerProtocol"); }
+  void unregisterProtocol() override { record("unregisterProtocol"); }
 
   /// The names so far.
   std::vector<std::string> calls() const {
@@ -24,7 +24,7 @@ class RecordingCapture : public NetworkCapture {
   }
 
  private:
-  void keep(std::string call) {
+  void record(std::string call) {
     const std::scoped_lock lock(mutex_);
     calls_.push_back(std::move(call));
   }

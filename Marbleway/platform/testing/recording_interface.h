@@ -21,11 +21,11 @@ struct ShownAlert {
 /// Records the calls to the user interface, oldest first. Thread: any.
 class RecordingInterface : public UserInterface {
  public:
-  void setBadgeNumber(int number) override { keep(badges_, number); }
-  void openURL(std::string_view url) override { keep(urls_, std::string(url)); }
+  void setBadgeNumber(int number) override { record(badges_, number); }
+  void openURL(std::string_view url) override { record(urls_, std::string(url)); }
   void showAlert(std::string_view title, std::string_view message,
                  std::string_view button) override {
-    keep(alerts_, ShownAlert{std::string(title), std::string(message), std::string(button)});
+    record(alerts_, ShownAlert{std::string(title), std::string(message), std::string(button)});
   }
 
   ///@{
@@ -37,7 +37,7 @@ class RecordingInterface : public UserInterface {
 
  private:
   template <class T>
-  void keep(std::vector<T>& list, T entry) {
+  void record(std::vector<T>& list, T entry) {
     const std::scoped_lock lock(mutex_);
     list.push_back(std::move(entry));
   }

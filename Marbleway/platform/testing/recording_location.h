@@ -24,33 +24,33 @@ class RecordingManager : public LocationManager {
 
   void setDelegate(LocationDelegate* delegate) override {
     delegate_ = delegate;
-    keep("setDelegate");
+    record("setDelegate");
   }
-  void setDesiredAccuracyBest() override { keep("setDesiredAccuracyBest"); }
-  void setDistanceFilter(double metres) override { keep("setDistanceFilter", metres); }
+  void setDesiredAccuracyBest() override { record("setDesiredAccuracyBest"); }
+  void setDistanceFilter(double metres) override { record("setDistanceFilter", metres); }
   void setAllowsBackgroundLocationUpdates(bool allowed) override {
-    keep("setAllowsBackgroundLocationUpdates", allowed);
+    record("setAllowsBackgroundLocationUpdates", allowed);
   }
   void setPausesLocationUpdatesAutomatically(bool pauses) override {
-    keep("setPausesLocationUpdatesAutomatically", pauses);
+    record("setPausesLocationUpdatesAutomatically", pauses);
   }
-  void startUpdatingLocation() override { keep("startUpdatingLocation"); }
+  void startUpdatingLocation() override { record("startUpdatingLocation"); }
   void startMonitoringSignificantLocationChanges() override {
-    keep("startMonitoringSignificantLocationChanges");
+    record("startMonitoringSignificantLocationChanges");
   }
   void startMonitoring(const CircularRegion& region) override {
-    keep("startMonitoring", region.identifier, region.latitude, region.longitude, region.radius);
+    record("startMonitoring", region.identifier, region.latitude, region.longitude, region.radius);
   }
   void startMonitoring(const BeaconRegion& region) override {
-    keep("startMonitoring", region.identifier, region.proximityUUID, region.major, region.minor);
+    record("startMonitoring", region.identifier, region.proximityUUID, region.major, region.minor);
   }
   bool isRangingAvailable() override {
-    keep("isRangingAvailable");
+    record("isRangingAvailable");
     return rangingAvailable_;
   }
   void startRangingBeacons(const BeaconRegion& region) override {
-    keep("startRangingBeacons", region.identifier, region.proximityUUID, region.major,
-         region.minor);
+    record("startRangingBeacons", region.identifier, region.proximityUUID, region.major,
+           region.minor);
   }
 
   /// The calls so far, oldest first.
@@ -63,7 +63,7 @@ class RecordingManager : public LocationManager {
 
  private:
   template <class... Given>
-  void keep(std::string call, const Given&... given) {
+  void record(std::string call, const Given&... given) {
     [[maybe_unused]] const char* separator = " ";
     ((call.append(separator).append(text(given)), separator = ", "), ...);
     const std::scoped_lock lock(mutex_);
