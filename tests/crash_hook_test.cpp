@@ -1,68 +1,100 @@
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
-#include <filesystem>
+#include <cstdio>
 #include <fstream>
-#include <string>
 
-#include "Marbleway/store/schema.h"
+#include "tests/support/child.h"
+#include "tests/support/crashes.h"
 #include "tests/support/fixture.h"
-#include "tests/support/process_ends.h"
 
-namespace marbleway::testing {
+namespace marbleway::tests {
 namespace {
 
 namespace fs = std::filesystem;
 using ::testing::ElementsAre;
+using ::testing::HasSubstr;
+using testing::query;
+using ::testing::SizeIs;
+using ::testing::StartsWith;
 
-tests::Failed fail(const std::string& way, const fs::path& directory) {
-  return tests::fail(CRASHING_CHILD, way, directory);
-}
+class CrashHookTest : public ::testing::TestWithParam<Crash> {
+ protected:
+  CrashHookTest() {
+    fs::permissions(directory(), fs::perms::all);
+  }  // one child gives up its rights
 
-std::vector<std::string> crashesIn(const fs::path& directory) {
-  return query(directory / DBFileName,
-               "SELECT count(*) || ' ' || count(DISTINCT SessionID) FROM mrbw_v2_crashes");
-}
-
-TEST(CrashHookTest, EveryWayOfFailingLeavesItsRowAndItsEnd) {
-  int place = 0;
-  for (const tests::Failing& failing : tests::kFailing) {
-    SCOPED_TRACE(failing.way);
-    const TemporaryDirectory documents;
-    EXPECT_EQ(tests::crash(CRASHING_CHILD, failing, documents.path(), place++), "");
+  const fs::path& directory() const { return folder_.path(); }
+  // The end of a process that fails as the crash `name` does.
+  std::string run(const char* name, int place = 0) const {
+    return Child([&] {
+             const fs::path self = fs::read_symlink("/proc/self/exe");
+             execl(self.c_str(), self.c_str(), name, directory().c_str(),
+                   std::to_string(place).c_str(), nullptr);
+           })
+        .wait();
   }
-}
+  std::vector<std::string> sessionsOfCrashes() const {
+    return query(directory() / DBFileName,
+                 "SELECT count(*) || ' ' || count(DISTINCT SessionID) FROM mrbw_v2_crashes");
+  }
 
-TEST(CrashHookTest, CaptureUsesLittleOfASmallAlternateStack) {
-  const TemporaryDirectory documents;
-  EXPECT_LT(std::stoi(fail("small stack", documents.path()).output), 4096);
-}
+ private:
+  const testing::TemporaryDirectory folder_;
+};
 
-TEST(CrashHookTest, ACrashHasOneRowWhateverItsRecordSays) {
-  const TemporaryDirectory documents;
-  const fs::path record = documents.path() / "crash-record-0.bin";
-  fail("write", documents.path());
+// The places follow the seed, which each repetition increases.
+TEST_P(CrashHookTest, LeavesOneRowAndItsOwnEnd) {
+  const Crash& crash = GetParam();
+  const int place = (24 + ::testing::UnitTest::GetInstance()->random_seed()) % 48;
+  EXPECT_EQ(run(crash.name, place), crash.end) << "place " << place;
+  EXPECT_EQ(run("Start"), "");
+  expectSoundStores(directory());
+  const auto rows = query(directory() / DBFileName,
+                          "SELECT CrashDetails || char(10) || StackTrace FROM mrbw_v2_crashes");
+  ASSERT_THAT(rows, SizeIs(crash.description != nullptr ? 1 : 0)) << "place " << place;
+  if (rows.empty()) return;
+  EXPECT_THAT(rows[0], StartsWith(crash.description));
+  // A row that the next start makes knows the modules only, or nothing if the process ended soon.
+  EXPECT_THAT(rows[0],
+              AnyOf(HasSubstr(crash.function), HasSubstr("tests + 0x"), HasSubstr("0 ? 0x")));
+}
+INSTANTIATE_TEST_SUITE_P(Ways, CrashHookTest,
+                         ::testing::ValuesIn(crashes().begin(), crashes().end()),
+                         [](const auto& way) { return std::string(way.param.name); });
+
+TEST_F(CrashHookTest, ACrashHasOneRowWhateverItsRecordSays) {
+  const fs::path record = directory() / "crash-record-0.bin";
+  run("Write");
   EXPECT_EQ(fs::status(record).permissions(), fs::perms::owner_read | fs::perms::owner_write);
   // As if the process had ended between the row's commit and the mark.
   std::fstream(record).seekp(8).put(1);
-  fail("start", documents.path());
-  fail("start", documents.path());
-  EXPECT_THAT(crashesIn(documents.path()), ElementsAre("1 1"));
+  run("Start");
+  run("Start");
+  EXPECT_THAT(sessionsOfCrashes(), ElementsAre("1 1"));
 }
 
-TEST(CrashHookTest, RecordsOfOthersAndOtherFilesAreLeftAlone) {
-  const TemporaryDirectory documents;
-  const fs::path& directory = documents.path();
-  mkfifo((directory / "crash-record-0.bin").c_str(), S_IRUSR | S_IWUSR);
-  fs::create_symlink(directory / "elsewhere", directory / "crash-record-1.bin");
-  std::ofstream(directory / "crash-record-2.bin") << std::string(3984, '\1');
-  fail("in a transaction", directory);  // each crash leaves a record, its row is made later
-  fail("in a transaction", directory);
-  fail("start", directory);
-  EXPECT_THAT(crashesIn(directory), ElementsAre("2 2"));
-  EXPECT_FALSE(fs::exists(directory / "elsewhere"));
+TEST_F(CrashHookTest, RecordsOfOthersAndOtherFilesAreLeftAlone) {
+  mkfifo((directory() / "crash-record-0.bin").c_str(), S_IRUSR | S_IWUSR);
+  fs::create_symlink(directory() / "elsewhere", directory() / "crash-record-1.bin");
+  std::ofstream(directory() / "crash-record-2.bin") << std::string(3984, '\1');
+  run("InATransaction");  // each crash leaves a record, its row is made later
+  run("InATransaction");
+  run("Start");
+  EXPECT_THAT(sessionsOfCrashes(), ElementsAre("2 2"));
+  EXPECT_FALSE(fs::exists(directory() / "elsewhere"));
 }
 
 }  // namespace
-}  // namespace marbleway::testing
+}  // namespace marbleway::tests
+
+// A child of a test is given the name of a crash, a directory and a place.
+int main(int count, char** arguments) {
+  if (count == 4) {
+    (void)!std::freopen("/dev/null", "w", stderr);
+    marbleway::tests::startAndFail(arguments[1], arguments[2], std::atoi(arguments[3]));
+    return 0;
+  }
+  testing::InitGoogleTest(&count, arguments);
+  return RUN_ALL_TESTS();
+}

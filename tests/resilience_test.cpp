@@ -5,14 +5,16 @@
 #include <clocale>
 #include <cstdlib>
 #include <locale>
+#include <random>
 #include <set>
 #include <thread>
 
+#include "Marbleway/platform/linux/http_client.h"
 #include "Marbleway/upload/batch.h"
+#include "tests/support/child.h"
 #include "tests/support/failing_vfs.h"
 #include "tests/support/fixture.h"
 #include "tests/support/loopback_server.h"
-#include "tests/support/process_ends.h"
 #include "tests/support/shortage.h"
 
 namespace marbleway::testing {
@@ -23,26 +25,20 @@ using namespace std::chrono_literals;
 using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 using ::testing::SizeIs;
-using tests::LoopbackServer;
-using tests::Rounds;
+using tests::Child, tests::LoopbackServer;
 
-constexpr auto kExitTime = 1s;  // 100 ms, and what a sanitizer and a busy machine add
+// The stress program has more rows and a shorter time: 100 ms, to which a sanitizer and a busy
+// machine add.
+constexpr std::size_t kRows = ROWS;
+constexpr std::chrono::milliseconds kExitTime(EXIT_MILLISECONDS);
 
 class ResilienceTest : public MarblewayTest {
  protected:
   ResilienceTest() { time->setWallClock(std::chrono::system_clock::now()); }  // as SQLite's
-
-  // The fault of a child that does `work`, expectations included.
-  static tests::Fault faultIn(const std::function<void()>& work) {
-    return tests::faultOfChild([&] {
-      work();
-      return HasFailure() ? "an expectation failed" : "";
-    });
-  }
 };
 
 TEST_F(ResilienceTest, EightThreadsLoseNoRowWhileBatchesAreRead) {
-  constexpr std::size_t kThreads = 8, kRows = 100;
+  constexpr std::size_t kThreads = 8;
   beginSession();
   std::atomic<std::size_t> recording = kThreads;
   std::vector<std::jthread> threads(kThreads);
@@ -72,18 +68,6 @@ TEST_F(ResilienceTest, EightThreadsLoseNoRowWhileBatchesAreRead) {
   EXPECT_THAT(std::set<std::string>(names.begin(), names.end()), SizeIs(kThreads * kRows));
 }
 
-TEST_F(ResilienceTest, AKilledProcessLeavesEveryRowWhoseCallReturned) {
-  Rounds rounds{.directory = directory.path(), .count = 10};
-  EXPECT_EQ(tests::killFirstStart(rounds), "");
-  EXPECT_EQ(tests::killRecording(rounds), "");
-}
-
-int lowestFreeDescriptor() {
-  const int descriptor = dup(STDERR_FILENO);
-  close(descriptor);
-  return descriptor;
-}
-
 TEST_F(ResilienceTest, RecordsAgainOnceThereIsRoomAndDescriptors) {
   using Case = std::pair<__rlimit_resource, rlim_t>;
   for (const auto& [resource, left] :
@@ -93,11 +77,12 @@ TEST_F(ResilienceTest, RecordsAgainOnceThereIsRoomAndDescriptors) {
       SCOPED_TRACE(std::to_string(left) + (resource == RLIMIT_FSIZE ? " bytes" : " descriptors") +
                    (isFirstStart ? " at the first start" : " later"));
       for (const auto& file : fs::directory_iterator(directory.path())) fs::remove(file);
-      const auto fault = faultIn([&, resource = resource, left = left] {
+      Child child([&, resource = resource, left = left] {
         if (!isFirstStart) Marbleway::initMarbleway("token");
         {
-          const int open = resource == RLIMIT_NOFILE ? lowestFreeDescriptor() : 0;
-          const Shortage shortage(resource, left + static_cast<rlim_t>(open));
+          const int lowestFree = resource == RLIMIT_NOFILE ? dup(STDERR_FILENO) : 0;
+          if (lowestFree > 0) close(lowestFree);
+          const Shortage shortage(resource, left + static_cast<rlim_t>(lowestFree));
           Marbleway::initMarbleway("token");
           for (int row = 0; row < 20; ++row) Marbleway::trackEvent(std::string(2000, 'x'));
           batchData();
@@ -107,10 +92,10 @@ TEST_F(ResilienceTest, RecordsAgainOnceThereIsRoomAndDescriptors) {
         Marbleway::trackEvent("after");
         EXPECT_THAT(lines(), ElementsAre("Marbleway Message: Starting Marbleway SDK",
                                          "Marbleway Message: Event Tracked"));
-        EXPECT_EQ(tests::faultOfStores(directory.path()), "");
+        tests::expectSoundStores(directory.path());
         EXPECT_EQ(tests::eventsIn(directory.path()).back(), "after");
       });
-      EXPECT_EQ(fault, "");
+      EXPECT_EQ(child.wait(), "");
     }
   }
 }
@@ -124,7 +109,7 @@ struct Foreign : std::numpunct<char> {
 };
 
 TEST_F(ResilienceTest, AnotherLocaleAndAnotherDirectoryChangeNothing) {
-  const auto fault = faultIn([&] {
+  Child child([&] {
     fs::current_path(directory.path());
     configure({.documentsDirectory = "data/here"});
     setenv("LC_ALL", "xx_YY.UTF-8", 1);  // one that the system does not have
@@ -141,85 +126,170 @@ TEST_F(ResilienceTest, AnotherLocaleAndAnotherDirectoryChangeNothing) {
     batchData();
     EXPECT_THAT(http->requests().back().body, HasSubstr(R"("id":"1234567")"));
   });
-  EXPECT_EQ(fault, "");
-}
-
-TEST_F(ResilienceTest, AForkedChildCountsItsOwnRequestsOnly) {
-  beginSession();
-  Marbleway::trackEvent("e");
-  batchData();
-  EXPECT_EQ(faultIn([&] {
-              EXPECT_TRUE(waitUntilIdle(0ms));
-              EXPECT_TRUE(http->answer(
-                  {.status = 200, .body = {}}));  // the parent's, whose count stays there
-              Marbleway::initMarbleway("token");
-              EXPECT_FALSE(waitUntilIdle(0ms));
-              answer(200);
-              EXPECT_TRUE(waitUntilIdle(0ms));
-            }),
-            "");
+  EXPECT_EQ(child.wait(), "");
 }
 
 // As a signal handler does that interrupts a thread which holds locks.
 TEST_F(ResilienceTest, AForkAmidAnOperationNeverWaitsForItself) {
-  EXPECT_EQ(faultIn([&] {
-              beginSession();
-              sqlite3* other = nullptr;
-              sqlite3_open(storePath().c_str(), &other);
-              sqlite3_exec(other, "BEGIN EXCLUSIVE", nullptr, nullptr, nullptr);
-              tests::FailingVfs vfs;
-              vfs.onNap([&] {
-                tests::Child child([](int /*reports*/) { Marbleway::trackEvent("e"); });
-                EXPECT_EQ(child.wait(), "");
-                sqlite3_close(std::exchange(other, nullptr));
-              });
-              Marbleway::trackEvent("e");
-              EXPECT_EQ(other, nullptr);
-              EXPECT_THAT(tests::eventsIn(directory.path()), ElementsAre("e"));
-            }),
-            "");
+  beginSession();
+  sqlite3* other = nullptr;
+  sqlite3_open(storePath().c_str(), &other);
+  sqlite3_exec(other, "BEGIN EXCLUSIVE", nullptr, nullptr, nullptr);
+  tests::FailingVfs vfs;
+  vfs.onNap([&] {
+    EXPECT_EQ(Child([] { Marbleway::trackEvent("e"); }).wait(), "");
+    sqlite3_close(std::exchange(other, nullptr));
+  });
+  Marbleway::trackEvent("e");
+  EXPECT_EQ(other, nullptr);
+  EXPECT_THAT(tests::eventsIn(directory.path()), ElementsAre("e"));
 }
 
-// With this system's own services: none is a fake.
+// With this system's own services: none is a fake. Instants follow the seed, which each repetition
+// increases.
 class ProcessEndTest : public ::testing::Test {
  protected:
+  // Ten directories to begin a process in.
+  std::vector<fs::path> rounds() const {
+    std::vector<fs::path> paths;
+    for (int round = 0; round < 10; ++round) {
+      paths.push_back(directory.path() / std::to_string(round));
+      fs::create_directory(paths.back());
+    }
+    return paths;
+  }
+  std::chrono::microseconds instantWithin(std::chrono::microseconds longest) {
+    return longest * (random_() % 1000) / 1000;
+  }
+
+  // Kills a process that records after `rows` of its rows and an instant; starts another.
+  void kill(const fs::path& own, std::size_t rows) {
+    constexpr std::size_t kMaxRows = 5000;
+    const tests::RefusingPort nobody;
+    Child child([&] {
+      tests::startLibrary(own, nobody.url());
+      for (std::size_t row = 0; row < kMaxRows; ++row) {
+        Marbleway::trackEvent(std::to_string(row));
+        Child::report(".");
+      }
+    });
+    std::size_t returned = child.reported(rows).size();
+    EXPECT_EQ(returned, rows);
+    std::this_thread::sleep_for(instantWithin(20ms));
+    child.kill();
+    returned += child.reported(kMaxRows).size();
+    Child next([&] {
+      tests::startLibrary(own, nobody.url());
+      Marbleway::trackEvent("after");
+      tests::expectSoundStores(own);
+    });
+    EXPECT_EQ(next.wait(), "");
+    auto names = tests::eventsIn(own);
+    if (names.size() == returned + 2) names.erase(names.end() - 2);  // its call did not return
+    ASSERT_EQ(names.size(), returned + 1);
+    EXPECT_EQ(names.back(), "after");
+    for (std::size_t i = 0; i < returned; ++i) EXPECT_EQ(names[i], std::to_string(i));
+  }
+  // Waits for the end of a child that reports a byte and exits.
+  static void expectExitInTime(Child& child) {
+    child.reported(1);
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_EQ(child.wait(), "");
+    EXPECT_LE(std::chrono::steady_clock::now() - start, kExitTime);
+  }
+  [[noreturn]] static void exitNow() { Child::report("."), std::exit(EXIT_SUCCESS); }
+  // Exits at an instant of a start, a batch and their requests to `url`.
+  void exitInFlight(const std::string& url, const fs::path& authorities = {}) {
+    for (const fs::path& own : rounds()) {
+      const auto pause = instantWithin(60ms);
+      Child child([&] {
+        platform::install({.httpClient = platform::makeCurlClient({.authorities = authorities})});
+        tests::startLibrary(own, url);
+        isConnectedToInternet = true;
+        Marbleway::trackEvent("e");
+        batchData();
+        std::this_thread::sleep_for(pause);
+        exitNow();
+      });
+      expectExitInTime(child);
+    }
+  }
+
   const TemporaryDirectory directory;
+
+ private:
+  std::mt19937 random_{static_cast<unsigned>(::testing::UnitTest::GetInstance()->random_seed())};
 };
+
+TEST_F(ProcessEndTest, AKilledFirstStartLeavesWholeStores) {
+  for (const fs::path& own : rounds()) kill(own, 0);
+}
+
+TEST_F(ProcessEndTest, AKilledProcessLeavesEveryRowWhoseCallReturned) {
+  std::size_t rows = 1;
+  for (const fs::path& own : rounds()) kill(own, rows += 5);
+}
 
 TEST_F(ProcessEndTest, TheProcessEndsAtOnceWithRequestsInFlight) {
   LoopbackServer silent;
   silent.answerWith(
       [](const tests::Received&) { return tests::Answer{.manner = tests::Manner::never}; });
-  for (const char* scheme : {"http", "https"}) {  // TLS gets no reply to its greeting
-    Rounds rounds{.directory = directory.path(), .count = 5};
-    const auto begin = [&](const fs::path& own) { tests::startLibrary(own, silent.url(scheme)); };
-    EXPECT_EQ(tests::exitInFlight(rounds, begin, kExitTime), "") << scheme;
-  }
+  exitInFlight(silent.url());
+  exitInFlight(silent.url("https"));  // TLS gets no reply to its greeting
+  const fs::path authority = directory.path() / "authority.pem";
+  Child trusted([&] {
+    fs::current_path(directory.path());
+    Child::exec(
+        "exec 2>/dev/null; openssl req -x509 -newkey ec -pkeyopt ec_paramgen_curve:P-256 -nodes -subj /CN=127.0.0.1 "
+        "-addext subjectAltName=IP:127.0.0.1 -keyout key.pem -out authority.pem && "
+        "exec openssl s_server -www -accept 127.0.0.1:0 -cert authority.pem -key key.pem");
+  });
+  const std::string host = "https://127.0.0.1:";
+  trusted.reported(1000, ':');
+  exitInFlight(host + trusted.reported(5, '\n') + "/v2/", authority);  // no answer to the request
+}
+
+// An event, and what else takes locks: the patterns, the locale, the settings.
+void recordEverything(const std::string& event) {
+  Marbleway::trackEvent(event, {{"value", "12.5"}});
+  Marbleway::linkUser("someone@example.org", "email");
+  Marbleway::setUserAttribute("Phone", "+49123456");
+  Marbleway::startSession();
 }
 
 TEST_F(ProcessEndTest, AChildOfAForkStartsItselfAndNeverHangs) {
-  Rounds rounds{.directory = directory.path()};
-  EXPECT_EQ(tests::forkRecording(rounds, kExitTime), "");
-}
-
-TEST_F(ProcessEndTest, AForkedWorkerThatStartsItselfCapturesItsCrash) {
-  const tests::RefusingPort nobody;
-  const auto start = [&] { tests::startLibrary(directory.path(), nobody.url()); };
-  tests::Child parent([&](int reports) {
-    start();
-    tests::Child worker([&](int /*reports*/) {
-      start();
-      Marbleway::startSession();
-      std::abort();
-    });
-    const tests::Fault end = worker.wait();
-    if (write(reports, end.data(), end.size()) < 0) _exit(1);
+  LoopbackServer silent;
+  silent.answerWith(
+      [](const tests::Received&) { return tests::Answer{.manner = tests::Manner::never}; });
+  Child parent([&] {
+    tests::startLibrary(directory.path(), silent.url());
+    std::atomic<bool> isOver = false;
+    std::atomic<std::ptrdiff_t> rows = 0;
+    std::vector<std::jthread> recorders(3);
+    for (std::jthread& thread : recorders) {
+      thread = std::jthread([&] {
+        for (; !isOver; ++rows) recordEverything("parent");
+      });
+    }
+    for (int i = 0; i < 10; ++i) {
+      Child child([&] {
+        EXPECT_TRUE(waitUntilIdle(0ms));
+        recordEverything("before its start");
+        tests::startLibrary(directory.path(), silent.url());
+        EXPECT_FALSE(waitUntilIdle(0ms));
+        recordEverything("child");
+        exitNow();
+      });
+      expectExitInTime(child);
+    }
+    isOver = true;
+    recorders.clear();
+    const auto names = tests::eventsIn(directory.path());
+    EXPECT_EQ(std::ranges::count(names, "parent"), rows);
+    EXPECT_EQ(std::ranges::count(names, "child"), 10);
+    EXPECT_EQ(std::ranges::count(names, "before its start"), 0);
   });
-  EXPECT_EQ(parent.reported(100), "ended by signal 6");
   EXPECT_EQ(parent.wait(), "");
-  EXPECT_THAT(query(directory.path() / DBFileName,
-                    "SELECT substr(CrashDetails, 1, 18) FROM mrbw_v2_crashes"),
-              ElementsAre("Signal 6 (SIGABRT)"));
 }
 
 TEST_F(ProcessEndTest, AForkBeforeTheStartLeavesItsTimers) {
@@ -227,10 +297,10 @@ TEST_F(ProcessEndTest, AForkBeforeTheStartLeavesItsTimers) {
   server.answerWith([](const tests::Received&) {
     return tests::Answer{.body = R"({"Data":{"Config":{"SessionTimeout":0}}})"};
   });
-  const tests::Child process([&](int /*reports*/) {
+  const Child process([&] {
     configure({.documentsDirectory = directory.path()});
     Marbleway::trackDeepLink("app://open?mrbw_dlid=1");
-    tests::Child([](int /*reports*/) {}).wait();
+    Child([] {}).wait();
     tests::startLibrary(directory.path(), server.url());
     pause();
   });

@@ -1,0 +1,45 @@
+#pragma once
+
+#include <sys/types.h>
+
+#include <chrono>
+#include <filesystem>
+#include <functional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace marbleway::tests {
+
+/// A child of this process that does `work`; an alarm ends it after `limit`.
+class Child {
+ public:
+  explicit Child(const std::function<void()>& work,
+                 std::chrono::seconds limit = std::chrono::seconds(60));
+  Child(const Child&) = delete;
+  Child& operator=(const Child&) = delete;
+  ~Child();
+
+  /// Called in a child: its parent reads `bytes`.
+  static void report(std::string_view bytes);
+  /// Called in a child: the shell's `command` takes its place and reports its output.
+  static void exec(const std::string& command);
+  /// Waits for `count` reported bytes, for one that is `last` or for the child's end; the bytes.
+  std::string reported(std::size_t count, char last = '\0');
+  void kill() const;
+  /// Waits for its end: empty when its work is done and no expectation failed in it.
+  std::string wait();
+
+ private:
+  pid_t process_ = -1;
+  int reports_ = -1;
+};
+
+/// Starts the library with this system's own services: stores in `directory`, the server at `url`.
+void startLibrary(const std::filesystem::path& directory, const std::string& url);
+/// The names of all events in the store, in order.
+std::vector<std::string> eventsIn(const std::filesystem::path& directory);
+/// Both stores are sound, with all their tables, and no unfinished file stands beside them.
+void expectSoundStores(const std::filesystem::path& directory);
+
+}  // namespace marbleway::tests
