@@ -40,8 +40,9 @@ enum marbleway_status {
 const char* marbleway_version(void);
 
 /// Sets the host's configuration: a dictionary with any of "documentsDirectory", "developmentURL",
-/// "testURL", "productionURL", "bundleIdentifier" and "appVersion", all texts, and "sites", three
-/// dictionaries of "latitude" and "longitude" in degrees. A missing member takes its default.
+/// "testURL", "productionURL", "bundleIdentifier" and "appVersion", all texts; "sites", three
+/// dictionaries of "latitude" and "longitude" in degrees; "uploadOnStart", a boolean. A missing
+/// member takes its default.
 ///
 /// Call it before `marbleway_init`. Returns MARBLEWAY_REFUSED for an unknown key, a value of
 /// another kind, or a URL that is not http or https with a host and a path ending in "/v2/".
@@ -49,6 +50,9 @@ int marbleway_configure(const char* configuration_json);
 
 /// Waits until nothing is in flight, at most `milliseconds`. 1 when idle, else 0.
 int marbleway_wait_until_idle(int64_t milliseconds);
+
+/// Begins an upload if its conditions hold; the session goes on. Does not wait for the server.
+int marbleway_upload_now(void);
 
 /// Gives the calling thread an alternate stack for signals, if it has none, so that an overflow of
 /// its stack can be recorded. With performance monitoring on, each thread gets one with its first

@@ -30,6 +30,12 @@ std::optional<double> numberIn(const Dictionary& place, std::string_view key) {
   return number != nullptr ? std::optional(*number) : std::nullopt;
 }
 
+bool readFlag(const Value& value, bool& flag) {
+  const auto* given = value.as<bool>();
+  if (given != nullptr) flag = *given;
+  return given != nullptr;
+}
+
 bool readSites(const Value& value, Configuration& configuration) {
   const auto* sites = value.as<Array>();
   if (sites == nullptr || sites->size() != configuration.sites.size()) return false;
@@ -47,6 +53,7 @@ bool readSites(const Value& value, Configuration& configuration) {
 bool read(const Dictionary::Entry& entry, Configuration& configuration) {
   const auto& [key, value] = entry;
   if (key == "sites") return readSites(value, configuration);
+  if (key == "uploadOnStart") return readFlag(value, configuration.uploadOnStart);
   const auto* text = value.as<std::string>();
   if (text == nullptr) return false;
   if (key == "documentsDirectory") {

@@ -114,6 +114,7 @@ int marbleway_wait_until_idle(int64_t milliseconds) {
   return marbleway::waitUntilIdle(std::chrono::milliseconds(milliseconds)) ? 1 : 0;
 }
 
+int marbleway_upload_now() { return done(marbleway::uploadNow); }
 void marbleway_watch_thread() { marbleway::watchThread(); }
 int marbleway_shutdown() { return done(marbleway::shutdown); }
 

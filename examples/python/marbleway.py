@@ -34,12 +34,17 @@ def version():
 
 
 def configure(**members):
-    """Sets any of documentsDirectory, developmentURL, testURL, productionURL, bundleIdentifier, appVersion, sites."""
+    """Sets any of documentsDirectory, developmentURL, testURL, productionURL, bundleIdentifier, appVersion, sites, uploadOnStart."""
     _call("configure", _json(members))
 
 
 def wait_until_idle(seconds):
     return _library.marbleway_wait_until_idle(round(seconds * 1000)) == 1
+
+
+def upload_now():
+    """Begins an upload; the session goes on."""
+    _call("upload_now")
 
 
 def init(project_token, options=None):

@@ -176,6 +176,7 @@ const NamedStep kOperations[] = {
                        [](auto& world, Words w) { if (w[0].value().isNull()) return report(world, marbleway_set_device_token(nullptr, 2)); const auto bytes = bytesIn(w[0]); report(world, marbleway_set_device_token(bytes.empty() ? reinterpret_cast<const std::uint8_t*>("") : bytes.data(), bytes.size())); }},
     {"trackPushNotification", [](auto&, Words w) { Marbleway::trackPushNotification(w[0]); }, [](auto& world, Words w) { report(world, marbleway_track_push_notification(w[0].cJSON())); }},
     {"setLocationMonitoringEnabled", [](auto&, Words w) { Marbleway::setLocationMonitoringEnabled(w[0]); }, [](auto& world, Words w) { report(world, marbleway_set_location_monitoring_enabled(w[0] ? 1 : 0)); }},
+    {"uploadNow", [](auto&, Words) { uploadNow(); }, [](auto& world, Words) { report(world, marbleway_upload_now()); }},
     {"configure", nullptr, [](auto& world, Words w) { report(world, marbleway_configure(w[0].cJSON())); }},
     {"version", nullptr, [](auto& world, Words) { world.add(marbleway_version()); }},
     {"waitUntilIdle", [](auto& world, Words w) { world.add(waitUntilIdle(std::chrono::milliseconds(std::stoll(w[0].text()))) ? "1" : "0"); },
