@@ -1,5 +1,9 @@
 #pragma once
 
+#if __cplusplus < 202002L
+#error "Marbleway needs C++20: compile with -std=c++20 or later"
+#endif
+
 #include <array>
 #include <chrono>
 #include <exception>
