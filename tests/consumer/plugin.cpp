@@ -10,6 +10,8 @@ extern "C" void start(const char* directory) {
   Marbleway::initMarbleway("token", {{"SDKEnvironment", 1}});
 }
 
+extern "C" void end() { marbleway::shutdown(); }
+
 extern "C" int finish() {
   Marbleway::trackEvent("once more");
   return marbleway::waitUntilIdle(std::chrono::seconds(5)) ? 0 : 1;

@@ -1,4 +1,5 @@
-// Loads the module and unloads it while the library's threads are at work, a few times over.
+// Loads the module and unloads it a few times: while the library's threads are at work, and after
+// they have been shut down.
 #include <dlfcn.h>
 
 #include <cstdio>
@@ -25,6 +26,7 @@ int main(int count, char** arguments) {
   for (int i = 0; i < 20; ++i) {
     void* const handle = load(arguments[1]);
     find<void(const char*)>(handle, "start")(arguments[2]);
+    if (i % 2 == 0) find<void()>(handle, "end")();
     dlclose(handle);
   }
   return find<int()>(load(arguments[1]), "finish")();
