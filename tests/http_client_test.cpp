@@ -2,17 +2,13 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <sys/resource.h>
-#include <sys/wait.h>
-#include <unistd.h>
+#include <httplib.h>
 
 #include <algorithm>
 #include <atomic>
-#include <climits>
 #include <cstdlib>
 #include <future>
 #include <list>
-#include <memory>
 #include <stdexcept>
 #include <string>
 #include <utility>
@@ -20,7 +16,10 @@
 
 #include "Marbleway/platform/manual_loop.h"
 #include "Marbleway/platform/platform.h"
+#include "tests/support/child.h"
+#include "tests/support/fixture.h"
 #include "tests/support/loopback_server.h"
+#include "tests/support/shortage.h"
 
 namespace marbleway::tests {
 namespace {
@@ -28,26 +27,17 @@ namespace {
 using namespace std::chrono_literals;
 using platform::HttpClient;
 using platform::HttpRequest;
-using platform::HttpResponse;
 using platform::kMaxResponseBytes;
 using platform::makeCurlClient;
-using ::testing::ExitedWithCode;
 using ::testing::SizeIs;
 using ::testing::StartsWith;
-using Result = std::optional<HttpResponse>;
-using Clock = std::chrono::steady_clock;
+using Result = std::optional<platform::HttpResponse>;
 
 /// What became of one request.
 struct Call {
   std::atomic<int> runs = 0;
   std::promise<Result> promise;
-  std::future<Result> future = promise.get_future();
-
-  Result response() {
-    if (future.wait_for(30s) == std::future_status::ready) return future.get();
-    ADD_FAILURE() << "done has not run";
-    return HttpResponse{.status = -1, .body = {}};
-  }
+  std::future<Result> response = promise.get_future();
 };
 
 HttpRequest requestTo(std::string url, std::string_view body = "{}") {
@@ -65,7 +55,7 @@ class HttpClientTest : public ::testing::Test {
     });
     return call;
   }
-  Result responseTo(HttpRequest request) { return post(std::move(request)).response(); }
+  Result responseTo(HttpRequest request) { return post(std::move(request)).response.get(); }
 
   void TearDown() override {
     client.reset();
@@ -79,33 +69,23 @@ class HttpClientTest : public ::testing::Test {
 
 TEST_F(HttpClientTest, SendsItsHeadersButNoControlCharacters) {
   using namespace std::string_literals;
-  const struct {
-    std::vector<std::pair<std::string, std::string>> headers;
-    std::string lines, body;
-  } cases[] = {
-      {{{"Accept", "a/b"}, {"mrbw", ""}}, "Accept: a/b\r\nmrbw:\r\n", "{}"},
-      {{{"token", "a\r\nX-Smuggled: 1"}}, "", ""},
-      {{{"token", "a\nX-Smuggled: 1"}}, "", std::string(3 << 20, '\0')},
-      {{{"token", "a\0b"s}}, "", ""},
-      {{{"token", "\x7F"}}, "", ""},
-      {{{"tok\r\nX-Smuggled", "1"}}, "", ""},
-  };
-  const std::string host = server.url().substr(7, server.url().find('/', 7) - 7);
-  for (const auto& [headers, lines, body] : cases) {
-    server.answer({});
+  for (const std::string& body : {"{}"s, ""s, std::string(3 << 20, '\0')}) {
     HttpRequest request = requestTo(server.url(), body);
-    request.headers = headers;
+    request.headers = {{"Accept", "a/b"}, {"empty", ""},      {"a", "a\r\nX-Smuggled: 1"},
+                       {"b", "a\nb"},     {"c", "a\0b"s},     {"d", "\x7F"},
+                       {"e\r\nX", "1"},   {"token", "t \xFF"}};
     EXPECT_TRUE(responseTo(std::move(request)));
     const Received received = server.requests().back();
-    EXPECT_EQ(received.head, "POST /v2/ HTTP/1.1\r\nHost: " + host + "\r\n" + lines +
-                                 "Content-Length: " + std::to_string(body.size()) + "\r\n\r\n");
+    EXPECT_EQ(received.head, "POST /v2/ HTTP/1.1\r\nHost: " + server.host() +
+                                 "\r\nAccept: a/b\r\nempty:\r\ntoken: t \xFF\r\nContent-Length: " +
+                                 std::to_string(body.size()) + "\r\n\r\n");
     EXPECT_TRUE(received.body == body);
   }
 }
 
 // clang-format off
 TEST_F(HttpClientTest, EachServerBehaviourHasItsOutcome) {
-  const std::string full(kMaxResponseBytes, 'x'), chunked = "HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n";
+  const std::string full(kMaxResponseBytes, 'x'), ok = "HTTP/1.1 200 OK\r\n", chunked = ok + "Transfer-Encoding: chunked\r\n\r\n", part = ok + "Content-Length: 9\r\n\r\n0123";
   const RefusingPort nobody;
   const struct {
     Answer answer;
@@ -116,38 +96,38 @@ TEST_F(HttpClientTest, EachServerBehaviourHasItsOutcome) {
   } cases[] = {
       {{.body = "{}"}, 200, "{}"},
       {{.status = 204}, 204},
-      {{.status = 401, .headers = "WWW-Authenticate: Basic\r\n", .body = "no"}, 401, "no"},
-      {{.status = 503, .headers = "Retry-After: 0\r\n"}, 503},
-      {{.status = 307, .headers = "Location: " + nobody.url() + "\r\n"}, 307},
-      {{.raw = "HTTP/1.1 100 Continue\r\n\r\nHTTP/1.1 200 OK\r\n\r\nto the end"}, 200, "to the end"},
+      {{.raw = "HTTP/1.1 401 No\r\nWWW-Authenticate: Basic\r\nContent-Length: 2\r\n\r\nno"}, 401, "no"},
+      {{.raw = "HTTP/1.1 503 Busy\r\nRetry-After: 0\r\n\r\n"}, 503},
+      {{.raw = "HTTP/1.1 307 Moved\r\nLocation: " + nobody.url() + "\r\n\r\n"}, 307},
+      {{.raw = "HTTP/1.1 100 Continue\r\n\r\n" + ok + "\r\nto the end"}, 200, "to the end"},
       {{.raw = chunked + "2\r\n{}\r\n0\r\n\r\n"}, 200, "{}"},
-      {{.manner = Manner::trickled, .body = std::string(60, 'x'), .pause = 10ms}, 200, std::string(60, 'x'), 60, 500ms},
+      {{.manner = Manner::trickled, .body = std::string(60, 'x')}, 200, std::string(60, 'x'), 60, 500ms},
       {{.body = full}, 200, full},
       {{.body = full}, 200, "xxxxx", 5},
       {{.body = full}, 200, "", 0},
       {{.body = full + 'x'}, 0, "", 0},
-      {{.manner = Manner::endless, .body = full}, 0, "", 0},
-      {{.manner = Manner::trickled, .body = full, .pause = 10ms}, 0, "", 0, 60s, 300ms},
-      {{.headers = std::string(1 << 20, 'X')}},
+      {{.manner = Manner::endless, .raw = ok + "\r\n" + full}, 0, "", 0},
+      {{.manner = Manner::trickled, .body = full}, 0, "", 0, 60s, 300ms},
+      {{.raw = ok + std::string(1 << 20, 'X')}},
       {{.manner = Manner::never}, 0, "", 0, 100ms},
-      {{.manner = Manner::cut}},
-      {{.manner = Manner::cut, .body = "0123456789"}},
-      {{.manner = Manner::reset}},
-      {{.manner = Manner::reset, .body = "0123456789"}},
+      {{.raw = "HTTP/1.1 20"}},
+      {{.raw = part}},
+      {{.manner = Manner::reset, .raw = "HTTP/1.1 20"}},
+      {{.manner = Manner::reset, .raw = part}},
       {{.raw = chunked + "ff\r\n{}"}},
       {{.raw = chunked + "2\r\n{}\r\n"}},
       {{.raw = chunked + "{}\r\n0\r\n\r\n"}},
       {{.raw = "\x01 garbage\r\n\r\n"}},
   };
-  for (const auto& [answer, status, body, wanted, silence, total] : cases) {
-    SCOPED_TRACE(::testing::Message() << answer.status << " " << static_cast<int>(answer.manner) << answer.raw);
-    client = makeCurlClient({.silence = silence, .total = total});
-    server.answer(answer);
+  for (const auto& each : cases) {
+    SCOPED_TRACE(std::to_string(&each - cases));
+    client = makeCurlClient({.silence = each.silence, .total = each.total});
+    server.answerWith([&each](const Received&) { return each.answer; });
     HttpRequest request = requestTo(server.url());
-    request.maxResponseBytes = wanted;
+    request.maxResponseBytes = each.wanted;
     const Result response = responseTo(std::move(request));
-    EXPECT_EQ(response ? response->status : 0, status);
-    EXPECT_TRUE((response ? response->body : "") == body);
+    EXPECT_EQ(response ? response->status : 0, each.status);
+    EXPECT_TRUE((response ? response->body : "") == each.body);
   }
   EXPECT_THAT(server.requests(), SizeIs(std::size(cases))) << "nothing is posted again";
   for (const std::string& url : {nobody.url(), server.url("ftp"), std::string("file:///"), std::string()}) {
@@ -157,26 +137,26 @@ TEST_F(HttpClientTest, EachServerBehaviourHasItsOutcome) {
 // clang-format on
 
 TEST_F(HttpClientTest, UsesTheProxyForAllButLoopback) {
-  const std::string plain = "http://example.invalid/v2/", secret = "https://example.invalid/v2/";
-  const std::string post = "POST http://example.invalid/v2/ HTTP/1.1\r\n",
-                    connect = "CONNECT example.invalid:443 HTTP/1.1\r\n";
   const RefusingPort nobody;
+  const std::string plain = "http://example.invalid/v2/", secret = "https://example.invalid/v2/",
+                    proxy = server.url(), none = nobody.url(),
+                    sent = "POST " + plain + " HTTP/1.1\r\n",
+                    connected = "CONNECT example.invalid:443 HTTP/1.1\r\n";
   const struct {
     std::string option, plainVariable, secureVariable, exceptions, url;
     std::string line;  // begins the request as the server sees it
   } cases[] = {
-      {server.url(), "", "", "", plain, post},
-      {server.url(), nobody.url(), "", "*", plain, post},
-      {"", server.url(), "", "", plain, post},
-      {"", server.url(), "", "example.invalid", plain, ""},
-      {nobody.url(), server.url(), "", "", plain, ""},
-      {server.url(), "", "", "", secret, connect},
-      {"", "", server.url(), "", secret, connect},
-      {nobody.url(), nobody.url(), nobody.url(), "", server.url(), "POST /v2/ HTTP/1.1\r\n"},
+      {proxy, none, "", "*", plain, sent},
+      {"", proxy, "", "", plain, sent},
+      {"", proxy, "", "example.invalid", plain, ""},
+      {none, proxy, "", "", plain, ""},
+      {proxy, "", none, "", secret, connected},
+      {"", "", proxy, "", secret, connected},
+      {none, none, none, "", proxy, "POST /v2/ HTTP/1.1\r\n"},
   };
   server.answerWith([](const Received&) { return Answer{.status = 403}; });
   for (std::size_t expected = 0; const auto& [option, http, https, exceptions, url, line] : cases) {
-    SCOPED_TRACE(::testing::Message() << url << " " << option << " " << http);
+    SCOPED_TRACE(expected);
     setenv("http_proxy", http.c_str(), 1);
     setenv("https_proxy", https.c_str(), 1);
     setenv("no_proxy", exceptions.c_str(), 1);
@@ -188,9 +168,43 @@ TEST_F(HttpClientTest, UsesTheProxyForAllButLoopback) {
     ASSERT_THAT(received, SizeIs(expected += line.empty() ? 0 : 1));
     if (line.empty()) continue;
     EXPECT_THAT(received.back().head, StartsWith(line));
-    EXPECT_EQ(received.back().head.find("token: t") == std::string::npos, line == connect);
+    EXPECT_EQ(received.back().head.find("token: t") == std::string::npos, line == connected);
   }
   for (const char* variable : {"http_proxy", "https_proxy", "no_proxy"}) unsetenv(variable);
+}
+
+TEST_F(HttpClientTest, OnlyTrustedServersGetTheRequest) {
+  const testing::TemporaryDirectory folder;
+  const std::string own = folder.path() / "localhost", other = folder.path() / "example.org",
+                    expired = folder.path() / "expired";
+  const std::string command =
+      "{ cd " + folder.path().string() +
+      " && for host in localhost example.org; do openssl req -x509 -newkey rsa:2048 -nodes -days 1 "
+      "-subj /CN=$host -addext subjectAltName=DNS:$host -keyout $host.key -out $host; done && "
+      "openssl x509 -in localhost -signkey localhost.key -days -1 -out expired && "
+      "cp localhost.key expired.key; } 2>/dev/null";
+  ASSERT_EQ(std::system(command.c_str()), 0);
+  const struct {
+    std::string certificate, authorities;
+    bool isTrusted;
+  } cases[] = {
+      {own, own, true},          {own, "", false},
+      {own, other, false},       {other, other, false},  // another host's
+      {expired, expired, false}, {own, folder.path() / "missing", false},
+  };
+  for (const auto& [certificate, authorities, isTrusted] : cases) {
+    SCOPED_TRACE(certificate + " " + authorities);
+    httplib::SSLServer https(certificate.c_str(), (certificate + ".key").c_str());
+    std::atomic<int> received = 0;
+    https.Post("/v2/", [&](const httplib::Request&, httplib::Response&) { ++received; });
+    const std::string port = std::to_string(https.bind_to_any_port("127.0.0.1"));
+    const std::jthread listening([&] { https.listen_after_bind(); });
+    while (!https.is_running()) std::this_thread::yield();  // until then it cannot be stopped
+    client = makeCurlClient({.authorities = authorities});
+    EXPECT_EQ(responseTo(requestTo("https://localhost:" + port + "/v2/")).has_value(), isTrusted);
+    EXPECT_EQ(received, isTrusted ? 1 : 0);
+    https.stop();
+  }
 }
 
 TEST_F(HttpClientTest, RequestsOverlapAndNoneEndsAnother) {
@@ -200,11 +214,10 @@ TEST_F(HttpClientTest, RequestsOverlapAndNoneEndsAnother) {
     return Answer{.body = request.body};
   });
   for (std::size_t i = 0; i < kRequests; ++i) post(requestTo(server.url(), std::to_string(i)));
-  for (int i = 0; Call & call : calls) EXPECT_EQ(call.response()->body, std::to_string(i++));
+  for (int i = 0; Call & call : calls) EXPECT_EQ(call.response.get()->body, std::to_string(i++));
 }
 
 TEST_F(HttpClientTest, DoneMayThrowPostAndDestroyTheClient) {
-  server.answerWith([](const Received&) { return Answer{}; });
   std::promise<Result> third;
   client->post(requestTo(server.url()), [&, own = client](const Result&) mutable {
     own->post(
@@ -220,117 +233,48 @@ TEST_F(HttpClientTest, DoneMayThrowPostAndDestroyTheClient) {
 }
 
 TEST_F(HttpClientTest, GoesOnOnceThereAreDescriptorsAgain) {
-  rlimit before{};
-  getrlimit(RLIMIT_NOFILE, &before);
-  server.answerWith([](const Received&) { return Answer{}; });
   EXPECT_TRUE(responseTo(requestTo(server.url())));
-  // The least of many looks: threads that start or end hold a descriptor for a moment.
-  int lowestFree = INT_MAX;
-  for (int look = 0; look < 20000; ++look) {
-    const int free = dup(STDERR_FILENO);
-    close(free);
-    lowestFree = std::min(lowestFree, free);
-  }
-  const rlimit none{.rlim_cur = static_cast<rlim_t>(lowestFree), .rlim_max = before.rlim_max};
   for (const bool hasBegun : {true, false}) {
     if (!hasBegun) client = makeCurlClient();
-    setrlimit(RLIMIT_NOFILE, &none);
-    EXPECT_FALSE(responseTo(requestTo(server.url())));
-    setrlimit(RLIMIT_NOFILE, &before);
+    {
+      const testing::Shortage descriptors(RLIMIT_NOFILE, 3);
+      EXPECT_FALSE(responseTo(requestTo(server.url())));
+    }
     EXPECT_TRUE(responseTo(requestTo(server.url())));
   }
 }
 
-Clock::time_point latestExit;
-
-/// Exits `pause` after a request was posted, so that some exits fall into the initialization.
-void exitInFlight(const char* scheme, std::chrono::microseconds pause) {
-  alarm(20);
-  // Runs after the client's own handler; the process has then been held up as long as it ever is.
-  (void)std::atexit([] {
-    if (Clock::now() > latestExit) _exit(1);
-  });
-  static const std::shared_ptr<HttpClient> client = makeCurlClient();
-  LoopbackServer server;
-  server.answer({.manner = Manner::never});
-  client->post(requestTo(server.url(scheme)), [](const Result&) {});
-  std::this_thread::sleep_for(pause);
-  // With https the client reads the certificates, 20 ms of work without sanitizers.
-  latestExit = Clock::now() + (scheme == std::string_view("https") ? 2000ms : 100ms);
-  std::exit(0);
-}
-
-/// True when a child of a fork has sent a request with the parent's client, and ended well.
-bool childGetsItsResponse(HttpClient& client, const std::string& url) {
-  const pid_t child = fork();
-  if (child == 0) {
-    alarm(20);
-    std::promise<bool> hasResponse;
-    client.post(requestTo(url, "child"),
-                [&](const Result& response) { hasResponse.set_value(response.has_value()); });
-    std::exit(hasResponse.get_future().get() ? 0 : 1);
-  }
-  int status = -1;
-  waitpid(child, &status, 0);
-  return status == 0;
-}
-
-/// Exits with 0 when the children's requests arrive, each once, and the parent's goes on unharmed.
-void forkInFlight(const char* scheme) {
-  alarm(20);
-  LoopbackServer server;
-  server.answerWith([](const Received& request) {
-    return Answer{.manner = request.body == "child" ? Manner::whole : Manner::never};
-  });
-  std::atomic<int> runs = 0;
-  static const std::shared_ptr<HttpClient> client = makeCurlClient();
-  client->post(requestTo(server.url(scheme)), [&](const Result&) { ++runs; });
-  server.waitForConnections(1);
-  int children = 0;
-  while (children < 5 && childGetsItsResponse(*client, server.url())) ++children;
-  const auto sent = std::ranges::count(server.requests(), "child", &Received::body);
-  std::exit(children == 5 && sent == 5 && server.requests().size() <= 6 && runs == 0 ? 0 : 1);
-}
-
-/// Exits with 0 when a request without a thread ends as no response on the main loop; at once,
-/// since leak checkers need threads, too.
-void postWithoutAThread() {
+TEST_F(HttpClientTest, WithoutAThreadARequestEndsOnTheMainLoop) {
+  const auto former = platform::current();
   const auto loop = std::make_shared<platform::ManualLoop>();
   platform::install({.mainLoop = loop});
-  const rlimit none{0, 0};
-  setrlimit(RLIMIT_NPROC, &none);
-  if (getuid() == 0) (void)!setuid(65534);  // the limit does not hold for root
-  std::vector<Result> results;
-  makeCurlClient()->post(requestTo("http://127.0.0.1/v2/"),
-                         [&](Result result) { results.push_back(std::move(result)); });
-  const bool isEarly = !results.empty();
+  {
+    const testing::NoThreads none;
+    post(requestTo(server.url()));
+  }
+  EXPECT_EQ(calls.front().runs, 0);
   loop->runDue();
-  _exit(!isEarly && results.size() == 1 && !results.front() ? 0 : 1);
-}
-
-/// For the tests below: the checks for leaks and races at an exit need the threads that it ends.
-struct HttpClientDeathTest : testing::Test {
-  HttpClientDeathTest() {
-    GTEST_FLAG_SET(death_test_style, "threadsafe");
-    setenv("ASAN_OPTIONS", "detect_leaks=0", 1);
-  }
-  ~HttpClientDeathTest() override { unsetenv("ASAN_OPTIONS"); }
-};
-
-TEST_F(HttpClientDeathTest, ExitsWithARequestInFlight) {
-  for (const char* scheme : {"http", "https"}) {
-    for (const auto pause : {0us, 50us, 100us, 200us, 400us, 800us, 2000us, 20000us}) {
-      EXPECT_EXIT(exitInFlight(scheme, pause), ExitedWithCode(0), "") << scheme << pause.count();
-    }
-  }
-  EXPECT_EXIT(postWithoutAThread(), ExitedWithCode(0), "");
+  EXPECT_FALSE(calls.front().response.get());
+  EXPECT_TRUE(responseTo(requestTo(server.url())));
+  platform::install(*former);
 }
 
 // Not under AddressSanitizer: a fork copies its allocator's mutex, which another thread may hold.
-TEST_F(HttpClientDeathTest, AForkWithARequestInFlight) {
+TEST_F(HttpClientTest, AForkWithARequestInFlight) {
+  server.answerWith([](const Received& request) {
+    return Answer{.manner = request.body == "child" ? Manner::whole : Manner::never};
+  });
   for (const char* scheme : {"http", "https"}) {
-    EXPECT_EXIT(forkInFlight(scheme), ExitedWithCode(0), "") << scheme;
+    const Call& parents = post(requestTo(server.url(scheme)));
+    for (int i = 0; i < 5; ++i) {
+      Child child([&] {
+        std::exit(responseTo(requestTo(server.url(), "child")) ? EXIT_SUCCESS : EXIT_FAILURE);
+      });
+      EXPECT_EQ(child.wait(), "");
+    }
+    EXPECT_EQ(parents.runs, 0) << scheme;
   }
+  EXPECT_EQ(std::ranges::count(server.requests(), "child", &Received::body), 10);
 }
 
 }  // namespace

@@ -201,7 +201,7 @@ class ProcessEndTest : public ::testing::Test {
   // Exits at an instant of a start, a batch and their requests to `url`.
   void exitInFlight(const std::string& url, const fs::path& authorities = {}) {
     for (const fs::path& own : rounds()) {
-      const auto pause = instantWithin(60ms);
+      const auto pause = instantWithin(60ms) / (1 << random_() % 8);  // early more often
       Child child([&] {
         platform::install({.httpClient = platform::makeCurlClient({.authorities = authorities})});
         tests::startLibrary(own, url);

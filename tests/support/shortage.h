@@ -1,6 +1,9 @@
 #pragma once
 
+#include <pthread.h>
 #include <sys/resource.h>
+
+#include <cstddef>
 
 namespace marbleway::testing {
 
@@ -19,6 +22,24 @@ class Shortage {
  private:
   __rlimit_resource resource_;
   rlimit before_{};
+};
+
+/// While it lives no thread can be started: none gets a stack so large.
+class NoThreads {
+ public:
+  NoThreads() {
+    pthread_attr_t tooLarge;
+    pthread_getattr_default_np(&usual_);
+    pthread_attr_init(&tooLarge);
+    pthread_attr_setstacksize(&tooLarge, std::size_t{1} << 60U);
+    pthread_setattr_default_np(&tooLarge);
+  }
+  NoThreads(const NoThreads&) = delete;
+  NoThreads& operator=(const NoThreads&) = delete;
+  ~NoThreads() { pthread_setattr_default_np(&usual_); }
+
+ private:
+  pthread_attr_t usual_{};
 };
 
 }  // namespace marbleway::testing
