@@ -11,6 +11,7 @@
 #include <array>
 #include <chrono>
 #include <csignal>
+#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <future>
@@ -22,6 +23,7 @@
 #include "Marbleway/platform/busy_budget.h"
 #include "Marbleway/platform/linux/services.h"
 #include "Marbleway/platform/linux/time_zone.h"
+#include "Marbleway/platform/paths.h"
 #include "Marbleway/platform/platform.h"
 #include "tests/support/fixture.h"
 #include "tests/support/shortage.h"
@@ -190,6 +192,32 @@ TEST_F(FileDefaultsTest, TheVendorIdentifierIsMadeOnce) {
   EXPECT_THAT(identifiers, ElementsAre(MatchesRegex(kUUID)));
 }
 
+TEST(PathsTest, DataDirectoryFollowsAbsoluteVariablesOnly) {
+  const char* home = std::getenv("HOME");
+  const std::string former = home == nullptr ? "" : home;
+  for (const char* relative : {"", "data"}) {
+    setenv("XDG_DATA_HOME", relative, 1);
+    setenv("HOME", "/me", 1);
+    EXPECT_EQ(defaultDataDirectory(), "/me/.local/share");
+    setenv("HOME", relative, 1);
+    EXPECT_THAT(defaultDataDirectory().string(), MatchesRegex("/.*/.local/share"));
+  }
+  setenv("XDG_DATA_HOME", "/data", 1);
+  EXPECT_EQ(defaultDataDirectory(), "/data");
+  unsetenv("XDG_DATA_HOME");
+  setenv("HOME", former.c_str(), 1);
+}
+
+TEST(PathsTest, DocumentsDirectoryHasADefaultAndNoLastSlash) {
+  setDocumentsDirectory({});
+  const auto usual = documentsDirectory();
+  EXPECT_TRUE(usual.starts_with("/") && usual.ends_with("/marbleway/" + executableName()));
+  setDocumentsDirectory("/deep/down/");
+  EXPECT_EQ(documentsDirectory(), "/deep/down");
+  setDocumentsDirectory({});
+  EXPECT_EQ(documentsDirectory(), usual);
+}
+
 TEST(TimeZoneTest, ComesFromTheVariableThenTheLinkThenTheFile) {
   const std::string zones = "/usr/share/zoneinfo/";
   const struct {
@@ -197,7 +225,7 @@ TEST(TimeZoneTest, ComesFromTheVariableThenTheLinkThenTheFile) {
     std::string link, file, name;
   } cases[] = {
       {nullptr, "", "", "UTC"},
-      {nullptr, ".." + zones + "posix/America/Argentina/Salta", "", "America/Argentina/Salta"},
+      {nullptr, "../zoneinfo/posix/America/Argentina/Salta", "", "America/Argentina/Salta"},
       {nullptr, "/etc/zones/Berlin", "Asia/Tokyo\n", "Asia/Tokyo"},
       {"Africa/Cairo", zones + "Europe/Berlin", "Asia/Tokyo\n", "Africa/Cairo"},
       {":/usr/share/zoneinfo/right/Africa/Cairo", "", "", "Africa/Cairo"},

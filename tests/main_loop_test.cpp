@@ -1,6 +1,5 @@
 #include "Marbleway/platform/linux/main_loop.h"
 
-#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <pthread.h>
 
@@ -8,14 +7,12 @@
 #include <atomic>
 #include <csignal>
 #include <future>
-#include <numeric>
 #include <stdexcept>
 #include <thread>
 #include <vector>
 
 #include "Marbleway/platform/linux/fatal_signals.h"
 #include "Marbleway/platform/manual_loop.h"
-#include "Marbleway/platform/testing/fake_time.h"
 #include "tests/support/shortage.h"
 
 namespace marbleway::platform {
@@ -24,7 +21,6 @@ namespace {
 using namespace std::chrono_literals;
 using std::chrono::nanoseconds;
 using std::chrono::steady_clock;
-using ::testing::ElementsAre;
 
 bool comes(std::promise<void>& promise) {
   return promise.get_future().wait_for(30s) == std::future_status::ready;
@@ -50,13 +46,12 @@ bool fires(MainLoop& loop, int times, nanoseconds period = 0ns) {
 
 TEST(MainLoopTest, RunsPostedTasksInOrderOnOneThread) {
   const auto loop = makeBackgroundLoop();
-  std::vector<int> ran[4], expected(1000);  // `ran` is written by the loop's thread only
-  std::iota(expected.begin(), expected.end(), 0);
+  std::vector<int> ran[4];  // written by the loop's thread only
   {
     std::vector<std::jthread> posters;
     for (auto& order : ran) {
       posters.emplace_back([&] {
-        for (const int i : expected) {
+        for (int i = 0; i < 1000; ++i) {
           loop->post([&order, i] {
             order.push_back(i);
             if (i % 100 == 0) throw std::runtime_error("task");
@@ -66,20 +61,11 @@ TEST(MainLoopTest, RunsPostedTasksInOrderOnOneThread) {
     }
   }
   ASSERT_TRUE(runsPosted(*loop));
-  for (const auto& order : ran) EXPECT_EQ(order, expected);
+  for (const auto& order : ran) EXPECT_TRUE(order.size() == 1000 && std::ranges::is_sorted(order));
 }
 
-TEST(MainLoopTest, InvalidatedTimersFireNoMoreAndAreDestroyed) {
-  auto loop = makeBackgroundLoop();
-  const auto held = std::make_shared<int>();
-  std::promise<std::shared_ptr<Timer>> handle;
-  int firings = 0;  // on the loop's thread only, until it has run what is posted
-  handle.set_value(loop->repeat(1ms, [&, held, self = handle.get_future().share()] {
-    if (++firings < 3) throw std::runtime_error("firing");
-    self.get()->invalidate();
-  }));
-  ASSERT_TRUE(fires(*loop, 10, 1ms) && runsPosted(*loop));
-  EXPECT_EQ(firings, 3);
+TEST(MainLoopTest, InvalidatedTimersFireNoMore) {
+  const auto loop = makeBackgroundLoop();
   for (int round = 0; round < 50; ++round) {
     std::atomic<int> count = 0;
     const auto timer = loop->repeat(0ns, [&] { ++count; });
@@ -90,24 +76,6 @@ TEST(MainLoopTest, InvalidatedTimersFireNoMoreAndAreDestroyed) {
     ASSERT_TRUE(fires(*loop, 5));
     ASSERT_EQ(count, last);
   }
-  const auto timer = loop->repeat(24h, [held] {});
-  EXPECT_EQ(held.use_count(), 2);
-  loop.reset();
-  EXPECT_EQ(held.use_count(), 1);
-  timer->invalidate();
-}
-
-TEST(MainLoopTest, PeriodsHaveAMinimumAndAMaximum) {
-  const auto loop = makeBackgroundLoop();
-  for (const nanoseconds period : {nanoseconds::min(), 0ns, 99'999ns}) {
-    const auto start = steady_clock::now();
-    ASSERT_TRUE(fires(*loop, 50, period));
-    EXPECT_GE(steady_clock::now() - start, 50 * kMinPeriod);
-  }
-  std::atomic<int> count = 0;
-  loop->repeat(nanoseconds::max(), [&] { ++count; });
-  EXPECT_TRUE(fires(*loop, 20) && runsPosted(*loop));
-  EXPECT_EQ(count, 0);
 }
 
 TEST(MainLoopTest, PostedTasksDoNotStarveTimers) {
@@ -129,11 +97,12 @@ TEST(MainLoopTest, MayBeDestroyedByItsOwnTask) {
   std::atomic<bool> ran = false;
   loop->post([held = loop, gate = letGo.get_future().share()] { gate.wait(); });
   loop->post([&ran, rest] { ran = true; });
-  loop->repeat(24h, [rest] {});
+  const auto timer = loop->repeat(24h, [rest] {});
   rest.reset();
   loop.reset();  // the task that waits holds the last reference
   letGo.set_value();
   EXPECT_TRUE(comes(dropped));
+  timer->invalidate();
   EXPECT_FALSE(ran);
 }
 
@@ -149,27 +118,36 @@ TEST(MainLoopTest, WithoutAThreadATaskIsDropped) {
   EXPECT_FALSE(ran);
 }
 
-TEST(ManualLoopTest, LateFiringsAreSkippedAndKeepTheirGrid) {
+TEST(ManualLoopTest, TimersKeepTheirGridUntilInvalidated) {
   steady_clock::time_point now{1h};
   const auto start = now;
   ManualLoop loop([&] { return now; });
+  for (const nanoseconds period : {nanoseconds::min(), 0ns, 99'999ns}) {
+    const auto timer = loop.repeat(period, [] {});
+    EXPECT_EQ(loop.nextDue(), start + kMinPeriod);
+    timer->invalidate();
+  }
+  loop.repeat(nanoseconds::max(), [] { FAIL(); });
   int count = 0;
-  const auto timer = loop.repeat(10ms, [&] {
-    ++count;
+  std::shared_ptr<Timer> timer;
+  timer = loop.repeat(10ms, [&] {
     now += 12ms;                   // one more is missed while this one runs
     EXPECT_EQ(loop.runDue(), 0U);  // and none runs within another
+    if (++count == 2) timer->invalidate();
+    throw std::runtime_error("firing");
   });
   EXPECT_EQ(loop.runDue(), 0U);
   EXPECT_EQ(loop.nextDue(), start + 10ms);
   now = start + 35ms;
   EXPECT_EQ(loop.runDue(), 1U);
   EXPECT_EQ(loop.nextDue(), start + 50ms);
-  timer->invalidate();
+  now = start + 50ms;
+  EXPECT_EQ(loop.runDue(), 1U);
   EXPECT_EQ(loop.nextDue(), std::nullopt);
   loop.post([&] { loop.post([&] { ++count; }); });
   EXPECT_EQ(loop.nextDue(), now);
   EXPECT_EQ(loop.runDue(), 2U);
-  EXPECT_EQ(count, 2);
+  EXPECT_EQ(count, 3);
 }
 
 TEST(ManualLoopTest, PumpingWakesForOtherThreadsUntilItsEnd) {
@@ -177,29 +155,14 @@ TEST(ManualLoopTest, PumpingWakesForOtherThreadsUntilItsEnd) {
     ManualLoop loop;
     std::atomic<bool> ran = false;
     std::jthread other;
-    const auto work = [&] {
-      isTimer ? void(loop.repeat(1ms, [&] { ran = true; })) : loop.post([&] { ran = true; });
-    };
+    const auto run = [&] { ran = true; };
+    const auto work = [&] { isTimer ? void(loop.repeat(1ms, run)) : loop.post(run); };
     loop.post([&] { other = std::jthread(work); });
     const auto start = steady_clock::now();
     EXPECT_TRUE(loop.pumpFor(200ms));
     EXPECT_GE(steady_clock::now() - start, 200ms);
     EXPECT_TRUE(ran);
   }
-}
-
-TEST(FakeTimeTest, FiresInOrderEachAtItsTime) {
-  testing::FakeTime time;
-  std::vector<std::pair<char, nanoseconds>> firings;
-  const auto note = [&, start = time.now()](char name) {
-    return [&, start, name] { firings.emplace_back(name, time.now() - start); };
-  };
-  time.mainLoop()->repeat(60s, note('L'));
-  time.mainLoop()->repeat(30s, note('S'));
-  time.mainLoop()->post(note('P'));
-  time.advance(90s);
-  EXPECT_THAT(firings, ElementsAre(std::pair('P', 0ns), std::pair('S', 30s), std::pair('L', 60s),
-                                   std::pair('S', 60s), std::pair('S', 90s)));
 }
 
 TEST(MainLoopTest, BlocksAllButFatalSignals) {
