@@ -1,6 +1,7 @@
 #include <sys/resource.h>
 #include <sys/socket.h>
 
+#include <fstream>
 #include <thread>
 
 #include "tests/support/collector_fixture.h"
@@ -9,25 +10,24 @@ namespace collector {
 namespace {
 
 using namespace std::string_literals;
-using testing::ElementsAre;
-using testing::HasSubstr;
+using testing::ThrowsMessage;
 
 TEST_F(CollectorTest, StoresEachRowOnceAndCountsArrivals) {
   start();
-  EXPECT_EQ(send(kBatch, batch("Events", event("1", "\\u0000\xC3\xA9\\/") + "," + event("-2"))),
-            "200 2 rows, 2 new, 0 seen again");
-  EXPECT_THAT(find("SELECT length(CAST(EventName AS BLOB)) FROM Events WHERE id = 1"),
-              ElementsAre("4"));
+  talk({{kBatch, "200 {}", batch("Events", event("1", "\\u0000\xC3\xA9\\/") + "," + event("-2"))}});
+  EXPECT_THAT(log_.str(), HasSubstr("POST /v2/mobile/batch 200 2 rows, 2 new, 0 seen again\n"));
   start();  // rows outlive the server
   const std::string changed = event("-2", "closed") + "," + event("-2", "opened", "");
-  EXPECT_EQ(send(kBatch, batch("Events", event("-2") + "," + changed + "," + event("3"))),
-            "200 4 rows, 3 new, 1 seen again");
+  const std::string message = R"({"UTCTimeStamp": "", "UserID": "U", "id": "7",
+      "OperatingSystem": "", "MessageID": "M", "PlatformDeviceID": "D"})";
+  talk({{kBatch, "200 {}", batch("Events", event("-2") + "," + changed + "," + event("3"))},
+        {kBatch, "200 {}", batch("Messages", message)}});
+  EXPECT_THAT(log_.str(), HasSubstr("POST /v2/mobile/batch 200 4 rows, 3 new, 1 seen again\n"));
+  EXPECT_THAT(find("SELECT length(CAST(EventName AS BLOB)) FROM Events WHERE id = 1"),
+              ElementsAre("4"));
   EXPECT_THAT(find("SELECT * FROM Events WHERE id = -2 ORDER BY TimesReceived, UTCTimeStamp"),
               ElementsAre("-2|S|opened|||1", "-2|S|closed||2026-01-02 00:00:00.005|1",
                           "-2|S|opened||2026-01-02 00:00:00.005|2"));
-  EXPECT_EQ(send(kBatch, batch("Messages", R"({"UTCTimeStamp": "", "UserID": "U", "id": "7",
-                "OperatingSystem": "", "MessageID": "M", "PlatformDeviceID": "D"})")),
-            "200 1 rows, 1 new, 0 seen again");
   EXPECT_THAT(find("SELECT * FROM Messages"), ElementsAre("7|M|U|D|||1"));
   EXPECT_THAT(find("SELECT Method, Path, Status, Rows, NewRows, Bytes > 100, Fault FROM Requests"),
               testing::Contains("POST|/v2/mobile/batch|200|4|3|1|"));
@@ -38,85 +38,80 @@ TEST_F(CollectorTest, StoresEachRowOnceAndCountsArrivals) {
 // clang-format off
 TEST_F(CollectorTest, RefusesABatchAtItsFirstFault) {
   start();
-  const std::string end = std::to_string(batch("Events", event("1")).size());
-  std::vector<std::pair<std::string, std::string>> cases{
-      {"", "byte 0: The document is empty."},
-      {R"({"BatchData": null})", "BatchData: not an object"},
-      {R"({"BatchData": {}})", R"(BatchData: key "Sessions" is missing)"},
-      {R"({"BatchData": {"Events": [], "Events": []}})", R"(BatchData: key "Events" is given twice)"},
-      {R"({"BatchData": {"events\n": []}})", R"(BatchData: key "events\n" is not known)"},
-      {R"({"BatchData": {"Ads": {}}})", "Ads: not an array"},
-      {R"({"BatchData": {"Ads": )" + std::string(200'000, '['), "Ads[0]: not an object"},
-      {batch("Events", "").replace(0, 1, R"({"Version": 1, )"), R"(document: key "Version" is not known)"},
-      {batch("Events", event("1")) + "x", "byte " + end + ": The document root must not be followed by other values."},
-      {batch("Events", event("1")) + "\0x"s, "byte " + end + ": NUL after the document"},
-      {batch("Sessions", R"({"id": "7", "AdvertisingID": ""})"), R"(Sessions[0]: key "AdvertisingID" is not known)"},
-      {batch("Events", event("1") + ", 5"), "Events[1]: not an object"},
-      {batch("Events", event("1") + R"(, {"id": 2)"), "Events[1].id: not text"},
-      {batch("Events", R"({"id": "1", "id": "1"})"), R"(Events[0]: key "id" is given twice)"},
-      {batch("Events", R"({"id": "2", "SessionID": "S", "UTCTimeStamp": ""})"), R"(Events[0]: key "EventName" is missing)"},
-      {batch("Events", event("1", R"(\udc00)")), "Events[0].EventName: half of a surrogate pair"},
+  const std::string whole = batch("Events", event("1")), end = std::to_string(whole.size());
+  std::vector<std::pair<std::string, std::string>> faults{
+      {"byte 0: The document is empty.", ""},
+      {R"(BatchData: key "Sessions" is missing)", R"({"BatchData": {}})"},
+      {R"(BatchData: key "Ads" is given twice)", R"({"BatchData": {"Ads": [], "Ads": []}})"},
+      {"Ads: not an array", R"({"BatchData": {"Ads": {}}})"},
+      {"Ads[0]: not an object", R"({"BatchData": {"Ads": )" + std::string(200'000, '[')},
+      {R"(document: key "Version" is not known)", R"({"Version": 1, )"},
+      {"byte " + end + ": The document root must not be followed by", whole + "x"},
+      {"byte " + end + ": NUL after the document", whole + "\0x"s},
+      {"Events[1]: not an object", batch("Events", event("1") + ", 5")},
+      {"Events[1].id: not text", batch("Events", event("1") + R"(, {"id": 2)")},
+      {R"(Events[0]: key "id" is given twice)", batch("Events", R"({"id": "1", "id": "1"})")},
+      {R"(Events[0]: key "SessionID" is missing)", batch("Events", R"({"id": "2"})")},
+      {"Events[0].EventName: half of a surrogate pair", batch("Events", event("1", R"(\udc00)"))},
   };
-  for (const char* id : {"", "x", "+1", "01", "-0", "1 ", "1.0", "2147483648"}) cases.emplace_back(batch("Events", event("1") + "," + event(id)), "Events[1].id: \""s + id + "\" is not an id");
-  for (const char* time : {"2026-01-02", "2026-01-02T00:00:00.005", "2026-01-02 00:00:00.0055", "2026-02-29 00:00:00.000", "2026-01-02 24:00:00.000", "2026-01-02 00:00:60.000"}) cases.emplace_back(batch("Events", event("2", "n", time)), "Events[0].UTCTimeStamp: \""s + time + "\" is not a time");
-  for (const char* bytes : {"\x80", "\xC0\x80", "\xE0\x80\x80", "\xED\xA0\x80", "\xF4\x90\x80\x80", "\xF5\x80\x80\x80", "\xFF", "\xC3", "\xE2\x82"}) cases.emplace_back(batch("Events", event("1") + "," + event("2", bytes)), "byte ");
-  for (const auto& [document, fault] : cases) EXPECT_THAT(send(kBatch, document), testing::StartsWith("400 " + fault)) << document.substr(0, 200);
+  for (const char* id : {"", "x", "+1", "01", "-0", "1 ", "1.0", "2147483648"}) {
+    faults.emplace_back("Events[0].id: \""s + id + "\" is not an id", batch("Events", event(id)));
+  }
+  for (const char* time : {"2026-01-02", "2026-01-02T00:00:00.005", "2026-02-29 00:00:00.000"}) {
+    faults.emplace_back("Events[0].UTCTimeStamp: \""s + time, batch("Events", event("2", "", time)));
+  }
+  for (const char* bytes : {"\x80", "\xC0\x80", "\xED\xA0\x80", "\xF4\x90\x80\x80", "\xE2\x82"}) {
+    faults.emplace_back("byte ", batch("Events", event("1") + "," + event("2", bytes)));
+  }
+  for (const auto& [fault, document] : faults) talk({{kBatch, "400 " + fault, document}});
   EXPECT_THAT(find("SELECT count(*) FROM Events"), ElementsAre("0"));
 }
 
 TEST_F(CollectorTest, AnswersRequestsByTheirHeadersAndPlaces) {
   settings.failBatches = 1;
   start();
-  const httplib::Headers unknown{{"Accept", "application/json"}, {"mrbw-project-token", "T"}};
-  const std::string good = R"({"OS": "iOS", "BundleID": "com.example.todo"})";
-  std::string tooLong;
-  tooLong.resize(65U << 20U, ' ');
-  const struct { std::string path, body, line; httplib::Headers headers; } cases[] = {
-      {kInit, good, R"(200 "com.example.todo" on "iOS")", kHeaders},
-      {kInit, good, R"(400 header "Accept" is not "application/json")", {{"mrbw-project-token", "T-2"}}},
-      {kInit, good, R"(401 header "mrbw-project-token" is not given exactly once)", {}},
-      {kInit, "{", R"(401 header "mrbw-project-token" holds an unknown token)", unknown},
-      {kInit, "[]", "400 document: not an object", kHeaders},
-      {kInit, R"({"OS": 1})", "400 OS: not text", kHeaders},
-      {kInit, R"({"OS": "iOS"})", R"(400 document: key "BundleID" is missing)", kHeaders},
-      {kInit, R"({"OS": "", "X": ""})", R"(400 document: key "X" is not known)", kHeaders},
-      {kInit, std::string(64'001, ' '), "413 the document is too long", kHeaders},
-      {kBatch, tooLong, "413 the document is too long", kHeaders},
-      {kBatch, tooLong, R"(401 header "mrbw-project-token" holds an unknown token)", unknown},
-      {kBatch, batch("Events", event("1")), "503 refused as asked", kHeaders},
-      {kBatch, batch("Events", event("1", tooLong.substr(0, 60'000'000))), "200 1 rows, 1 new, 0 seen again", kHeaders},
-      {"/", "x", "405 takes nothing but GET", kHeaders},
-      {"/v2/mobile/x", tooLong, "404 nothing is here", kHeaders},
-  };
-  for (const auto& [path, body, line, headers] : cases) {
-    EXPECT_EQ(send(path, body, headers), line);
-    EXPECT_THAT(answer_.substr(4), testing::StartsWith(line[0] != '2' ? "{\"Error\":\"" : path == kInit ? "{\"Data\":{" : "{}"));
-  }
-  EXPECT_THAT(ask("GET "s + kInit), testing::StartsWith("405 "));
-  EXPECT_THAT(ask("PUT "s + kBatch, "x"), testing::StartsWith("405 "));
+  constexpr auto kToken = "mrbw-project-token";
+  const httplib::Headers unknown{{kToken, "T"}};
+  const std::string tooLong(65U << 20U, ' ');
+  talk({
+      {kInit, "200 {\"Data\":{", kHandshake},
+      {kInit, R"(400 header "Accept" is not "application/json")", "", {*kHeaders.find(kToken)}},
+      {kInit, R"(401 header "mrbw-project-token" is not given exactly once)", "", {}},
+      {kInit, R"(401 header "mrbw-project-token" holds an unknown token)", "{", unknown},
+      {kInit, "400 document: not an object", "[]"},
+      {kInit, R"(400 document: key "BundleID" is missing)", R"({"OS": "iOS"})"},
+      {kInit, R"(400 document: key "X" is not known)", R"({"OS": "", "X": ""})"},
+      {kBatch, "413 the document is too long", tooLong},
+      {kBatch, R"(401 header "mrbw-project-token" holds an unknown token)", tooLong, unknown},
+      {kBatch, "503 refused as asked", batch("Events", event("1"))},
+      {kBatch, "200 {}", batch("Events", event("1", tooLong.substr(0, 60'000'000)))},
+      {"POST /", "405 takes nothing but GET", "x"},
+      {"POST /v2/mobile/x", "404 nothing is here", tooLong},
+      {"GET /v2/mobile/init", "405 takes nothing but POST"},
+      {"GET /", "400 cannot be answered", "", {{"X-Long", std::string(70'000, 'x')}}},
+  });
+  EXPECT_THAT(log_.str(), HasSubstr("/init 200 \"b\" on \"iOS\"\nPOST /v2/mobile/init 400 header"));
   httplib::Client compressing = client();
   compressing.set_compress(true);
-  EXPECT_EQ(compressing.Post(kBatch, kHeaders, tooLong, "application/json")->status, 413);
-  EXPECT_EQ(client().Get("/", {{"X-Long", std::string(70'000, 'x')}})->status, 400);
+  const auto answer = compressing.Post("/v2/mobile/batch", kHeaders, tooLong, "application/json");
+  EXPECT_EQ(answer->status, 413);
 }
 
 TEST_F(CollectorTest, AnswersWithItsConfiguration) {
-  const std::string noNetwork = R"("NetworkMonitoring":{"NetworkMonitoringEnabled":false,"Blacklist":[]}}})";
+  settings.configFile = directory_.path() / "configuration";
   const std::pair<std::string, std::string> cases[] = {
-      {"{}", R"(200 {"Data":{"Config":{"PrivacyMode":false,"AdvertisingID":false,"SessionTimeout":300},)" + noNetwork},
-      {R"({"Config": {"SessionTimeout": 60.5, "PrivacyMode": true, "More": [1]}})", R"(200 {"Data":{"Config":{"SessionTimeout":60.5,"PrivacyMode":true,"More":[1],"AdvertisingID":false},)" + noNetwork},
+      {R"({"Config": {"SessionTimeout": 60.5, "PrivacyMode": true, "More": [1]}})",
+       R"("SessionTimeout":60.5,"PrivacyMode":true,"More":[1],"AdvertisingID":false},)"},
       {R"({"Config": {"SessionTimeout": 59}})", "at least 60"},
-      {R"({"Config": {"SessionTimeout": "90"}})", "at least 60"},
       {R"({"Config": null})", "\"Config\" is no object"},
       {"[]", "not a JSON object"},
-      {"{", "byte 1"},
       {"", "cannot be read"},
   };
   for (const auto& [file, expected] : cases) {
-    settings.configFile = write(file);
+    std::ofstream(settings.configFile) << file;
     try {
       start();
-      EXPECT_EQ(ask("POST "s + kInit, R"({"BundleID": "b", "OS": "iOS"})"), expected);
+      talk({{kInit, "200 " + expected, kHandshake}});
     } catch (const std::runtime_error& error) {
       EXPECT_THAT(error.what(), HasSubstr(expected));
     }
@@ -126,16 +121,16 @@ TEST_F(CollectorTest, AnswersWithItsConfiguration) {
 
 TEST_F(CollectorTest, OverlappingBatchesLoseAndDoubleNothing) {
   start();
-  const auto sendTwenty = [&](const std::string& name) {
-    for (int i = 1; i <= 20; ++i) {
-      const std::string id = std::to_string(i);
-      EXPECT_EQ(ask("POST "s + kBatch, batch("Events", event(id, name) + "," + event(id))),
-                "200 {}");
-    }
-  };
-  std::vector<std::thread> clients;
-  for (const char* name : {"a", "b", "c", "d", "e", "f"}) clients.emplace_back(sendTwenty, name);
-  for (std::thread& client : clients) client.join();
+  std::vector<std::jthread> clients;
+  for (const char* name : {"a", "b", "c", "d", "e", "f"}) {
+    clients.emplace_back([this, name] {
+      for (int i = 1; i <= 20; ++i) {
+        const std::string id = std::to_string(i), rows = event(id, name) + "," + event(id);
+        talk({{kBatch, "200 {}", batch("Events", rows)}});
+      }
+    });
+  }
+  clients.clear();
   EXPECT_THAT(find("SELECT count(*), sum(TimesReceived), sum(TimesReceived = 6) FROM Events"),
               ElementsAre("140|240|20"));
 }
@@ -143,22 +138,18 @@ TEST_F(CollectorTest, OverlappingBatchesLoseAndDoubleNothing) {
 TEST_F(CollectorTest, SaysWhichFileOrPortCannotBeUsed) {
   start();
   settings.port = server->port();
-  EXPECT_THAT([&] { Collector(settings, log_); },
-              testing::ThrowsMessage<std::runtime_error>(HasSubstr("cannot listen on 127.0.0.1")));
-  for (const std::string& file : {directory_.path().string(), write("no database, but long")}) {
-    settings.dataFile = file;
-    EXPECT_THAT([&] { Collector(settings, log_); },
-                testing::ThrowsMessage<std::runtime_error>(HasSubstr(file)));
-  }
+  const auto startAnother = [&] { Collector(settings, log_); };
+  EXPECT_THAT(startAnother, ThrowsMessage<std::runtime_error>(HasSubstr("cannot listen on 127.")));
+  settings.dataFile = directory_.path();
+  EXPECT_THAT(startAnother, ThrowsMessage<std::runtime_error>(HasSubstr(settings.dataFile)));
 }
 
 TEST_F(CollectorTest, SurvivesAFailedAcceptAndReportsADeadListener) {
   start();
   const int waiting = socket(AF_INET, SOCK_STREAM, 0);
-  sockaddr_in address{.sin_family = AF_INET,
-                      .sin_port = htons(static_cast<std::uint16_t>(server->port())),
-                      .sin_addr = {htonl(INADDR_LOOPBACK)},
-                      .sin_zero = {}};
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_port = htons(static_cast<std::uint16_t>(server->port()));
   rlimit limit{};
   getrlimit(RLIMIT_NOFILE, &limit);
   const rlimit none{.rlim_cur = 0, .rlim_max = limit.rlim_max};
@@ -169,7 +160,7 @@ TEST_F(CollectorTest, SurvivesAFailedAcceptAndReportsADeadListener) {
   char byte = 0;
   EXPECT_EQ(recv(waiting, &byte, 1, 0), -1);
   setrlimit(RLIMIT_NOFILE, &limit);
-  EXPECT_THAT(ask("GET /"), testing::StartsWith("200 "));
+  talk({{"GET /", "200 <!doctype html>"}});
   EXPECT_FALSE(server->hasFailed());
   for (int file = 3; file < 1024; ++file) {
     int listens = 0;
@@ -188,23 +179,23 @@ TEST(CollectorArgumentsTest, AreReadOrRefused) {
     return settingsFrom(readArguments(words));
   };
   const Settings settings =
-      read({"--token", "a", "--port=8080", "--data", "f", "--token", "b", "--config", "c", "--host",
-            "h", "--fail-batches", "2", "--page-token", "p-1"});
-  EXPECT_THAT(settings.tokens, ElementsAre("a", "b"));
-  EXPECT_EQ(std::tie(settings.port, settings.failBatches), std::make_tuple(8080, 2));
-  EXPECT_EQ(settings.dataFile + settings.configFile + settings.host + settings.pageToken, "fchp-1");
+      read({"--token", "a", "--port=80", "--data", "f", "--token", "b", "--config", "c", "--host=h",
+            "--fail-batches", "2", "--page-token", "p-1"});
+  EXPECT_EQ(std::tie(settings.port, settings.failBatches), std::make_tuple(80, 2));
+  EXPECT_EQ(settings.dataFile + settings.configFile + settings.host + settings.pageToken +
+                settings.tokens[0] + settings.tokens[1],
+            "fchp-1ab");
   const std::pair<std::vector<const char*>, std::string> refused[] = {
       {{}, "--data FILE is required"},
       {{"--data", "f"}, "--token TOKEN is required"},
       {{"--data"}, "--data needs a value"},
-      {{"data", "f"}, "unknown argument \"data\""},
+      {{"data"}, "unknown argument \"data\""},
       {{"--date=f"}, "unknown option \"--date\""},
       {{"--port", "65536"}, "\"65536\" is not a number from 0 to 65535"},
       {{"--page-token", "a;b"}, "--page-token takes letters, digits and \"-\""},
-      {{"--fail-batches", "-1"}, "\"-1\" is not a number from 0 to 1000000"},
   };
   for (const auto& each : refused) {
-    EXPECT_THAT([&] { read(each.first); }, testing::ThrowsMessage<tools::UsageError>(each.second));
+    EXPECT_THAT([&] { read(each.first); }, ThrowsMessage<tools::UsageError>(each.second));
   }
 }
 

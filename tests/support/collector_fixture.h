@@ -3,47 +3,59 @@
 #include <gmock/gmock.h>
 #include <httplib.h>
 
-#include <algorithm>
-#include <filesystem>
-#include <fstream>
-#include <memory>
+#include <map>
 #include <sstream>
-#include <string>
 
 #include "tests/support/fixture.h"
 #include "tools/collector/collector.h"
 
 namespace collector {
 
-inline constexpr auto kInit = "/v2/mobile/init";
-inline constexpr auto kBatch = "/v2/mobile/batch";
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::StartsWith;
+
+inline constexpr auto kInit = "POST /v2/mobile/init";
+inline constexpr auto kBatch = "POST /v2/mobile/batch";
+inline constexpr auto kHandshake = R"({"OS": "iOS", "BundleID": "b"})";
 inline const httplib::Headers kHeaders{{"Accept", "application/json"},
                                        {"mrbw-project-token", "T-2"}};
 
+/// A row of a kind with these members; the others are empty.
+inline std::string row(std::string_view kind,
+                       const std::map<std::string_view, std::string>& texts) {
+  std::string row;
+  for (const std::string_view key : kindNamed(kind)->keys()) {
+    const auto text = texts.find(key);
+    row.append(row.empty() ? "{\"" : ", \"").append(key).append("\": \"");
+    row.append(text == texts.end() ? "" : text->second).append("\"");
+  }
+  return row + "}";
+}
+inline std::string event(const std::string& id, const std::string& name = "opened",
+                         const std::string& time = "2026-01-02 00:00:00.005") {
+  return row("Events",
+             {{"id", id}, {"SessionID", "S"}, {"EventName", name}, {"UTCTimeStamp", time}});
+}
+
 /// A batch document with `rows` under `kind` and fifteen empty arrays.
-inline std::string batch(const std::string& kind, const std::string& rows) {
-  std::string document;
+inline std::string batch(std::string_view kind, const std::string& rows) {
+  std::string document = R"({"BatchData": {)";
   for (const Kind& each : kKinds) {
-    document += document.empty() ? "{\"BatchData\": {" : ", ";
-    document.append("\"").append(each.name()).append("\": [");
+    document.append(&each == kKinds.data() ? "\"" : ", \"").append(each.name()).append("\": [");
     document.append(each.name() == kind ? rows : "").append("]");
   }
   return document + "}}\n";
 }
 
-inline std::string event(const std::string& id, const std::string& name = "opened",
-                         const std::string& time = "2026-01-02 00:00:00.005") {
-  return R"({"id": ")" + id + R"(", "SessionID": "S", "EventName": ")" + name +
-         R"(", "EventAttributes": "", "UTCTimeStamp": ")" + time + "\"}";
-}
+/// A request like "GET /api/rows", and "status text" of its answer.
+struct Call {
+  std::string line, answer, body{};
+  httplib::Headers headers = kHeaders;
+};
 
 class CollectorTest : public testing::Test {
  protected:
-  CollectorTest() {
-    settings.dataFile = directory_.path() / "data.sqlite";
-    settings.tokens = {"T-1", "T-2"};
-  }
-
   /// The server, under `settings`; an earlier one ends first.
   void start() {
     server.reset();
@@ -53,11 +65,11 @@ class CollectorTest : public testing::Test {
 
   httplib::Client client() const {
     httplib::Client client("127.0.0.1", server->port());
-    client.set_read_timeout(20);
+    client.set_read_timeout(timeout_);
     return client;
   }
 
-  /// "status body" of the answer to a request like "GET /api/rows".
+  /// "status body" of the answer; of the document about an error only its text.
   std::string ask(const std::string& line, const std::string& body = "",
                   const httplib::Headers& headers = kHeaders) const {
     httplib::Request request;
@@ -67,17 +79,19 @@ class CollectorTest : public testing::Test {
     request.body = body;
     if (request.method != "GET") request.set_header("Content-Type", "application/json");
     const auto answer = client().send(request);
-    return answer ? std::to_string(answer->status) + " " + answer->body : "no answer";
+    if (!answer) return "no answer";
+    std::string text = answer->body;
+    if (text.starts_with(R"({"error":")")) std::erase(text.erase(0, 10), '\\');
+    return std::to_string(answer->status) + " " + text;
   }
-
-  /// The end of the line that a POST of `body` leaves in the log.
-  std::string send(const std::string& path, const std::string& body,
-                   const httplib::Headers& headers = kHeaders) {
-    log_.str("");
-    answer_ = ask("POST " + path, body, headers);
-    const std::string start = "POST " + path + " ", line = log_.str();
-    EXPECT_THAT(line, testing::StartsWith(start + answer_.substr(0, 3)));
-    return line.substr(start.size(), line.find('\n') - start.size());
+  /// Checks the start of an error, and a part of any other answer.
+  void talk(const std::vector<Call>& calls) const {
+    for (const auto& [line, expected, body, headers] : calls) {
+      const std::string answer = ask(line, body, headers);
+      const std::size_t status = expected[0] == '2' ? 4 : expected.size();
+      EXPECT_THAT(answer, StartsWith(expected.substr(0, status))) << line << body.substr(0, 200);
+      EXPECT_THAT(answer, HasSubstr(expected.substr(status))) << line << body.substr(0, 200);
+    }
   }
 
   /// The rows that `sql` finds, columns joined by "|".
@@ -85,15 +99,9 @@ class CollectorTest : public testing::Test {
     return marbleway::testing::query(settings.dataFile, sql);
   }
 
-  std::string write(const std::string& text) const {
-    const std::filesystem::path file = directory_.path() / "file";
-    std::ofstream(file) << text;
-    return file;
-  }
-
   marbleway::testing::TemporaryDirectory directory_;
-  Settings settings;
-  std::string answer_;  // to the last `send`
+  Settings settings{.dataFile = directory_.path() / "data.sqlite", .tokens = {"T-1", "T-2"}};
+  std::chrono::milliseconds timeout_{20'000};
   std::ostringstream log_;
   std::unique_ptr<Collector> server;
 };

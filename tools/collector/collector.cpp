@@ -81,14 +81,6 @@ std::optional<Refusal> refusalOf(const httplib::Request& request,
   return std::nullopt;
 }
 
-std::string errorBody(const std::string& fault) {
-  return tools::jsonText([&](tools::JsonWriter& writer) {
-    writer.StartObject();
-    tools::member(writer, "Error", fault);
-    writer.EndObject();
-  });
-}
-
 /// Refuses the request if `fault` is a refusal.
 void refuseFor(Fault fault) {
   const int status = responseTo(fault).status;

@@ -6,7 +6,7 @@
 #include <string_view>
 #include <utility>
 
-#include "tools/common/json_text.h"
+#include "tools/collector/refusal.h"
 
 namespace collector {
 namespace {
@@ -56,12 +56,7 @@ bool isLoopback(const std::string& host) {
 
 void refuse(httplib::Response& response, int status, const std::string& fault) {
   response.status = status;
-  response.set_content(tools::jsonText([&](tools::JsonWriter& writer) {
-                         writer.StartObject();
-                         tools::member(writer, "error", fault);
-                         writer.EndObject();
-                       }),
-                       "application/json");
+  response.set_content(errorBody(fault), "application/json");
 }
 
 PageGuard::PageGuard(std::string host, std::string token)

@@ -3,6 +3,7 @@
 #include <stdexcept>
 #include <string>
 
+#include "tools/common/json_text.h"
 #include "tools/common/text.h"
 
 namespace collector {
@@ -19,5 +20,14 @@ struct Refusal : std::runtime_error {
 struct AskedRefusal : Refusal {
   explicit AskedRefusal(int code) : Refusal(code, "refused as asked") {}
 };
+
+/// The body of every answer to what is refused.
+inline std::string errorBody(const std::string& fault) {
+  return tools::jsonText([&](tools::JsonWriter& writer) {
+    writer.StartObject();
+    tools::member(writer, "error", fault);
+    writer.EndObject();
+  });
+}
 
 }  // namespace collector

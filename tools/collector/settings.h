@@ -27,10 +27,10 @@ Takes handshakes and batches, checks them strictly and stores their rows in a SQ
 struct Settings {
   std::string host = "127.0.0.1";
   int port = 0;  // 0: a free one
-  std::string dataFile;
-  std::string configFile;  // empty: the default configuration
-  std::vector<std::string> tokens;
-  std::string pageToken;  // empty: one is generated where the page needs it
+  std::string dataFile{};
+  std::string configFile{};  // empty: the default configuration
+  std::vector<std::string> tokens{};
+  std::string pageToken{};  // empty: one is generated where the page needs it
   int failBatches = 0;    // how many batches are refused before the first is accepted
 };
 
