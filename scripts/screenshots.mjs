@@ -1,7 +1,7 @@
 // Makes the pictures of the documents: node scripts/screenshots.mjs FOLDER
 import {mkdir} from "node:fs/promises";
 import {join} from "node:path";
-import {browser, event, eventually, screen, send, session, useApplication, user, withCollector, withFolder, withPage}
+import {browser, event, eventually, screen, send, session, useApplication, user, withCollector, withPage}
   from "../tests/page/support.mjs";
 
 const [folder] = process.argv.slice(2);
@@ -10,7 +10,7 @@ const SIZE = {viewport: {width: 1100, height: 640}};
 async function fill(collector) {
   const commands = ["login ada Analytical Engines", "add buy milk", "add call the plumber", "list", "done 1", "tip",
                     "search plumber", "remove 1", "order"];
-  await withFolder((place) => useApplication(collector, place, commands));
+  await useApplication(collector, commands);
   const ID = "7C0E0F5A-9B1D-4C6E-8E0B-52A4E3B1C9D4";
   const purchase = {Value: 12.5, currency: "EUR", basket: [{article: "Notebook", pages: 48}, {article: "Pencil"}]};
   await send(collector, {Sessions: [session(1, ID, "3F1B6C52-0E5D-4A77-9B11-7F0C2D9E8A60")],
