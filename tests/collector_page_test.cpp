@@ -99,7 +99,7 @@ TEST_F(CollectorPageTest, MarksAGapWhereIdsShowIt) {
   };
   for (const auto& [name, id, state] : cases) {
     talk({{kBatch, "200 ", batch("ScreenViews", view(id, name))},
-          {"GET /api/rows?limit=1", "200 \"state\":\"" + state + "\""}});
+          {"GET /api/rows?limit=1", R"(200 "state":")" + state + "\""}});
   }
 }
 
@@ -144,7 +144,7 @@ TEST_F(CollectorPageTest, AppliesFaultsToAnswers) {
     EXPECT_THAT(find("SELECT max(TimesReceived) FROM Events"), ElementsAre(arrivals)) << fault;
     talk({{kInit, "200 {\"Data\"", kHandshake}});
   }
-  talk({{"GET /api/summary", "200 \"batches\":8,\"invalidBatches\":0,\"handshakes\":8"}});
+  talk({{"GET /api/summary", R"(200 "batches":8,"invalidBatches":0,"handshakes":8)"}});
 }
 
 TEST_F(CollectorPageTest, ChangesTheAnswerToHandshakes) {
@@ -187,7 +187,7 @@ TEST_F(CollectorPageTest, StoresRequestsWhateverTheyHold) {
   EXPECT_EQ(std::ranges::count(lines, '\n'), 1197);
   EXPECT_EQ(std::ranges::count(csv, '\n'), 1201);
   for (const char* part : {"times,id,SessionID,EventName,EventAttributes,UTCTimeStamp\r\n", "\"'=1+1\"",
-                           "\"a\"\"b\"", "\"-2.5\""}) EXPECT_THAT(csv, HasSubstr(part));
+                           R"("a""b")", "\"-2.5\""}) EXPECT_THAT(csv, HasSubstr(part));
 }
 
 TEST_F(CollectorPageTest, AnswersNoOtherSite) {
