@@ -136,10 +136,10 @@ TEST_F(ResilienceTest, AForkAmidAnOperationNeverWaitsForItself) {
   sqlite3_open(storePath().c_str(), &other);
   sqlite3_exec(other, "BEGIN EXCLUSIVE", nullptr, nullptr, nullptr);
   tests::FailingVfs vfs;
-  vfs.onNap([&] {
+  vfs.onNap = [&] {
     EXPECT_EQ(Child([] { Marbleway::trackEvent("e"); }).wait(), "");
     sqlite3_close(std::exchange(other, nullptr));
-  });
+  };
   Marbleway::trackEvent("e");
   EXPECT_EQ(other, nullptr);
   EXPECT_THAT(tests::eventsIn(directory.path()), ElementsAre("e"));

@@ -145,9 +145,9 @@ TEST_F(StoreTest, RemovesInSlicesWhileOthersWrite) {
         "SELECT iif(i % 10000, '2026-01-02 00:00:00.000', '2026-01-03') FROM n");
   tests::FailingVfs vfs;  // calls back between the slices
   int pauses = 0;
-  vfs.onNap([&] {
+  vfs.onNap = [&] {
     if (pauses++ == 0) query(storePath(), kCompany);
-  });
+  };
   removeUpTo(kTables[4], "2026-01-02 12:00:00.000");
   EXPECT_GT(pauses, 2);
   EXPECT_THAT(rows("mrbw_v2_companies"), SizeIs(11));  // ten of the next day and the new one
@@ -165,7 +165,7 @@ TEST_F(StoreTest, StartUpRemovesRowsOlderThanThirtyDays) {
   Marbleway::initMarbleway("token");
   for (const auto& [now, firstDay] : cases) {
     SCOPED_TRACE(firstDay);
-    vfs.setClock(now);
+    vfs.now = now;
     for (const Table& table : kTables) {
       const std::string name(table.name);
       query(storePath(table.store), "DELETE FROM " + name);
@@ -203,13 +203,13 @@ TEST_F(StoreTest, OneCallWaitsForAStoreTwoSecondsAtMost) {
     tests::FailingVfs vfs;
     std::optional<tools::Database> other(std::in_place, storePath(), SQLITE_OPEN_READWRITE);
     other->execute(begin);
-    vfs.onNap([&, left = naps]() mutable {
+    vfs.onNap = [&, left = naps]() mutable {
       if (left-- == 0) other.reset();
-    });
+    };
     call();
     EXPECT_EQ(other.has_value(), naps == kEver);
-    EXPECT_LE(vfs.napped(), 2s);
-    EXPECT_GE(vfs.napped(), other ? 1000ms : 20ms);  // work between the naps takes time, too
+    EXPECT_LE(vfs.napped, 2s);
+    EXPECT_GE(vfs.napped, other ? 1000ms : 20ms);  // work between the naps takes time, too
     other.reset();
     EXPECT_THAT(rows("mrbw_v2_events"), SizeIs(recorded));
   }

@@ -1,13 +1,11 @@
-#include "tests/support/failing_memory.h"
+// In place of the C library's allocator: it fails as a FailingVfs of the calling thread says.
 
 #include <cstdlib>
 #include <new>
 
-namespace marbleway::tests {
+#include "tests/support/failing_vfs.h"
 
-constinit thread_local NthFailure memoryFailure;
-
-}  // namespace marbleway::tests
+using marbleway::tests::fails, marbleway::tests::kMemory;
 
 // The C library's allocator under a name of its own, or a sanitizer's, where there is one.
 // NOLINTBEGIN(bugprone-reserved-identifier)
@@ -20,15 +18,15 @@ void* __libc_realloc(void* block, std::size_t size);
 [[gnu::weak]] void* __interceptor_realloc(void* block, std::size_t size);
 
 void* malloc(std::size_t size) noexcept {
-  if (marbleway::tests::memoryFailure.strikes()) return nullptr;
+  if (fails(kMemory)) return nullptr;
   return (__interceptor_malloc != nullptr ? __interceptor_malloc : __libc_malloc)(size);
 }
 void* calloc(std::size_t count, std::size_t size) noexcept {
-  if (marbleway::tests::memoryFailure.strikes()) return nullptr;
+  if (fails(kMemory)) return nullptr;
   return (__interceptor_calloc != nullptr ? __interceptor_calloc : __libc_calloc)(count, size);
 }
 void* realloc(void* block, std::size_t size) noexcept {
-  if (marbleway::tests::memoryFailure.strikes()) return nullptr;
+  if (fails(kMemory)) return nullptr;
   return (__interceptor_realloc != nullptr ? __interceptor_realloc : __libc_realloc)(block, size);
 }
 }
