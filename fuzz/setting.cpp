@@ -34,13 +34,6 @@ Setting::Setting() {
   platform::install({.httpClient = network});
 }
 
-std::vector<std::string> Setting::takeColumn(const std::string& column,
-                                             const std::string& table) const {
-  auto values = testing::query(storePath(), "SELECT " + column + " FROM " + table);
-  testing::query(storePath(), "DELETE FROM " + table);
-  return values;
-}
-
 Setting& setting() {
   static Setting only;
   return only;

@@ -20,13 +20,8 @@ struct LatestRequest : platform::HttpClient {
 };
 
 /// The library on fakes, in a session whose start is forgotten. Made once in a process.
-struct Setting : testing::MarblewayTest {
+struct Setting : testing::World {
   Setting();
-  void TestBody() override {}
-  /// The values of one column of a table, which is then emptied; NULL as "NULL".
-  std::vector<std::string> takeColumn(const std::string& column, const std::string& table) const;
-
-  using MarblewayTest::directory, MarblewayTest::lines, MarblewayTest::time;
   std::shared_ptr<LatestRequest> network = std::make_shared<LatestRequest>();
 };
 Setting& setting();

@@ -1,13 +1,15 @@
-// Any bytes as a JSON text, and a dictionary of any text and number to JSON and
-// back.
+// Any bytes as a JSON text and as a timestamp; a dictionary of any text and number to JSON and
+// back, and the timestamp of any instant.
 //
 // seed: {"a":[1,-2.5e3,"\u00e9\ud83d\ude00",true,false,null],"b":{}}
 // seed: [[[[0.1]]],"\\\/\b\f\n\r\t"]
+// seed: 2024-02-29 23:59:59.999
 
 #include <bit>
 #include <cmath>
 
 #include "Marbleway/platform/json.h"
+#include "Marbleway/store/timestamp.h"
 #include "fuzz/setting.h"
 
 using namespace marbleway;
@@ -39,9 +41,25 @@ void writeDictionary(const std::string& text, std::int64_t integer) {
   require(read && toJSON(*read) == written, "what is written reads back");
 }
 
+std::string timeStampAt(std::chrono::sys_time<std::chrono::nanoseconds> now) {
+  fuzz::setting().time->setWallClock(now);
+  return getUTCTimeStamp();
+}
+
+void readTimeStamps(std::string_view bytes, std::int64_t integer) {
+  using namespace std::chrono;
+  const sys_time<nanoseconds> now{nanoseconds(integer / 2)};  // from 1823 to 2116
+  require(timeOf(timeStampAt(now)) == floor<milliseconds>(now), "a timestamp reads back");
+  const auto time = timeOf(bytes);
+  if (time && abs(time->time_since_epoch()) < hours(24 * 365 * 140))
+    require(timeStampAt(*time) == bytes, "a text that is a timestamp is its instant's");
+}
+
 }  // namespace
 
 void fuzz::run(std::string_view bytes) {
+  const std::int64_t integer = fuzz::integerIn(bytes);
   readText(bytes);
-  writeDictionary(std::string(bytes), fuzz::integerIn(bytes));
+  writeDictionary(std::string(bytes), integer);
+  readTimeStamps(bytes, integer);
 }

@@ -28,7 +28,7 @@ Counts countsOf(const std::string& text) {
 }
 
 struct Operation {
-  const char* array;  // of the row that it makes; "": none
+  std::string array;  // of the row that it makes; "": none
   bool needsSession;  // and tracking
   void (*run)(const std::string& text, const Dictionary& any);
 };
@@ -38,16 +38,12 @@ const Operation kOperations[] = {
     {"Events", true, [](const auto& text, const auto& any) { Marbleway::trackEvent(text, any); }},
     {"ScreenViews", true, [](const auto& text, const auto& any) { Marbleway::trackScreenView(text, any); }},
     {"Errors", true, [](const auto& text, const auto&) { Marbleway::logError(text, text, std::runtime_error(text)); }},
-    {"", true, [](const auto& text, const auto&) { Marbleway::logError(text, text, std::nullopt); }},
     {"", true, [](const auto&, const auto& any) { Marbleway::trackAdImpression(any); }},
     {"Users", true, [](const auto& text, const auto&) { Marbleway::linkUser(text, "id"); }},
     {"", true, [](const auto& text, const auto&) { Marbleway::linkUser(text, "email"); }},
-    {"UserAttributes", true, [](const auto& text, const auto&) { Marbleway::setUserAttribute(text, text); }},
     {"UserAttributes", true, [](const auto& text, const auto& any) { Marbleway::incrementUserAttribute(text, any); }},
-    {"Companies", true, [](const auto& text, const auto&) { Marbleway::linkCompany(text); }},
     {"CompanyAttributes", true, [](const auto& text, const auto&) { Marbleway::setCompanyAttribute(text, text); }},
     {"DeepLinks", false, [](const auto&, const auto&) { Marbleway::trackDeepLink("app://open?a=b&mrbw_dlid=%41+b#c"); }},
-    {"Messages", false, [](const auto& text, const auto&) { Marbleway::trackPushNotification({{"aps", Dictionary{{"mrbw_data", true}, {"mrbw_messageID", text}, {"mrbw_userID", text}}}}); }},
     {"", false, [](const auto&, const auto& any) { Marbleway::trackPushNotification({{"aps", any}}); }},
 };
 // clang-format on
@@ -57,42 +53,41 @@ class RandomTest : public testing::RecordingTest {
   std::size_t below(std::size_t bound) { return random_() % bound; }
   // Any bytes but NUL, which would end it; most texts are no UTF-8.
   std::string anyText() {
-    std::string text("n");
-    text.resize(1 + below(below(50) == 0 ? 5000 : 30));
+    std::string text(1 + below(below(50) == 0 ? 5000 : 30), ' ');
     for (char& byte : text) byte = static_cast<char>(1 + below(255));
     return text;
   }
-  void startSession() {
-    Marbleway::startSession();
-    if (!isTrackingEnabled) return;
+  void expectSession() {
     hasSession_ = true;
     ++rows_["Sessions"], ++rows_["Users"];
   }
   void operate() {
-    const Operation& operation = kOperations[below(std::size(kOperations))];
-    const std::string array = operation.array;
-    const std::string text = anyText();
-    operation.run(text, {{anyText(), Array{anyText(), nullptr}},
-                         {"Value", static_cast<double>(below(1000)) / 7}});
-    if (operation.needsSession && !isTrackingEnabled) return;
-    // These two begin a session by themselves.
-    if (!hasSession_ && (array == "Events" || array == "ScreenViews")) {
-      hasSession_ = true;
-      ++rows_["Sessions"], ++rows_["Users"];
-    }
-    if (!array.empty() && (hasSession_ || !operation.needsSession)) ++rows_[array];
+    const auto& [array, needsSession, run] = kOperations[below(std::size(kOperations))];
+    run(anyText(), {{anyText(), Array{anyText(), nullptr}}, {"Value", below(1000)}});
+    if (needsSession && !isTrackingEnabled) return;
+    if (!hasSession_ && (array == "Events" || array == "ScreenViews")) expectSession();
+    if (!array.empty() && (hasSession_ || !needsSession)) ++rows_[array];
   }
-  // Ends the session or sends what there is; the server accepts it or not.
-  void upload(void (*work)(), bool endsSession) {
+  // Sends what there is, unless it is switched off; the server accepts it or not.
+  void upload(void (*work)()) {
     const bool isSent = hasSession_ && isTrackingEnabled && isUploadingEnabled && !rows_.empty();
     work();
+    hasSession_ = hasSession_ && work == batchData;
     ASSERT_EQ(http->waiting(), isSent ? 1 : 0);
-    if (endsSession) hasSession_ = false;
     if (!isSent) return;
-    EXPECT_EQ(countsOf(std::string(http->requests().back().body)), rows_);
+    EXPECT_EQ(countsOf(http->requests().back().body), rows_);
     const bool isAccepted = below(2) == 0;
     answer(isAccepted ? 200 : 500);
     if (isAccepted) rows_.clear();
+  }
+  void control(std::size_t choice) {
+    if (choice == 0) Marbleway::setTrackingEnabled(below(6) != 0);
+    if (choice == 1) Marbleway::setUploadingEnabled(below(6) != 0);
+    if (choice == 2) Marbleway::startSession();
+    if (choice == 2 && isTrackingEnabled) expectSession();
+    if (choice == 3) upload(Marbleway::unlinkUser);
+    if (choice == 4) upload(Marbleway::stopSession);
+    if (choice >= 5) upload(batchData);
   }
 
  private:
@@ -103,31 +98,7 @@ class RandomTest : public testing::RecordingTest {
 };
 
 TEST_F(RandomTest, RandomOperationsLeaveTheRowsOfTheirModel) {
-  for (int i = 0; i < 5000 && !HasFailure(); ++i) {
-    switch (below(40)) {
-      case 0:
-        startSession();
-        break;
-      case 1:
-        Marbleway::setTrackingEnabled(below(6) != 0);
-        break;
-      case 2:
-        Marbleway::setUploadingEnabled(below(6) != 0);
-        break;
-      case 3:
-        upload([] { Marbleway::stopSession(); }, true);
-        break;
-      case 4:
-        upload([] { Marbleway::unlinkUser(); }, true);
-        break;
-      case 5:
-      case 6:
-        upload(batchData, false);
-        break;
-      default:
-        operate();
-    }
-  }
+  for (int i = 0; i < 5000 && !HasFailure(); ++i) below(6) > 0 ? operate() : control(below(8));
 }
 
 }  // namespace
