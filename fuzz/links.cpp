@@ -18,7 +18,8 @@ using Texts = std::vector<std::string>;
 namespace {
 
 Texts takeColumn(const std::string& column, const std::string& table) {
-  return testing::query(setting().storePath(), "DELETE FROM " + table + " RETURNING " + column);
+  return marbleway::testing::query(setting().storePath(),
+                                   "DELETE FROM " + table + " RETURNING " + column);
 }
 
 Texts identifiersOf(const std::string& link) {
