@@ -4,8 +4,10 @@
 
 #include <atomic>
 #include <condition_variable>
+#include <list>
 #include <mutex>
 #include <string>
+#include <thread>
 #include <utility>
 
 #include "Marbleway/platform/busy_budget.h"
@@ -30,7 +32,8 @@ struct Openings {
   std::condition_variable changed;
   int open = 0;
   bool isPrepared = false;
-  bool areSerial = false;  // SQLite has no mutexes: one connection at a time
+  bool areSerial = false;            // SQLite has no mutexes: one connection at a time
+  std::list<std::thread::id> queue;  // of the threads that wait for it
 };
 
 Openings& openings() {
@@ -48,6 +51,18 @@ bool hasNoMutexes() {
   return isMissing;
 }
 
+// In order of arrival: without it, a thread that closes and opens at once would always be first.
+bool waitInQueue(Openings& all, std::unique_lock<std::mutex>& lock) {
+  const auto place = all.queue.insert(all.queue.end(), std::this_thread::get_id());
+  const auto isNext = [&] { return all.open == 0 && place == all.queue.begin(); };
+  const auto sleep = [&](auto interval) { all.changed.wait_for(lock, interval, isNext); };
+  while (!isNext() && BusyBudget::wait(sleep)) {
+  }
+  const bool isAlone = isNext();
+  all.queue.erase(place);
+  return isAlone;
+}
+
 // False when another connection was not closed in time.
 bool beginOpening() {
   Openings& all = openings();
@@ -57,10 +72,9 @@ bool beginOpening() {
     all.areSerial = hasNoMutexes();
     all.isPrepared = true;
   }
-  const bool isAlone = all.changed.wait_for(lock, BusyBudget::kBusyTimeout,
-                                            [&] { return !all.areSerial || all.open == 0; });
-  if (isAlone) ++all.open;
-  return isAlone;
+  const bool mayOpen = !all.areSerial || waitInQueue(all, lock);
+  if (mayOpen) ++all.open;
+  return mayOpen;
 }
 
 void endOpening() {
