@@ -133,7 +133,12 @@ int StoreFile::isOverdue(void* file) {
   return steady_clock::now() > static_cast<StoreFile*>(file)->deadline_ ? 1 : 0;
 }
 
-void StoreFile::pauseForOthers() { sqlite3_sleep(5 * BusyBudget::kRetryInterval.count()); }
+void StoreFile::pauseForOthers(int minIntervals) {
+  constexpr int kMaxIntervals = 50;
+  for (int i = 0; i < minIntervals || (waitingFiles > 0 && i < kMaxIntervals); ++i) {
+    sqlite3_sleep(BusyBudget::kRetryInterval.count());
+  }
+}
 
 bool StoreFile::execute(const char* sql) {
   return connection_ != nullptr &&

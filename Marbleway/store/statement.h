@@ -34,8 +34,9 @@ class StoreFile {
   /// Runs `sql` to its end; false when any of it failed.
   bool execute(const char* sql);
 
-  /// Sleeps long enough for a waiting connection to get the store.
-  static void pauseForOthers();
+  /// Sleeps until the connections that wait have had the store, 50 ms at most. `minIntervals`, in
+  /// milliseconds, leaves time to those of other processes, which are not counted.
+  static void pauseForOthers(int minIntervals = 0);
 
  private:
   friend class Statement;

@@ -16,6 +16,7 @@ namespace fs = std::filesystem;
 
 /// How long a removal may hold a store at a time.
 constexpr std::chrono::milliseconds kSlice{20};
+constexpr int kPauseIntervals = 5;
 
 // Makes all tables of a store, or none. True when all are there.
 bool makeTables(StoreFile& file, Store store) {
@@ -76,7 +77,7 @@ void removeInSlices(const Table& table, const std::string& sql) {
       first = end + 1;
     }
     if (removal == Removal::quick) width *= 2;
-    StoreFile::pauseForOthers();
+    StoreFile::pauseForOthers(kPauseIntervals);
   }
 }
 

@@ -61,6 +61,7 @@ class TableReader {
   // each slice: a writer waits for all readers, and new readers wait for the writer.
   bool readRows() {
     for (;;) {
+      if (latest_ != kNone) StoreFile::pauseForOthers();
       const auto end = std::chrono::steady_clock::now() + kSlice;
       std::string sql = std::string("SELECT * FROM ").append(table_.name);
       if (latest_ != kNone) sql.append(" WHERE id > ").append(std::to_string(latest_));
