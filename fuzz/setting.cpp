@@ -30,7 +30,7 @@ void require(bool holds, std::string_view property) {
 
 Setting::Setting() {
   beginSession();
-  takeRows();
+  deleteRows();
   platform::install({.httpClient = network});
 }
 

@@ -134,7 +134,7 @@ TEST_F(InspectTest, ValuesKeepTheirBytesAndControlNothing) {
   EXPECT_THAT(table, HasSubstr("\\u000d\\n\\u001b[31m\\u007f\\u009b\\u202e\xC3\xA4"));
   EXPECT_THAT(table, HasSubstr("  " + std::string(45, 'x') + "...  "));
   EXPECT_EQ(shown, sentDocument());
-  takeRows();
+  deleteRows();
   EXPECT_THAT(inspect("batch").errors, HasSubstr("nothing would be sent"));
 }
 // clang-format on

@@ -116,7 +116,7 @@ class NthFailureTest : public MarblewayTest,
   void SetUp() override {
     vfs.now = time->now();
     beginSession();
-    takeRows();
+    deleteRows();
     platform::install({.httpClient = network, .device = std::make_shared<OneIdentifier>()});
     Marbleway::trackEvent("before");
     fs::copy_file(storePath(), pristine());

@@ -4,6 +4,8 @@
 #include <memory>
 #include <stdexcept>
 
+#include "Marbleway/platform/testing/recording_capture.h"
+#include "Marbleway/platform/testing/recording_interface.h"
 #include "tools/common/database.h"
 
 namespace marbleway::testing {
@@ -21,34 +23,8 @@ class NoStatusBar : public platform::StatusBar {
   std::shared_ptr<const platform::View> view() override { return nullptr; }
 };
 
-// clang-format off
-const StateVariable kStateVariables[] = {
-    {"isSDKValid", &isSDKValid}, {"isValidSession", &isValidSession}, {"isConnectedToInternet", &isConnectedToInternet}, {"isAdvertisingID", &isAdvertisingID},
-    {"isLoggingEnabled", &isLoggingEnabled}, {"isSDKDebuggingEnabled", &isSDKDebuggingEnabled}, {"isTrackingEnabled", &isTrackingEnabled}, {"isUploadingEnabled", &isUploadingEnabled},
-    {"isPrivacyMode", &isPrivacyMode}, {"isPerformanceMonitoringEnabled", &isPerformanceMonitoringEnabled}, {"isNetworkMonitoringEnabled", &isNetworkMonitoringEnabled},
-    {"DispatchTime", &DispatchTime}, {"SessionTimeout", &SessionTimeout},
-    {"sessionID", &sessionID}, {"SessionStartTime", &SessionStartTime}, {"SessionTime", &SessionTime}, {"internalProjectToken", &internalProjectToken}, {"apiURL", &apiURL},
-};
-// clang-format on
-
 // 14 hours ahead: no day but UTC's counts.
 [[maybe_unused]] const bool isFarFromUTC = setenv("TZ", "Pacific/Kiritimati", 1) == 0;
-
-// Puts every process-wide variable back to its start value.
-void resetState() {
-  for (const StateVariable& each : kStateVariables) {
-    if (const auto* flag = std::get_if<std::atomic<bool>*>(&each.variable)) **flag = false;
-    if (const auto* number = std::get_if<std::atomic<float>*>(&each.variable)) **number = 0;
-    if (const auto* text = std::get_if<Guarded<OptionalText>*>(&each.variable)) {
-      (*text)->store(std::nullopt);
-    }
-  }
-  networkBlacklist.store(std::nullopt);
-  for (auto* timer : {&TimerTask, &SessionTask, &CPUTask, &MemoryTask, &BatteryTask}) {
-    timer->store(nullptr);
-  }
-  mrbwLocationManager.store(nullptr);
-}
 
 }  // namespace
 
@@ -77,8 +53,6 @@ std::vector<std::string> query(const std::filesystem::path& path, const std::str
   return rows;
 }
 
-std::span<const StateVariable> stateVariables() { return kStateVariables; }
-
 World::World(const std::filesystem::path& parent) : directory(parent) {
   resetState();
   configure({.documentsDirectory = directory.path(),
@@ -92,9 +66,9 @@ World::World(const std::filesystem::path& parent) : directory(parent) {
                      .userDefaults = defaults,
                      .device = device,
                      .statusBar = std::make_shared<NoStatusBar>(),
-                     .userInterface = interface,
+                     .userInterface = std::make_shared<platform::testing::RecordingInterface>(),
                      .locationService = location,
-                     .networkCapture = capture,
+                     .networkCapture = std::make_shared<platform::testing::RecordingCapture>(),
                      .crashHook = std::make_shared<NoCrashHook>()});
 }
 
@@ -121,15 +95,10 @@ std::filesystem::path World::storePath(Store store) const {
 }
 
 std::vector<std::string> World::rows(const std::string& table) const {
-  for (const Table& known : kTables) {
-    if (known.name != table) continue;
-    std::string sql;
-    for (const std::string_view column : known.columns) {
-      sql.append(sql.empty() ? "SELECT " : ", ").append(column);
-    }
-    return query(storePath(known.store), sql.append(" FROM ").append(table).append(" ORDER BY id"));
-  }
-  throw std::runtime_error("no table " + table);
+  const Store store = table == kTables[0].name ? Store::network : Store::event;
+  auto rows = query(storePath(store), "SELECT * FROM " + table + " ORDER BY id");
+  for (std::string& row : rows) row.erase(0, row.find('|') + 1);
+  return rows;
 }
 
 int World::rowCount() const {
@@ -138,38 +107,10 @@ int World::rowCount() const {
   return static_cast<int>(count);
 }
 
-std::vector<std::string> World::takeRows() {
-  constexpr std::string_view kPrefix = "mrbw_v2_";
-  std::vector<std::string> taken;
+void World::deleteRows() const {
   for (const Table& table : kTables) {
-    const std::string name(table.name);
-    const auto written = rows(name);
-    if (!written.empty()) query(storePath(table.store), "DELETE FROM " + name);
-    for (const std::string& columns : written) {
-      taken.push_back(name.substr(kPrefix.size()).append("|").append(columns));
-    }
+    query(storePath(table.store), std::string("DELETE FROM ").append(table.name));
   }
-  return taken;
-}
-
-void RecordingTest::SetUp() {
-  beginSession();
-  takeRows();
-}
-
-std::vector<std::string> RecordingTest::outcome() {
-  std::vector<std::string> outcome = lines();
-  for (std::string& row : takeRows()) outcome.push_back(std::move(row));
-  return outcome;
-}
-
-std::string RecordingTest::row(std::string_view table, std::string_view columns) {
-  std::string row(table);
-  for (const std::string_view part :
-       {std::string_view(kFirstSession), columns, std::string_view(kStart)}) {
-    row.append("|").append(part);
-  }
-  return row;
 }
 
 }  // namespace marbleway::testing

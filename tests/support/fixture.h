@@ -5,10 +5,8 @@
 
 #include <filesystem>
 #include <memory>
-#include <span>
 #include <string>
 #include <string_view>
-#include <variant>
 #include <vector>
 
 #include "Marbleway/Host.h"
@@ -19,9 +17,7 @@
 #include "Marbleway/platform/testing/fixed_device.h"
 #include "Marbleway/platform/testing/held_http.h"
 #include "Marbleway/platform/testing/memory_defaults.h"
-#include "Marbleway/platform/testing/recording_capture.h"
 #include "Marbleway/platform/testing/recording_console.h"
-#include "Marbleway/platform/testing/recording_interface.h"
 #include "Marbleway/platform/testing/recording_location.h"
 #include "Marbleway/store/schema.h"
 
@@ -44,14 +40,6 @@ class TemporaryDirectory {
 
 /// Runs `sql` on the file at `path` and hands out its rows, columns joined by "|", NULL as "NULL".
 std::vector<std::string> query(const std::filesystem::path& path, const std::string& sql);
-
-/// A process-wide flag, number or text under its name.
-struct StateVariable {
-  std::string_view name;
-  std::variant<std::atomic<bool>*, std::atomic<float>*, Guarded<OptionalText>*> variable;
-};
-/// All of them but the server's list.
-std::span<const StateVariable> stateVariables();
 
 /// The library as a fresh process finds it, on a fresh device of fakes: virtual time, a network in
 /// the test's hand, a real SQLite directory. Identifiers count up from 1; the first is the session
@@ -80,9 +68,8 @@ class World {
   std::vector<std::string> rows(const std::string& table) const;
   /// The number of rows of all sixteen tables.
   int rowCount() const;
-  /// The rows of all tables, which are then deleted: the table without its prefix, then the columns
-  /// as in `rows`.
-  std::vector<std::string> takeRows();
+  /// Deletes the rows of all tables.
+  void deleteRows() const;
   /// The lines since the last call.
   std::vector<std::string> lines() { return console->take(); }
 
@@ -97,26 +84,11 @@ class World {
       std::make_shared<platform::testing::MemoryDefaults>();
   std::shared_ptr<platform::testing::FixedDevice> device =
       std::make_shared<platform::testing::FixedDevice>();
-  std::shared_ptr<platform::testing::RecordingInterface> interface =
-      std::make_shared<platform::testing::RecordingInterface>();
   std::shared_ptr<platform::testing::RecordingLocation> location =
       std::make_shared<platform::testing::RecordingLocation>();
-  std::shared_ptr<platform::testing::RecordingCapture> capture =
-      std::make_shared<platform::testing::RecordingCapture>();
 };
 
 /// A test in a world of its own.
 class MarblewayTest : public ::testing::Test, public World {};
-
-/// A running session whose start is forgotten.
-class RecordingTest : public MarblewayTest {
- protected:
-  void SetUp() override;
-
-  /// What was done since the last call: the lines, then the rows.
-  std::vector<std::string> outcome();
-  /// A row as `takeRows` returns it, the first session before `columns` and the start after them.
-  static std::string row(std::string_view table, std::string_view columns);
-};
 
 }  // namespace marbleway::testing

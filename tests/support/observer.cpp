@@ -1,20 +1,68 @@
 #include "tests/support/observer.h"
 
+#include <algorithm>
 #include <charconv>
-#include <regex>
+#include <functional>
 
 #include "Marbleway/store/timestamp.h"
 
 namespace marbleway::testing {
 namespace {
 
-constexpr std::string_view kPrefix = "mrbw_v2_";
-
-std::string secondsSinceStart(const std::string& timeStamp) {
-  const std::chrono::duration<double> seconds = *timeOf(timeStamp) - *timeOf(World::kStart);
-  char digits[32];
-  return {digits, std::to_chars(digits, digits + sizeof digits, seconds.count()).ptr};
+// `text` without `prefix`, where it begins with it.
+std::string without(std::string_view prefix, std::string_view text) {
+  return std::string(text.starts_with(prefix) ? text.substr(prefix.size()) : text);
 }
+
+// The services of the platform; each reports what the library asks of it.
+class Observer : public platform::Console,
+                 public platform::UserInterface,
+                 public platform::NetworkCapture,
+                 public platform::CrashHook,
+                 public platform::testing::MemoryDefaults,
+                 public platform::testing::HeldHttp {
+ public:
+  using Report = std::function<void(std::string effect)>;
+
+  explicit Observer(Report report) : report_(std::move(report)) {}
+
+  void writeLine(std::string_view line) override {
+    report_(line.starts_with(kName) ? without(kName, line) : "unknown line " + std::string(line));
+  }
+  void setBadgeNumber(int number) override { report_("badge " + std::to_string(number)); }
+  void openURL(std::string_view url) override { report_("opens " + std::string(url)); }
+  void showAlert(std::string_view title, std::string_view text, std::string_view button) override {
+    report_(
+        std::string("alert ").append(title).append(": ").append(text).append(", ").append(button));
+  }
+  void defaultConfiguration() override { report_("capture defaultConfiguration"); }
+  void load() override { report_("capture load"); }
+  void registerProtocol() override { report_("capture registerProtocol"); }
+  void unregisterProtocol() override { report_("capture unregisterProtocol"); }
+  void install(void (*)(const platform::Failure&)) override { report_("crash hook"); }
+  void setText(std::string_view key, std::string_view text) override {
+    MemoryDefaults::setText(key, text);
+    report_(std::string("sets ").append(key).append("=").append(text));
+  }
+  void setFlag(std::string_view key, bool flag) override {
+    MemoryDefaults::setFlag(key, flag);
+    report_(std::string("sets ").append(key).append(flag ? "=true" : "=false"));
+  }
+  void remove(std::string_view key) override {
+    MemoryDefaults::remove(key);
+    report_(std::string("removes ").append(key));
+  }
+  void synchronize() override { report_("save"); }
+  void post(platform::HttpRequest request, Done done) override {
+    report_("POST " + without("https://collect.marbleway.invalid/v2/", request.url));
+    HeldHttp::post(std::move(request), std::move(done));
+  }
+
+ private:
+  static constexpr std::string_view kName = "Marbleway ";
+
+  Report report_;
+};
 
 // A folder in memory, where a row costs no disk's sync, or else the usual one.
 std::filesystem::path memoryDirectory() {
@@ -22,66 +70,31 @@ std::filesystem::path memoryDirectory() {
   return std::filesystem::is_directory(memory) ? memory : std::filesystem::temp_directory_path();
 }
 
-// Replaces each match of `pattern` by what `shorten` makes of it.
-template <class Shorten>
-std::string replaceAll(const std::string& text, const std::regex& pattern, Shorten shorten) {
-  std::string replaced;
-  auto last = text.begin();
-  for (std::sregex_iterator match(text.begin(), text.end(), pattern), end; match != end; ++match) {
-    replaced.append(last, (*match)[0].first).append(shorten(*match));
-    last = (*match)[0].second;
-  }
-  return replaced.append(last, text.end());
+std::string secondsText(std::chrono::duration<double> seconds) {
+  char text[32] = "@";
+  return {text, std::to_chars(text + 1, text + sizeof text, seconds.count()).ptr};
 }
 
-std::string shortened(const std::string& effect) {
-  static const std::regex identifier("00000000-0000-0000-0000-0*([0-9]+)");
-  static const std::regex time("2[0-9]{3}-[0-9]{2}-[0-9]{2} [0-9:]{8}\\.[0-9]{3}");
-  static const std::regex blanks(" +"), lineEnd("\n"), lastBlank(" $");
-  std::string text = std::regex_replace(effect, identifier, "#$1");
-  text = std::regex_replace(std::regex_replace(text, lineEnd, "\\n"), blanks, " ");
-  return replaceAll(std::regex_replace(text, lastBlank, ""), time,
-                    [](const auto& match) { return "@" + secondsSinceStart(match.str()); });
+std::string shortened(std::string text) {
+  constexpr std::string_view kIdentifier = "00000000-0000-0000-0000-";
+  constexpr std::size_t kNumber = 12, kTime = std::string_view(World::kStart).size();
+  for (std::size_t i = 0; i < text.size(); ++i) {
+    if (text.compare(i, kIdentifier.size(), kIdentifier) == 0) {
+      const int number = std::stoi(text.substr(i + kIdentifier.size(), kNumber));
+      text.replace(i, kIdentifier.size() + kNumber,
+                   std::string("#").append(std::to_string(number)));
+    } else if (const auto time = timeOf(std::string_view(text).substr(i, kTime))) {
+      text.replace(i, kTime, secondsText(*time - *timeOf(World::kStart)));
+    } else if (text[i] == '\n') {
+      text.replace(i, 1, "\\n");
+    } else if (text[i] == ' ' && (i + 1 == text.size() || text[i + 1] == ' ')) {
+      text.erase(i--, 1);
+    }
+  }
+  return text;
 }
 
 }  // namespace
-
-std::string pathOfURL(const std::string& url) {
-  constexpr std::string_view kServer = "https://collect.marbleway.invalid/v2/";
-  return url.starts_with(kServer) ? url.substr(kServer.size()) : url;
-}
-
-void Observer::writeLine(std::string_view line) {
-  constexpr std::string_view kName = "Marbleway ";
-  report_(line.starts_with(kName) ? std::string(line.substr(kName.size()))
-                                  : "unknown line " + std::string(line));
-}
-
-void Observer::showAlert(std::string_view title, std::string_view message,
-                         std::string_view button) {
-  report_(
-      std::string("alert ").append(title).append(": ").append(message).append(", ").append(button));
-}
-
-void Observer::setText(std::string_view key, std::string_view text) {
-  MemoryDefaults::setText(key, text);
-  report_(std::string("sets ").append(key).append("=").append(text));
-}
-
-void Observer::setFlag(std::string_view key, bool flag) {
-  MemoryDefaults::setFlag(key, flag);
-  report_(std::string("sets ").append(key).append(flag ? "=true" : "=false"));
-}
-
-void Observer::remove(std::string_view key) {
-  MemoryDefaults::remove(key);
-  report_(std::string("removes ").append(key));
-}
-
-void Observer::post(platform::HttpRequest request, Done done) {
-  report_("POST " + pathOfURL(request.url));
-  HeldHttp::post(std::move(request), std::move(done));
-}
 
 ObservedWorld::ObservedWorld() : World(memoryDirectory()) {
   const auto observer =
@@ -111,13 +124,11 @@ void ObservedWorld::addNewRows() {
   if (!std::filesystem::is_regular_file(storePath())) return;
   for (const std::string& table : query(storePath(), "SELECT name FROM sqlite_sequence")) {
     std::int64_t& last = lastIDs_[table];
-    const std::string after = " WHERE id > " + std::to_string(last);
-    const auto ids = query(storePath(), "SELECT id FROM " + table + after);
-    if (ids.empty()) continue;
-    last = std::stoll(ids.back());
-    for (const std::string& row : query(storePath(), "SELECT * FROM " + table + after)) {
-      const std::string columns = row.substr(row.find('|') + 1);  // all but the id
-      effects_.push_back(shortened(table.substr(kPrefix.size()).append(" ").append(columns)));
+    for (const std::string& row :
+         query(storePath(), "SELECT * FROM " + table + " WHERE id > " + std::to_string(last))) {
+      last = std::stoll(row);
+      effects_.push_back(
+          shortened(without("mrbw_v2_", table) + " " + row.substr(row.find('|') + 1)));
     }
   }
 }

@@ -1,5 +1,8 @@
 #include <charconv>
 #include <cmath>
+#include <cstring>
+#include <map>
+#include <variant>
 
 #include "Marbleway/marbleway_c.h"
 #include "Marbleway/session/crash.h"
@@ -13,216 +16,272 @@
 namespace marbleway::testing {
 namespace {
 
-using platform::testing::RecordingManager;
+using World = ObservedWorld;
 using Words = const Arguments&;
+
+// What a function of C takes where the operation takes a `Parameter`.
+template <class Parameter>
+auto inC(const Argument& word) {
+  if constexpr (std::is_same_v<Parameter, Text>) {
+    return word.string();
+  } else if constexpr (std::is_same_v<Parameter, bool>) {
+    return word ? -1 : 0;
+  } else if constexpr (std::is_same_v<Parameter, std::chrono::milliseconds>) {
+    return std::chrono::milliseconds(word).count();
+  } else {
+    return word.text().c_str();  // JSON
+  }
+}
+
+class Step {
+ public:
+  // An operation and its function of C, which take as many arguments. What the operation returns
+  // is an effect; a function of C has none when it returns MARBLEWAY_OK in its place.
+  template <class Result, class... Parameters, class Function>
+  Step(std::string_view name, Result (*cpp)(Parameters...), Function c)
+      : name_(name), arguments_(sizeof...(Parameters)) {
+    run_ = [=](World& world, [[maybe_unused]] Words words, Interface interface) {
+      const auto call = [&]<std::size_t... I>(std::index_sequence<I...> /*indices*/)->int {
+        if (interface == Interface::c) return c(inC<Parameters>(words[I])...);
+        if constexpr (!std::is_void_v<Result>) return cpp(words[I]...);
+        return cpp(words[I]...), MARBLEWAY_OK;
+      };
+      const int result = call(std::index_sequence_for<Parameters...>());
+      if (!std::is_void_v<Result>) return world.add(std::to_string(result));
+      if (result != MARBLEWAY_OK) world.add("status " + std::to_string(result));
+    };
+  }
+  // A step with any number of arguments.
+  Step(std::string_view name, void (*function)(World& world, Words words))
+      : name_(name),
+        run_([=](World& world, Words words, Interface /*interface*/) { function(world, words); }) {}
+
+  bool is(std::string_view name, Words words) const {
+    return name == name_ && words.size() == arguments_.value_or(words.size());
+  }
+  void run(World& world, Words words, Interface interface) const { run_(world, words, interface); }
+
+ private:
+  std::string_view name_;
+  std::optional<std::size_t> arguments_;
+  std::function<void(World&, Words, Interface)> run_;
+};
+
+using List = std::vector<std::string>;
+using Variable = std::variant<std::atomic<bool>*, std::atomic<float>*, Guarded<OptionalText>*,
+                              Guarded<std::optional<List>>*>;
+// clang-format off
+const std::map<std::string_view, Variable> kVariables = {
+    {"isSDKValid", &isSDKValid}, {"isValidSession", &isValidSession},
+    {"isConnectedToInternet", &isConnectedToInternet}, {"isAdvertisingID", &isAdvertisingID},
+    {"isLoggingEnabled", &isLoggingEnabled}, {"isSDKDebuggingEnabled", &isSDKDebuggingEnabled},
+    {"isTrackingEnabled", &isTrackingEnabled}, {"isUploadingEnabled", &isUploadingEnabled},
+    {"isPerformanceMonitoringEnabled", &isPerformanceMonitoringEnabled},
+    {"isNetworkMonitoringEnabled", &isNetworkMonitoringEnabled}, {"isPrivacyMode", &isPrivacyMode},
+    {"DispatchTime", &DispatchTime}, {"SessionTimeout", &SessionTimeout},
+    {"sessionID", &sessionID}, {"SessionStartTime", &SessionStartTime},
+    {"SessionTime", &SessionTime}, {"internalProjectToken", &internalProjectToken},
+    {"apiURL", &apiURL}, {"networkBlacklist", &networkBlacklist},
+};
+// clang-format on
+
+std::string shown(bool flag) { return flag ? "true" : "false"; }
+std::string shown(float number) {
+  char digits[32];
+  return {digits, std::to_chars(digits, digits + sizeof digits, number).ptr};
+}
+std::string shown(const OptionalText& text) { return text.value_or("absent"); }
+std::string shown(const std::optional<List>& list) {
+  return list ? ::testing::PrintToString(*list) : "absent";
+}
+
+void show(World& world, Words words) {
+  for (const Argument& word : words) {
+    std::visit([&](auto* variable) { world.add(shown(variable->load())); },
+               kVariables.at(word.text()));
+  }
+}
+
+void read(const std::string& text, std::atomic<bool>& flag) { flag = text == "true"; }
+void read(const std::string& text, std::atomic<float>& number) { number = std::stof(text); }
+void read(const std::string& text, Guarded<OptionalText>& variable) { variable.store(text); }
+void read(const std::string& text, Guarded<std::optional<List>>& list) { list.store({{text}}); }
+
+void set(World& /*world*/, Words words) {
+  for (const Argument& word : words) {
+    const std::size_t equals = word.text().find('=');
+    std::visit([&](auto* variable) { read(word.text().substr(equals + 1), *variable); },
+               kVariables.at(word.text().substr(0, equals)));
+  }
+}
+
+void request(World& world, Words /*words*/) {
+  const auto latest = world.http->requests().back();
+  for (const auto& [name, value] : latest.headers) world.add(name + ": " + value);
+  world.add(latest.body);
+}
+
+void sql(World& world, Words words) {
+  const std::string_view text = words[0].string();
+  const bool isNetwork = text.find(kTables[0].name) != std::string_view::npos;
+  const auto path = world.storePath(isNetwork ? Store::network : Store::event);
+  for (const std::string& row : query(path, std::string(text))) world.add(row);
+}
+
+void random(World& world, Words words) {
+  auto facts = world.device->facts();
+  facts.randomNumber = static_cast<std::uint32_t>(std::stoul(words[0].text()));
+  world.device->setFacts(facts);
+}
 
 std::chrono::nanoseconds secondsIn(const Argument& argument) {
   return std::chrono::nanoseconds(std::llround(std::stod(argument.text()) * 1e9));
 }
 
-std::vector<std::uint8_t> bytesIn(const Argument& argument) {
-  std::vector<std::uint8_t> bytes;
-  for (const Value& byte : *argument.value().as<Array>()) {
-    bytes.push_back(static_cast<std::uint8_t>(*byte.as<std::int64_t>()));
-  }
-  return bytes;
-}
-
-std::optional<ErrorReport> reportIn(const Argument& argument) {
-  const auto* given = argument.value().as<Dictionary>();
-  if (given == nullptr) return std::nullopt;
-  ErrorReport report;
-  for (const auto& [key, value] : *given) {
-    if (key == "name") report.name = *value.as<std::string>();
-    if (key == "reason") report.reason = *value.as<std::string>();
-    if (key == "userInfo") report.userInfo = *value.as<Dictionary>();
-    if (key == "addresses") {
-      auto& addresses = report.callStackReturnAddresses.emplace();
-      for (const Value& each : *value.as<Array>()) {
-        addresses.push_back(static_cast<std::uintptr_t>(*each.as<std::int64_t>()));
-      }
-    }
-    if (key == "symbols") {
-      auto& symbols = report.callStackSymbols.emplace();
-      for (const Value& each : *value.as<Array>()) symbols.push_back(*each.as<std::string>());
-    }
-  }
-  return report;
-}
-
-// A function of C reports what it returns unless that is MARBLEWAY_OK.
-void report(ObservedWorld& world, int status) {
-  if (status != MARBLEWAY_OK) world.add("status " + std::to_string(status));
-}
-
-std::string shown(float number) {
-  char digits[32];
-  return {digits, std::to_chars(digits, digits + sizeof digits, number).ptr};
-}
-
-std::string shown(const StateVariable& variable) {
-  if (const auto* flag = std::get_if<std::atomic<bool>*>(&variable.variable)) {
-    return **flag ? "true" : "false";
-  }
-  if (const auto* number = std::get_if<std::atomic<float>*>(&variable.variable)) {
-    return shown(**number);
-  }
-  return std::get<Guarded<OptionalText>*>(variable.variable)->load().value_or("absent");
-}
-
-const StateVariable& variableNamed(std::string_view name) {
-  const auto variables = stateVariables();
-  const auto found = std::ranges::find(variables, name, &StateVariable::name);
-  if (found == variables.end()) throw std::runtime_error("no variable " + std::string(name));
-  return *found;
-}
-
-// set NAME=TEXT...
-void set(ObservedWorld& /*world*/, Words words) {
-  for (const Argument& word : words) {
-    const std::size_t equals = word.text().find('=');
-    const std::string text = word.text().substr(equals + 1);
-    const auto& variable = variableNamed(word.text().substr(0, equals)).variable;
-    if (const auto* flag = std::get_if<std::atomic<bool>*>(&variable)) {
-      **flag = text == "true";
-    } else if (const auto* number = std::get_if<std::atomic<float>*>(&variable)) {
-      **number = std::stof(text);
-    } else {
-      std::get<Guarded<OptionalText>*>(variable)->store(text);
-    }
-  }
-}
-
-void show(ObservedWorld& world, Words words) {
-  for (const Argument& word : words) world.add(shown(variableNamed(word.text())));
-}
-
-void blacklist(ObservedWorld& world, Words /*words*/) {
-  const auto entries = networkBlacklist.load();
-  if (!entries) return world.add("absent");
-  for (const std::string& entry : *entries) world.add(entry);
-}
-
-// The latest request; lines of its body are separated by "\n".
-void request(ObservedWorld& world, Words /*words*/) {
-  const auto latest = world.http->requests().back();
-  world.add(pathOfURL(latest.url));
-  for (const auto& [name, value] : latest.headers) world.add(name + ": " + value);
-  std::string body;
-  for (const char c : latest.body) body += c == '\n' ? "\\n" : std::string(1, c);
-  world.add(body);
-}
-
-void timers(ObservedWorld& world, Words /*words*/) {
-  world.add(world.time->mainLoop()->nextDue() ? "running" : "none");
-}
-
-void files(ObservedWorld& world, Words /*words*/) {
-  for (const auto& entry : std::filesystem::directory_iterator(world.directory.path())) {
-    world.add(entry.path().filename());
-  }
-}
-
-void managerCalls(ObservedWorld& world, Words /*words*/) {
-  for (const std::string& call : world.location->managers().back()->calls()) world.add(call);
-}
-
-RecordingManager& manager(ObservedWorld& world) { return *world.location->managers().back(); }
-
-// range DESCRIPTION RSSI...
-void range(ObservedWorld& world, Words words) {
+// What the location manager reports: a place, a region entered, one left, and beacons with their
+// signals' strengths.
+void reportLocations(World& world, Words words) {
+  auto& manager = *world.location->managers().back();
+  auto* delegate = manager.delegate();
   std::vector<platform::Beacon> beacons;
-  for (std::size_t i = 0; i < words.size(); i += 2) {
-    beacons.push_back({Text(words[i]).copy().value(), 1, 2, std::stoi(words[i + 1].text())});
+  for (std::size_t i = 2; i < words.size(); i += 2) {
+    beacons.push_back({words[i].string(), 1, 2, std::stoi(words[i + 1].text())});
   }
-  manager(world).delegate()->didRangeBeacons(manager(world), beacons, {});
+  delegate->didUpdateLocations(manager, {{1, 2}});
+  delegate->didEnterRegion(manager, {words[0].string()});
+  delegate->didExitRegion(manager, {words[1].string()});
+  delegate->didRangeBeacons(manager, beacons, {});
 }
 
-// clang-format off
-struct NamedStep { std::string_view name; Step cpp, c; };
+void setDeviceToken(Text token) {
+  if (token.isAbsent()) return Marbleway::setDeviceToken(std::nullopt);
+  Marbleway::setDeviceToken(
+      std::span(reinterpret_cast<const std::uint8_t*>(token.view().data()), token.view().size()));
+}
+int setDeviceTokenInC(const char* token) {
+  return marbleway_set_device_token(reinterpret_cast<const std::uint8_t*>(token),
+                                    token == nullptr ? 2 : std::strlen(token));
+}
 
-// The operations. A function of C takes texts as they are and everything else as JSON.
-const NamedStep kOperations[] = {
-    {"initMarbleway", [](auto&, Words w) { w.size() == 1 ? Marbleway::initMarbleway(w[0]) : Marbleway::initMarbleway(w[0], static_cast<const Dictionary&>(w[1])); },
-                      [](auto& world, Words w) { report(world, w.size() == 1 ? marbleway_init(w[0].cText()) : marbleway_init_with_options(w[0].cText(), w[1].cJSON())); }},
-    {"startSession", [](auto&, Words) { Marbleway::startSession(); }, [](auto& world, Words) { report(world, marbleway_start_session()); }},
-    {"stopSession", [](auto&, Words) { Marbleway::stopSession(); }, [](auto& world, Words) { report(world, marbleway_stop_session()); }},
-    {"linkUser", [](auto&, Words w) { Marbleway::linkUser(w[0], w[1]); }, [](auto& world, Words w) { report(world, marbleway_link_user(w[0].cText(), w[1].cText())); }},
-    {"unlinkUser", [](auto&, Words) { Marbleway::unlinkUser(); }, [](auto& world, Words) { report(world, marbleway_unlink_user()); }},
-    {"setUserAttribute", [](auto&, Words w) { Marbleway::setUserAttribute(w[0], w[1]); }, [](auto& world, Words w) { report(world, marbleway_set_user_attribute(w[0].cText(), w[1].cText())); }},
-    {"incrementUserAttribute", [](auto&, Words w) { Marbleway::incrementUserAttribute(w[0], w[1].value()); }, [](auto& world, Words w) { report(world, marbleway_increment_user_attribute(w[0].cText(), w[1].cJSON())); }},
-    {"decrementUserAttribute", [](auto&, Words w) { Marbleway::decrementUserAttribute(w[0], w[1].value()); }, [](auto& world, Words w) { report(world, marbleway_decrement_user_attribute(w[0].cText(), w[1].cJSON())); }},
-    {"linkCompany", [](auto&, Words w) { Marbleway::linkCompany(w[0]); }, [](auto& world, Words w) { report(world, marbleway_link_company(w[0].cText())); }},
-    {"unlinkCompany", [](auto&, Words) { Marbleway::unlinkCompany(); }, [](auto& world, Words) { report(world, marbleway_unlink_company()); }},
-    {"setCompanyAttribute", [](auto&, Words w) { Marbleway::setCompanyAttribute(w[0], w[1]); }, [](auto& world, Words w) { report(world, marbleway_set_company_attribute(w[0].cText(), w[1].cText())); }},
-    {"incrementCompanyAttribute", [](auto&, Words w) { Marbleway::incrementCompanyAttribute(w[0], w[1].value()); }, [](auto& world, Words w) { report(world, marbleway_increment_company_attribute(w[0].cText(), w[1].cJSON())); }},
-    {"decrementCompanyAttribute", [](auto&, Words w) { Marbleway::decrementCompanyAttribute(w[0], w[1].value()); }, [](auto& world, Words w) { report(world, marbleway_decrement_company_attribute(w[0].cText(), w[1].cJSON())); }},
-    {"trackEvent", [](auto&, Words w) { w.size() == 1 ? Marbleway::trackEvent(w[0]) : Marbleway::trackEvent(w[0], static_cast<const Dictionary&>(w[1])); },
-                   [](auto& world, Words w) { report(world, marbleway_track_event(w[0].cText(), w.size() == 1 ? nullptr : w[1].text().c_str())); }},
-    {"trackScreenView", [](auto&, Words w) { w.size() == 1 ? Marbleway::trackScreenView(w[0]) : Marbleway::trackScreenView(w[0], static_cast<const Dictionary&>(w[1])); },
-                        [](auto& world, Words w) { report(world, marbleway_track_screen_view(w[0].cText(), w.size() == 1 ? nullptr : w[1].text().c_str())); }},
-    {"trackAdImpression", [](auto&, Words w) { Marbleway::trackAdImpression(w[0]); }, [](auto& world, Words w) { report(world, marbleway_track_ad_impression(w[0].cJSON())); }},
-    {"trackAdInteraction", [](auto&, Words w) { Marbleway::trackAdInteraction(w[0], w[1]); }, [](auto& world, Words w) { report(world, marbleway_track_ad_interaction(w[0].cJSON(), w[1].cText())); }},
-    {"trackAdConversion", [](auto&, Words w) { Marbleway::trackAdConversion(w[0], w[1]); }, [](auto& world, Words w) { report(world, marbleway_track_ad_conversion(w[0].cJSON(), w[1].cJSON())); }},
-    {"trackDeepLink", [](auto&, Words w) { Marbleway::trackDeepLink(w[0]); }, [](auto& world, Words w) { report(world, marbleway_track_deep_link(w[0].cText())); }},
-    // In C++ the third word is a report, in C type, reason and user information are words of their own.
-    {"logError", [](auto&, Words w) { Marbleway::logError(w[0], w[1], reportIn(w[2])); },
-                 [](auto& world, Words w) { w.size() == 3 ? report(world, marbleway_log_error(w[0].cText(), w[1].cText(), nullptr, nullptr, w[2].cJSON())) : report(world, marbleway_log_error(w[0].cText(), w[1].cText(), w[2].cText(), w[3].cText(), w[4].cJSON())); }},
-    {"getTrackingEnabled", [](auto& world, Words) { world.add(Marbleway::getTrackingEnabled() ? "1" : "0"); }, [](auto& world, Words) { world.add(std::to_string(marbleway_get_tracking_enabled())); }},
-    {"setTrackingEnabled", [](auto&, Words w) { Marbleway::setTrackingEnabled(w[0]); }, [](auto& world, Words w) { report(world, marbleway_set_tracking_enabled(w[0] ? -1 : 0)); }},
-    {"getUploadingEnabled", [](auto& world, Words) { world.add(Marbleway::getUploadingEnabled() ? "1" : "0"); }, [](auto& world, Words) { world.add(std::to_string(marbleway_get_uploading_enabled())); }},
-    {"setUploadingEnabled", [](auto&, Words w) { Marbleway::setUploadingEnabled(w[0]); }, [](auto& world, Words w) { report(world, marbleway_set_uploading_enabled(w[0] ? -1 : 0)); }},
-    {"setDeviceToken", [](auto&, Words w) { w[0].value().isNull() ? Marbleway::setDeviceToken(std::nullopt) : Marbleway::setDeviceToken(bytesIn(w[0])); },
-                       [](auto& world, Words w) { if (w[0].value().isNull()) return report(world, marbleway_set_device_token(nullptr, 2)); const auto bytes = bytesIn(w[0]); report(world, marbleway_set_device_token(bytes.empty() ? reinterpret_cast<const std::uint8_t*>("") : bytes.data(), bytes.size())); }},
-    {"trackPushNotification", [](auto&, Words w) { Marbleway::trackPushNotification(w[0]); }, [](auto& world, Words w) { report(world, marbleway_track_push_notification(w[0].cJSON())); }},
-    {"setLocationMonitoringEnabled", [](auto&, Words w) { Marbleway::setLocationMonitoringEnabled(w[0]); }, [](auto& world, Words w) { report(world, marbleway_set_location_monitoring_enabled(w[0] ? 1 : 0)); }},
-    {"uploadNow", [](auto&, Words) { uploadNow(); }, [](auto& world, Words) { report(world, marbleway_upload_now()); }},
-    {"configure", nullptr, [](auto& world, Words w) { report(world, marbleway_configure(w[0].cJSON())); }},
-    {"version", nullptr, [](auto& world, Words) { world.add(marbleway_version()); }},
-    {"waitUntilIdle", [](auto& world, Words w) { world.add(waitUntilIdle(std::chrono::milliseconds(std::stoll(w[0].text()))) ? "1" : "0"); },
-                      [](auto& world, Words w) { world.add(std::to_string(marbleway_wait_until_idle(std::stoll(w[0].text())))); }},
+template <class... Parameters>
+using Overload = void (*)(Parameters...);
+
+// In the scope of the operations' class.
+struct Steps : Marbleway {
+  static const Step kAll[];
 };
+const Step Steps::kAll[] = {
+    {"initMarbleway", Overload<Text>(initMarbleway), marbleway_init},
+    {"initMarbleway", Overload<Text, const Dictionary&>(initMarbleway),
+     marbleway_init_with_options},
+    {"startSession", startSession, marbleway_start_session},
+    {"stopSession", stopSession, marbleway_stop_session},
+    {"linkUser", linkUser, marbleway_link_user},
+    {"unlinkUser", unlinkUser, marbleway_unlink_user},
+    {"setUserAttribute", setUserAttribute, marbleway_set_user_attribute},
+    {"incrementUserAttribute", incrementUserAttribute, marbleway_increment_user_attribute},
+    {"decrementUserAttribute", decrementUserAttribute, marbleway_decrement_user_attribute},
+    {"linkCompany", linkCompany, marbleway_link_company},
+    {"unlinkCompany", unlinkCompany, marbleway_unlink_company},
+    {"setCompanyAttribute", setCompanyAttribute, marbleway_set_company_attribute},
+    {"incrementCompanyAttribute", incrementCompanyAttribute, marbleway_increment_company_attribute},
+    {"decrementCompanyAttribute", decrementCompanyAttribute, marbleway_decrement_company_attribute},
+    {"trackEvent", Overload<Text>(trackEvent),
+     [](const char* name) { return marbleway_track_event(name, nullptr); }},
+    {"trackEvent", Overload<Text, const Dictionary&>(trackEvent), marbleway_track_event},
+    {"trackScreenView", Overload<Text>(trackScreenView),
+     [](const char* name) { return marbleway_track_screen_view(name, nullptr); }},
+    {"trackScreenView", Overload<Text, const Dictionary&>(trackScreenView),
+     marbleway_track_screen_view},
+    {"trackAdImpression", trackAdImpression, marbleway_track_ad_impression},
+    {"trackAdInteraction", trackAdInteraction, marbleway_track_ad_interaction},
+    {"trackAdConversion", trackAdConversion, marbleway_track_ad_conversion},
+    {"trackDeepLink", trackDeepLink, marbleway_track_deep_link},
+    {"logError", +[](Text name, Text text) { logError(name, text, std::nullopt); },
+     [](auto... texts) { return marbleway_log_error(texts..., nullptr, nullptr, nullptr); }},
+    {"getTrackingEnabled", getTrackingEnabled, marbleway_get_tracking_enabled},
+    {"setTrackingEnabled", setTrackingEnabled, marbleway_set_tracking_enabled},
+    {"getUploadingEnabled", getUploadingEnabled, marbleway_get_uploading_enabled},
+    {"setUploadingEnabled", setUploadingEnabled, marbleway_set_uploading_enabled},
+    {"setDeviceToken", testing::setDeviceToken, setDeviceTokenInC},
+    {"trackPushNotification", trackPushNotification, marbleway_track_push_notification},
+    {"setLocationMonitoringEnabled", setLocationMonitoringEnabled,
+     marbleway_set_location_monitoring_enabled},
+    {"waitUntilIdle", waitUntilIdle, marbleway_wait_until_idle},
+    {"uploadNow", uploadNow, marbleway_upload_now},
+    // In C alone.
+    {"configure", Overload<const Value&>(), marbleway_configure},
+    {"logErrorWith", Overload<const Value&>(),
+     [](const char* info) { return marbleway_log_error("n", "m", nullptr, nullptr, info); }},
+    {"version", [](World& world, Words) { world.add(marbleway_version()); }},
 
-struct WorldStep { std::string_view name; Step step; };
-const WorldStep kWorldSteps[] = {
-    {"session", [](auto& world, Words) { world.beginSession(); world.takeEffects(); }},
-    {"answer", [](auto& world, Words w) { world.answer(std::stol(w[0].text()), w.size() > 1 ? w[1].text() : "{}"); }},
-    {"readOptions", [](auto&, Words w) { readOptions(w[0]); }},
-    {"answerLater", [](auto& world, Words) { world.http->answer({.status = 200, .body = "{}"}); }},
-    {"offline", [](auto& world, Words) { world.failRequest(); }},
-    {"advance", [](auto& world, Words w) { world.time->advance(secondsIn(w[0])); }},
-    {"moveWallClock", [](auto& world, Words w) { world.time->setWallClock(world.time->now() + secondsIn(w[0])); }},
+    {"advance", [](World& world, Words w) { world.time->advance(secondsIn(w[0])); }},
+    {"answer",
+     [](World& world, Words w) {
+       world.answer(std::stol(w[0].text()), w.size() > 1 ? w[1].text() : "{}");
+     }},
+    {"answerLater", [](World& world, Words) { world.http->answer({.status = 200, .body = "{}"}); }},
+    {"batchData", [](World&, Words) { batchData(); }},
+    {"crash",
+     [](World&, Words w) {
+       uncaughtExceptionHandler({w[0].string(), w[1].string()});
+     }},
+    {"files",
+     [](World& world, Words) {
+       const std::filesystem::directory_iterator first(world.directory.path()), last;
+       world.add(std::to_string(std::distance(first, last)));
+     }},
+    {"managerCalls",
+     [](World& world, Words) {
+       for (const auto& call : world.location->managers().back()->calls()) world.add(call);
+     }},
+    {"moveWallClock",
+     [](World& world, Words w) { world.time->setWallClock(world.time->now() + secondsIn(w[0])); }},
+    {"offline", [](World& world, Words) { world.failRequest(); }},
+    {"random", random},
+    {"rangingAvailable", [](World& world, Words w) { world.location->setRangingAvailable(w[0]); }},
+    {"readOptions", [](World&, Words w) { readOptions(w[0]); }},
+    {"reportLocations", reportLocations},
+    {"request", request},
+    {"session",
+     [](World& world, Words) {
+       world.beginSession();
+       world.takeEffects();
+     }},
     {"set", set},
     {"show", show},
-    {"blacklist", blacklist},
-    {"request", request},
-    {"timers", timers},
-    {"files", files},
-    {"batchData", [](auto&, Words) { batchData(); }},
-    {"crash", [](auto&, Words w) { uncaughtExceptionHandler({*w[0].value().template as<std::string>(), *w[1].value().template as<std::string>()}); }},
-    {"sql", [](auto& world, Words w) { query(world.storePath(), *w[0].value().template as<std::string>()); }},
-    {"breakStore", [](auto& world, Words) { std::filesystem::remove(world.storePath()); std::filesystem::create_directory(world.storePath()); }},
-    {"random", [](auto& world, Words w) { auto facts = world.device->facts(); facts.randomNumber = static_cast<std::uint32_t>(std::stoul(w[0].text())); world.device->setFacts(facts); }},
-    {"forget", [](auto& world, Words w) { std::static_pointer_cast<platform::testing::MemoryDefaults>(world.defaults)->MemoryDefaults::remove(w[0].text()); }},
-    {"rangingAvailable", [](auto& world, Words w) { world.location->setRangingAvailable(w[0]); }},
-    {"managerCalls", managerCalls},
-    {"updateLocations", [](auto& world, Words) { manager(world).delegate()->didUpdateLocations(manager(world), {{1, 2}}); }},
-    {"enterRegion", [](auto& world, Words w) { manager(world).delegate()->didEnterRegion(manager(world), {Text(w[0]).copy().value()}); }},
-    {"exitRegion", [](auto& world, Words w) { manager(world).delegate()->didExitRegion(manager(world), {Text(w[0]).copy().value()}); }},
-    {"range", range},
+    {"sql", sql},
+    {"timers", [](World& world,
+                  Words) { world.add(world.time->mainLoop()->nextDue() ? "running" : "none"); }},
 };
-// clang-format on
 
 }  // namespace
 
-Step findStep(std::string_view name, Interface interface) {
-  for (const NamedStep& each : kOperations) {
-    if (each.name == name) return interface == Interface::cpp ? each.cpp : each.c;
+Argument::Argument(std::string text) : text_(std::move(text)) {
+  if (const auto value = valueFromJSON(text_)) {
+    value_ = *value;
+  } else if (text_.size() >= 2 && text_.starts_with('"') && text_.ends_with('"')) {
+    value_ = text_.substr(1, text_.size() - 2);  // with bytes that JSON does not allow
   }
-  for (const WorldStep& each : kWorldSteps) {
-    if (each.name == name) return each.step;
-  }
-  return nullptr;
+}
+
+const char* Argument::string() const {
+  const auto* string = value_.as<std::string>();
+  return string == nullptr ? nullptr : string->c_str();
+}
+
+Argument::operator const Dictionary&() const {
+  static const Dictionary kEmpty;
+  const auto* dictionary = value_.as<Dictionary>();
+  return dictionary == nullptr ? kEmpty : *dictionary;
+}
+
+void runStep(std::string_view name, ObservedWorld& world, const Arguments& arguments,
+             Interface interface) {
+  const auto* const step =
+      std::ranges::find_if(Steps::kAll, [&](const Step& each) { return each.is(name, arguments); });
+  if (step == std::end(Steps::kAll)) throw std::runtime_error("no step " + std::string(name));
+  step->run(world, arguments, interface);
 }
 
 }  // namespace marbleway::testing
