@@ -24,13 +24,8 @@ constexpr std::string_view kArrays[] = {"NetworkRequests", "Sessions",    "Users
                                         "BatteryUsage",    "Ads",         "Messages",
                                         "DeepLinks"};
 
-class UploadTest : public MarblewayTest {
+class UploadTest : public RecordingTest {
  protected:
-  void SetUp() override {
-    beginSession();
-    deleteRows();
-  }
-
   void insert(const Table& table, const std::string& columns, const std::string& values) const {
     query(storePath(table.store),
           std::string("INSERT INTO ").append(table.name) + columns + " VALUES (" + values + ")");

@@ -91,4 +91,13 @@ class World {
 /// A test in a world of its own.
 class MarblewayTest : public ::testing::Test, public World {};
 
+/// A running session whose rows so far are deleted.
+class RecordingTest : public MarblewayTest {
+ protected:
+  void SetUp() override {
+    beginSession();
+    deleteRows();
+  }
+};
+
 }  // namespace marbleway::testing
