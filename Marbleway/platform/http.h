@@ -1,6 +1,7 @@
 #pragma once
 
 #include <functional>
+#include <memory>
 #include <optional>
 #include <string>
 #include <utility>
@@ -21,6 +22,8 @@ struct HttpRequest {
   Buffer body;                                               ///< What is posted.
   /// Bytes of the response's body that are wanted; the rest is received and dropped.
   std::size_t maxResponseBytes = kMaxResponseBytes;
+  /// Where the client writes, before `done` runs, why no response came; null: nobody asks.
+  std::shared_ptr<std::string> error{};
 };
 
 /// A response whose transfer is complete.

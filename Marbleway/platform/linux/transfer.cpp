@@ -112,6 +112,7 @@ bool Transfer::prepare(CURL* easy, const HttpOptions& options) noexcept {
   set(CURLOPT_WRITEFUNCTION, &Transfer::onBody);
   set(CURLOPT_WRITEDATA, this);
   set(CURLOPT_OPENSOCKETFUNCTION, &openSocket);
+  set(CURLOPT_ERRORBUFFER, error_.data());
 
   set(CURLOPT_PROTOCOLS_STR, "http,https");
   set(CURLOPT_FOLLOWLOCATION, 0L);
@@ -134,9 +135,12 @@ bool Transfer::prepare(CURL* easy, const HttpOptions& options) noexcept {
   return isSet;
 }
 
-void Transfer::end(bool complete) noexcept {
-  if (complete) (void)curl_easy_getinfo(easy_.get(), CURLINFO_RESPONSE_CODE, &response_.status);
-  isComplete_ = complete;
+void Transfer::end(const char* failure) noexcept {
+  isComplete_ = failure == nullptr;
+  if (isComplete_) (void)curl_easy_getinfo(easy_.get(), CURLINFO_RESPONSE_CODE, &response_.status);
+  if (!isComplete_ && error_[0] == '\0') {
+    std::string_view(failure).copy(error_.data(), error_.size() - 1);
+  }
   if (multi_ != nullptr) (void)curl_multi_remove_handle(multi_, easy_.get());
   multi_ = nullptr;
   easy_.reset();
@@ -145,6 +149,7 @@ void Transfer::end(bool complete) noexcept {
 
 void Transfer::complete() noexcept {
   const Done done = std::exchange(done_, nullptr);
+  if (!isComplete_ && request_.error) catchAll([&] { *request_.error = error_.data(); });
   catchAll([&] { done(isComplete_ ? std::optional(std::move(response_)) : std::nullopt); });
 }
 

@@ -2,6 +2,7 @@
 
 #include <curl/curl.h>
 
+#include <array>
 #include <chrono>
 #include <functional>
 #include <memory>
@@ -32,9 +33,9 @@ class Transfer {
 
   /// Begins the exchange on `multi`, which outlives it. False when libcurl has no memory for it.
   bool begin(CURLM* multi, const HttpOptions& options, Time now);
-  /// Removes the exchange from `multi` and frees the body. Unless it is `complete`, there is no
-  /// response.
-  void end(bool complete) noexcept;
+  /// Removes the exchange from `multi` and frees the body. There is a response if `failure` is
+  /// null; else it says why there is none, where libcurl has not said so itself.
+  void end(const char* failure) noexcept;
   /// Runs `done`, after the end and once. What it throws ends here.
   void complete() noexcept;
 
@@ -57,7 +58,8 @@ class Transfer {
   HttpResponse response_;
   std::size_t receivedBytes_ = 0;  // of the response's body
   bool isComplete_ = false;
-  curl_off_t transferredBytes_ = 0;  // in both directions
+  std::array<char, CURL_ERROR_SIZE> error_{};  // why there is no response
+  curl_off_t transferredBytes_ = 0;            // in both directions
   Time begun_, lastByte_;
 };
 

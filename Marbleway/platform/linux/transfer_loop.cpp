@@ -16,6 +16,8 @@
 namespace marbleway::platform {
 namespace {
 
+constexpr const char* kNoHandle = "libcurl has no memory or no descriptors";
+
 constinit ForkSafeMutex curlMutex;  // held by a thread while it is in libcurl, but for waits
 constinit std::atomic<bool> isExitGuarded{false};
 bool isCurlInitialized = false;  // guarded by `curlMutex`
@@ -93,7 +95,7 @@ void TransferLoop::step() {
     admit(over);
     int running = 0;
     if (multi_ && curl_multi_perform(multi_.get(), &running) == CURLM_OK) return collect(over);
-    while (!active_.empty()) finish(active_.begin(), false, over);
+    while (!active_.empty()) finish(active_.begin(), kNoHandle, over);
     return Transfer::Time::max();
   });
   if (over.empty()) awaitBytes(until);
@@ -121,7 +123,7 @@ void TransferLoop::admit(Transfers& over) {
     active_.splice(active_.end(), arrived, arrived.begin());
     const bool hasBegun =
         multi_ && active_.back().begin(multi_.get(), options_, Transfer::Clock::now());
-    if (!hasBegun) finish(std::prev(active_.end()), false, over);
+    if (!hasBegun) finish(std::prev(active_.end()), kNoHandle, over);
   }
 }
 
@@ -132,7 +134,8 @@ Transfer::Time TransferLoop::collect(Transfers& over) {
   while (const CURLMsg* message = curl_multi_info_read(multi_.get(), &left)) {
     const auto transfer = std::ranges::find_if(
         active_, [&](const Transfer& each) { return each.uses(message->easy_handle); });
-    finish(transfer, message->data.result == CURLE_OK, over);
+    const CURLcode result = message->data.result;
+    finish(transfer, result == CURLE_OK ? nullptr : curl_easy_strerror(result), over);
   }
   Transfer::Time earliest = Transfer::Time::max();
   const Transfer::Time now = Transfer::Clock::now();
@@ -140,7 +143,7 @@ Transfer::Time TransferLoop::collect(Transfers& over) {
     const auto transfer = next++;
     const Transfer::Time deadline = transfer->deadline(options_, now);
     earliest = std::min(earliest, deadline);
-    if (deadline <= now) finish(transfer, false, over);
+    if (deadline <= now) finish(transfer, "timed out", over);
   }
   return earliest;
 }
@@ -158,7 +161,7 @@ void TransferLoop::awaitBytes(Transfer::Time until) {
 void TransferLoop::endAll() {
   Transfers over;
   inCurl([&] {
-    while (!active_.empty()) finish(active_.begin(), false, over);
+    while (!active_.empty()) finish(active_.begin(), "ended", over);
     const std::scoped_lock lock(mutex_);
     if (isStopping_) multi_.reset();
     over.splice(over.end(), pending_);
@@ -166,8 +169,8 @@ void TransferLoop::endAll() {
   for (Transfer& transfer : over) transfer.complete();
 }
 
-void TransferLoop::finish(Transfers::iterator transfer, bool complete, Transfers& over) {
-  transfer->end(complete);
+void TransferLoop::finish(Transfers::iterator transfer, const char* failure, Transfers& over) {
+  transfer->end(failure);
   over.splice(over.end(), active_, transfer);
 }
 

@@ -38,7 +38,7 @@ class TransferLoop : public Work {
   Transfer::Time collect(Transfers& over);
   void awaitBytes(Transfer::Time until);
   void endAll();
-  void finish(Transfers::iterator transfer, bool complete, Transfers& over);
+  void finish(Transfers::iterator transfer, const char* failure, Transfers& over);
 
   const HttpOptions options_;
 

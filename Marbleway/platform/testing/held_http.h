@@ -3,9 +3,11 @@
 #include <cstddef>
 #include <deque>
 #include <functional>
+#include <memory>
 #include <mutex>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <thread>
 #include <utility>
 #include <vector>
@@ -36,14 +38,14 @@ class HeldHttp : public HttpClient {
     const std::scoped_lock lock(mutex_);
     requests_.push_back({std::move(request.url), std::move(request.headers),
                          std::string(request.body.view()), request.maxResponseBytes});
-    waiting_.push_back({std::move(done), request.maxResponseBytes});
+    waiting_.push_back({std::move(done), request.maxResponseBytes, std::move(request.error)});
   }
 
   /// Answers the oldest waiting request, on a thread of its own, and returns when `done` has run.
   /// False if none waits.
-  bool answer(HttpResponse answer) { return finish(std::move(answer)); }
+  bool answer(HttpResponse answer) { return finish(std::move(answer), ""); }
   /// Ends the oldest waiting request without an answer, as `answer` does.
-  bool fail() { return finish(std::nullopt); }
+  bool fail(std::string_view error = "") { return finish(std::nullopt, error); }
 
   /// Every request so far, oldest first.
   std::vector<HeldRequest> requests() const {
@@ -60,15 +62,17 @@ class HeldHttp : public HttpClient {
   struct Waiting {
     Done done;
     std::size_t maxResponseBytes;
+    std::shared_ptr<std::string> error;
   };
 
-  bool finish(std::optional<HttpResponse> answer) {
+  bool finish(std::optional<HttpResponse> answer, std::string_view error) {
     std::unique_lock lock(mutex_);
     if (waiting_.empty()) return false;
     const Waiting oldest = std::move(waiting_.front());
     waiting_.pop_front();
     lock.unlock();
 
+    if (oldest.error) *oldest.error = error;
     if (answer && answer->body.size() > oldest.maxResponseBytes)
       answer->body.resize(oldest.maxResponseBytes);
     std::thread([&] { oldest.done(std::move(answer)); }).join();
