@@ -93,6 +93,7 @@ TEST_F(InspectTest, CommandsShowRowsAndChangeNothing) {
       {0, "stats --format ndjson", R"({"Table":"mrbw_v2_ads","Rows":0,"Bytes":0,"Oldest":null,)"},
       {0, "rows users", "id  SessionID                             UserID       TypeID  UTCTimeS"},
       {0, "rows users", "\n(5 rows)\n"},
+      {0, "rows", "\n(1 row)\n\nmrbw_v2_events\n"},
       {0, "rows mrbw_v2_events --format=ndjson", "\n{\"Table\":\"mrbw_v2_events\",\"id\":2,\"Sess"},
       {0, "rows messages --format csv --user ann", "\n1,\"m\",\"ann\",\"AAAAAAAA-0000-0000-0000"},
       {0, "rows events --format csv --user o\\'bob", columns + "2,"},

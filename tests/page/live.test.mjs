@@ -74,7 +74,10 @@ pageTest("A page that lost its collector catches up", GONE, async (page, collect
 
 pageTest("Repeated rows and gaps are marked and counted", {}, async (page, collector) => {
   await send(collector, {Sessions: [session(1, "S-ONE", "DEVICE-A")], Events: [event(1, "S-ONE", "First")]});
-  for (const id of [2, 2, 5]) await send(collector, {Events: [event(id, "S-ONE", "Later")]});
+  for (const [rows, id] of [[3, 2], [4, 2], [5, 5]]) {
+    await send(collector, {Events: [event(id, "S-ONE", "Later")]});
+    await countRows(page, rows);
+  }
   await eventually(() => column(page, "state"), ["⚠ after gap", "↻ again ×2", "new", "new", "new"]);
   await page.keyboard.press("6");
   await eventually(() => page.locator("#health .figures .card").allTextContents(),

@@ -5,7 +5,7 @@
 
 namespace collector {
 
-/// The file page.html as it was when the program was built.
+/// The files of page/ in one, as they were when the program was built.
 std::string_view pageFile();
 
 /// The page as sent: its first `<script>` and `<style>` have `nonce`, which its security policy

@@ -1,0 +1,35 @@
+// What the first view shows until a row arrives: a sample, and how far an application has come.
+
+function snippet() {
+  const url = summary.url.replace(/\/?(v2\/?)?$/, "/v2/");
+  return `#include <Marbleway/Host.h>
+#include <Marbleway/Marbleway.h>
+
+int main() {
+  using namespace std::chrono_literals;
+  marbleway::configure({.developmentURL = ${JSON.stringify(url)}});
+  Marbleway::initMarbleway(${JSON.stringify(summary.tokens[0] ?? "my-project")},
+                           {{"SDKEnvironment", 1}, {"PrivacyMode", false}});
+  Marbleway::trackEvent("Hello");
+  marbleway::waitUntilIdle(2s);
+  Marbleway::stopSession();  // sends what was recorded
+  marbleway::waitUntilIdle(5s);
+}
+`;
+}
+
+function showEmpty() {
+  const isEmpty = !!summary && store.length === 0 && !held && lastN === 0 && !(summary.rows > 0);
+  byId("empty").hidden = !isEmpty;
+  byId("rows-shown").hidden = isEmpty;
+  if (!isEmpty) return;
+  const lamp = (isLit, label) => el("li", {class: isLit ? "lit" : ""},
+    isLit ? "● " : "○ ", label, isLit ? ": seen" : ": waiting");
+  const text = snippet();
+  byId("empty").replaceChildren(
+    el("h2", {}, "Nothing has arrived yet"),
+    el("p", {}, "Paste this into an application. Rows show up here by themselves."),
+    el("pre", {}, text), el("p", {}, copyButton("Copy", () => text)),
+    el("ul", {class: "lamps", role: "status"}, lamp(handshakesView.items.length || summary.handshakes, "Handshake"),
+      lamp(summary.sessions, "Session"), lamp(batchesView.items.length || summary.batches, "First batch")));
+}
