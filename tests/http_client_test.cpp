@@ -30,7 +30,6 @@ using platform::HttpRequest;
 using platform::kMaxResponseBytes;
 using platform::makeCurlClient;
 using ::testing::SizeIs;
-using ::testing::StartsWith;
 using Result = std::optional<platform::HttpResponse>;
 
 /// What became of one request.
@@ -139,12 +138,11 @@ TEST_F(HttpClientTest, EachServerBehaviourHasItsOutcome) {
 TEST_F(HttpClientTest, UsesTheProxyForAllButLoopback) {
   const RefusingPort nobody;
   const std::string plain = "http://example.invalid/v2/", secret = "https://example.invalid/v2/",
-                    proxy = server.url(), none = nobody.url(),
-                    sent = "POST " + plain + " HTTP/1.1\r\n",
-                    connected = "CONNECT example.invalid:443 HTTP/1.1\r\n";
+                    proxy = server.url(), none = nobody.url(), sent = "POST " + plain + " HTTP/1.1",
+                    connected = "CONNECT example.invalid:443 HTTP/1.1";
   const struct {
     std::string option, plainVariable, secureVariable, exceptions, url;
-    std::string line;  // begins the request as the server sees it
+    std::string line;  // of the request as the server sees it
   } cases[] = {
       {proxy, none, "", "*", plain, sent},
       {"", proxy, "", "", plain, sent},
@@ -152,23 +150,22 @@ TEST_F(HttpClientTest, UsesTheProxyForAllButLoopback) {
       {none, proxy, "", "", plain, ""},
       {proxy, "", none, "", secret, connected},
       {"", "", proxy, "", secret, connected},
-      {none, none, none, "", proxy, "POST /v2/ HTTP/1.1\r\n"},
+      {none, none, none, "", proxy, "POST /v2/ HTTP/1.1"},
   };
   server.answerWith([](const Received&) { return Answer{.status = 403}; });
-  for (std::size_t expected = 0; const auto& [option, http, https, exceptions, url, line] : cases) {
-    SCOPED_TRACE(expected);
+  for (const auto& [option, http, https, exceptions, url, line] : cases) {
     setenv("http_proxy", http.c_str(), 1);
     setenv("https_proxy", https.c_str(), 1);
     setenv("no_proxy", exceptions.c_str(), 1);
     client = makeCurlClient({.proxy = option});
     HttpRequest request = requestTo(url);
     request.headers = {{"token", "t"}};
+    const std::size_t before = server.requests().size();
     EXPECT_EQ(responseTo(std::move(request)).has_value(), line.starts_with("POST"));
-    const std::vector<Received> received = server.requests();
-    ASSERT_THAT(received, SizeIs(expected += line.empty() ? 0 : 1));
-    if (line.empty()) continue;
-    EXPECT_THAT(received.back().head, StartsWith(line));
-    EXPECT_EQ(received.back().head.find("token: t") == std::string::npos, line == connected);
+    const auto received = server.requests();
+    const std::string head = received.size() > before ? received.back().head : "";
+    EXPECT_EQ(head.substr(0, head.find('\r')), line);
+    EXPECT_EQ(head.find("token: t") != std::string::npos, line.starts_with("POST"));
   }
   for (const char* variable : {"http_proxy", "https_proxy", "no_proxy"}) unsetenv(variable);
 }

@@ -14,7 +14,6 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
-#include <future>
 #include <iterator>
 #include <set>
 #include <string>
@@ -36,8 +35,6 @@ namespace fs = std::filesystem;
 using ::testing::ElementsAre;
 using ::testing::MatchesRegex;
 using ::testing::Optional;
-
-constexpr const char* kUUID = "[0-9A-F]{8}-[0-9A-F]{4}-[0-9A-F]{4}-[0-9A-F]{4}-[0-9A-F]{12}";
 
 void write(const fs::path& file, const std::string& bytes) { std::ofstream(file) << bytes; }
 
@@ -104,23 +101,6 @@ TEST_F(FileDefaultsTest, MergesChangesOnceTheFileCanBeRead) {
   }
 }
 
-TEST_F(FileDefaultsTest, OneCallWaitsTwoSecondsForTheDirectory) {
-  const auto defaults = makeFileDefaults(file);
-  defaults->setText("a", "1");
-  const int held = open(directory.path().c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-  ASSERT_EQ(flock(held, LOCK_EX), 0);
-  const auto start = std::chrono::steady_clock::now();
-  {
-    const BusyBudget budget;  // one call, however often it writes
-    for (int i = 0; i < 3; ++i) defaults->synchronize();
-  }
-  EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(3500));
-  EXPECT_FALSE(fs::exists(file));
-  close(held);
-  defaults->synchronize();
-  EXPECT_EQ(read(file), R"({"a":"1"})");
-}
-
 TEST_F(FileDefaultsTest, InstancesMergeTheirChangesAndShareIdentifiers) {
   const auto one = makeFileDefaults(file);
   const auto other = makeFileDefaults(file);
@@ -142,54 +122,56 @@ TEST_F(FileDefaultsTest, InstancesMergeTheirChangesAndShareIdentifiers) {
 }
 
 // The documents directory is made with the first write.
-TEST_F(FileDefaultsTest, AFailedWriteBringsNoRemovedTextBack) {
+TEST_F(FileDefaultsTest, WritesLaterWhatCouldNotBeWritten) {
   const fs::path documents = directory.path() / "new" / "documents";
+  const fs::path settings = documents / file.filename();
   const auto defaults = makeFileDefaults();
   setDocumentsDirectory(documents);
   defaults->setText("user", "linked");
   EXPECT_FALSE(fs::exists(documents));
   defaults->synchronize();
+  defaults->remove("user");
   {
     const marbleway::testing::Shortage bytes(RLIMIT_FSIZE, 0);
-    defaults->remove("user");
-    defaults->synchronize();
-    defaults->setTextIfMissing("user", "new");
     defaults->synchronize();
   }
-  EXPECT_EQ(read(documents / file.filename()), R"({"user":"linked"})");
-  EXPECT_FALSE(fs::exists(documents / "user-defaults.json.new"));
+  EXPECT_FALSE(fs::exists(settings.string() + ".new"));
+  defaults->setTextIfMissing("user", "new");  // the removed one does not come back
+  const int held = open(documents.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  ASSERT_EQ(flock(held, LOCK_EX), 0);
+  const auto start = std::chrono::steady_clock::now();
+  {
+    const BusyBudget budget;  // one call, however often it writes
+    for (int i = 0; i < 3; ++i) defaults->synchronize();
+  }
+  EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(3500));
+  EXPECT_EQ(read(settings), R"({"user":"linked"})");
+  close(held);
   defaults->synchronize();
-  EXPECT_EQ(read(documents / file.filename()), R"({"user":"new"})");
+  EXPECT_EQ(read(settings), R"({"user":"new"})");
   setDocumentsDirectory({});
 }
 
-TEST(LinuxDeviceTest, AsksTheSystem) {
+TEST_F(FileDefaultsTest, TheDeviceAsksTheSystem) {
+  const auto former = current();
   const auto device = makeLinuxDevice();
+  const std::string uuid = "[0-9A-F]{8}-[0-9A-F]{4}-[0-9A-F]{4}-[0-9A-F]{4}-[0-9A-F]{12}";
   utsname kernel{};
   ASSERT_EQ(uname(&kernel), 0);
   EXPECT_EQ(device->model(), std::string(kernel.machine));
   EXPECT_THAT(device->systemVersion(), MatchesRegex("[0-9][-+.~0-9A-Za-z]*"));
   EXPECT_EQ(device->advertisingIdentifier(), "");
-  EXPECT_THAT(device->newIdentifier(), MatchesRegex(kUUID));
   EXPECT_NE(device->newIdentifier(), device->newIdentifier());
   std::set<std::uint32_t> numbers;
   for (int i = 0; i < 200; ++i) numbers.insert(device->randomBelow(3));
   EXPECT_THAT(numbers, ElementsAre(0, 1, 2));
-}
-
-TEST_F(FileDefaultsTest, TheVendorIdentifierIsMadeOnce) {
-  const auto former = current();
-  std::set<std::string> identifiers;
   for (int launch = 0; launch < 2; ++launch) {  // the second finds the first one's
     install({.userDefaults = makeFileDefaults(file)});
-    std::array<std::future<std::string>, 4> found;
-    for (auto& each : found) {
-      each = std::async(std::launch::async, [] { return makeLinuxDevice()->vendorIdentifier(); });
-    }
-    for (auto& each : found) identifiers.insert(each.get());
+    const std::string identifier = device->vendorIdentifier();
+    EXPECT_THAT(identifier, MatchesRegex(uuid));
+    EXPECT_EQ(read(file), R"({"Marbleway_VendorID":")" + identifier + R"("})");
   }
   install(*former);
-  EXPECT_THAT(identifiers, ElementsAre(MatchesRegex(kUUID)));
 }
 
 TEST(PathsTest, DataDirectoryFollowsAbsoluteVariablesOnly) {
@@ -219,28 +201,27 @@ TEST(PathsTest, DocumentsDirectoryHasADefaultAndNoLastSlash) {
 }
 
 TEST(TimeZoneTest, ComesFromTheVariableThenTheLinkThenTheFile) {
-  const std::string zones = "/usr/share/zoneinfo/";
-  const struct {
-    const char* variable;
-    std::string link, file, name;
-  } cases[] = {
-      {nullptr, "", "", "UTC"},
-      {nullptr, "../zoneinfo/posix/America/Argentina/Salta", "", "America/Argentina/Salta"},
-      {nullptr, "/etc/zones/Berlin", "Asia/Tokyo\n", "Asia/Tokyo"},
-      {"Africa/Cairo", zones + "Europe/Berlin", "Asia/Tokyo\n", "Africa/Cairo"},
-      {":/usr/share/zoneinfo/right/Africa/Cairo", "", "", "Africa/Cairo"},
-      {"Japan", "", "", "Japan"},
-      {"", zones + "Europe/Berlin", "", "UTC"},
-      {"CET-1CEST,M3.5.0,M10.5.0/3", zones + "Europe/Berlin", "", "Europe/Berlin"},
-      {":/etc/localtime", zones + "Europe/Berlin", "Asia/Tokyo\n", "Europe/Berlin"},
+  const marbleway::testing::TemporaryDirectory root;
+  const fs::path etc = root.path() / "etc", zones = root.path() / "usr/share/zoneinfo";
+  EXPECT_EQ(timeZoneName(nullptr, root.path()), "UTC");
+  fs::create_directories(etc);
+  fs::create_directories(zones);
+  write(etc / "timezone", "Asia/Tokyo\n");
+  write(zones / "Japan", "TZif2");
+  constexpr const char* kCases[][3] = {
+      // the variable, the link, the name
+      {nullptr, "../usr/share/zoneinfo/posix/America/Argentina/Salta", "America/Argentina/Salta"},
+      {nullptr, "/etc/zones/Berlin", "Asia/Tokyo"},
+      {"Africa/Cairo", "/usr/share/zoneinfo/Europe/Berlin", "Africa/Cairo"},
+      {":/usr/share/zoneinfo/right/Africa/Cairo", "none", "Africa/Cairo"},
+      {"Japan", "none", "Japan"},
+      {"", "/usr/share/zoneinfo/Europe/Berlin", "UTC"},
+      {"CET-1CEST,M3.5.0,M10.5.0/3", "/usr/share/zoneinfo/Europe/Berlin", "Europe/Berlin"},
+      {":/etc/localtime", "/usr/share/zoneinfo/Europe/Berlin", "Europe/Berlin"},
   };
-  for (const auto& [variable, link, line, name] : cases) {
-    const marbleway::testing::TemporaryDirectory root;
-    fs::create_directories(root.path() / "etc");
-    fs::create_directories(root.path() / "usr/share/zoneinfo");
-    write(root.path() / "usr/share/zoneinfo/Japan", "TZif2");
-    if (!link.empty()) fs::create_symlink(link, root.path() / "etc/localtime");
-    if (!line.empty()) write(root.path() / "etc/timezone", line);
+  for (const auto& [variable, link, name] : kCases) {
+    fs::remove(etc / "localtime");
+    fs::create_symlink(link, etc / "localtime");
     EXPECT_EQ(timeZoneName(variable, root.path()), name);
   }
 }

@@ -10,6 +10,7 @@
 #include <thread>
 
 #include "Marbleway/platform/linux/http_client.h"
+#include "Marbleway/platform/linux/main_loop.h"
 #include "Marbleway/upload/batch.h"
 #include "tests/support/child.h"
 #include "tests/support/failing_vfs.h"
@@ -231,9 +232,7 @@ TEST_F(ProcessEndTest, AKilledProcessLeavesEveryRowWhoseCallReturned) {
 }
 
 TEST_F(ProcessEndTest, TheProcessEndsAtOnceWithRequestsInFlight) {
-  LoopbackServer silent;
-  silent.answerWith(
-      [](const tests::Received&) { return tests::Answer{.manner = tests::Manner::never}; });
+  const LoopbackServer silent({.manner = tests::Manner::never});
   exitInFlight(silent.url());
   exitInFlight(silent.url("https"));  // TLS gets no reply to its greeting
   const fs::path authority = directory.path() / "authority.pem";
@@ -258,9 +257,7 @@ void recordEverything(const std::string& event) {
 }
 
 TEST_F(ProcessEndTest, AChildOfAForkStartsItselfAndNeverHangs) {
-  LoopbackServer silent;
-  silent.answerWith(
-      [](const tests::Received&) { return tests::Answer{.manner = tests::Manner::never}; });
+  const LoopbackServer silent({.manner = tests::Manner::never});
   Child parent([&] {
     tests::startLibrary(directory.path(), silent.url());
     std::atomic<bool> isOver = false;
@@ -293,10 +290,7 @@ TEST_F(ProcessEndTest, AChildOfAForkStartsItselfAndNeverHangs) {
 }
 
 TEST_F(ProcessEndTest, AForkBeforeTheStartLeavesItsTimers) {
-  LoopbackServer server;
-  server.answerWith([](const tests::Received&) {
-    return tests::Answer{.body = R"({"Data":{"Config":{"SessionTimeout":0}}})"};
-  });
+  const LoopbackServer server({.body = R"({"Data":{"Config":{"SessionTimeout":0}}})"});
   const Child process([&] {
     configure({.documentsDirectory = directory.path()});
     Marbleway::trackDeepLink("app://open?mrbw_dlid=1");

@@ -5,7 +5,6 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <array>
 #include <cerrno>
 #include <stdexcept>
 #include <utility>
@@ -15,38 +14,20 @@ namespace {
 
 using namespace std::chrono_literals;
 
-/// Appends what comes next; false once either side has closed.
-bool receive(int socket, std::string& bytes) {
-  std::array<char, 65536> block;
-  const ssize_t got = recv(socket, block.data(), block.size(), 0);
-  if (got > 0) bytes.append(block.data(), static_cast<std::size_t>(got));
-  return got > 0;
-}
-
 /// False when no whole request comes.
 bool receive(int socket, Received& request) {
-  constexpr std::string_view kBlankLine = "\r\n\r\n", kLength = "Content-Length: ";
+  constexpr std::string_view kLength = "Content-Length: ";
   auto& [head, body] = request;
-  std::size_t end = 0;
-  while ((end = body.find(kBlankLine)) == std::string::npos) {
-    if (!receive(socket, body)) return false;
+  for (char next = 0; !head.ends_with("\r\n\r\n"); head += next) {
+    if (recv(socket, &next, 1, 0) != 1) return false;
   }
-  head = body.substr(0, end + kBlankLine.size());
-  body.erase(0, head.size());
   const std::size_t length = head.find(kLength);
-  const std::size_t size =
-      length == std::string::npos ? 0 : std::stoul(head.substr(length + kLength.size()));
-  while (body.size() < size && receive(socket, body)) continue;
-  return body.size() >= size;
+  if (length != std::string::npos) body.resize(std::stoul(head.substr(length + kLength.size())));
+  return body.empty() || recv(socket, body.data(), body.size(), MSG_WAITALL) == std::ssize(body);
 }
 
 bool sendAll(int socket, std::string_view bytes) {
-  while (!bytes.empty()) {
-    const ssize_t sent = send(socket, bytes.data(), bytes.size(), MSG_NOSIGNAL);
-    if (sent < 0) return false;
-    bytes.remove_prefix(static_cast<std::size_t>(sent));
-  }
-  return true;
+  return send(socket, bytes.data(), bytes.size(), MSG_NOSIGNAL) == std::ssize(bytes);
 }
 
 void sendAnswer(int socket, const Answer& answer) {
@@ -55,10 +36,9 @@ void sendAnswer(int socket, const Answer& answer) {
   const std::string bytes = answer.raw.empty() ? head + "\r\n\r\n" + answer.body : answer.raw;
   constexpr linger kAtOnce{.l_onoff = 1, .l_linger = 0};
   pollfd peer{socket, POLLIN, 0};  // it sends nothing more: a close alone ends a pause
-  std::string ignored;
   switch (answer.manner) {
     case Manner::never:
-      while (receive(socket, ignored)) continue;
+      while (poll(&peer, 1, -1) != 1) continue;
       break;
     case Manner::trickled:
       for (const char& byte : bytes) {
@@ -99,7 +79,8 @@ std::string RefusingPort::url(std::string_view scheme) const {
   return std::string(scheme).append("://").append(host()).append("/v2/");
 }
 
-LoopbackServer::LoopbackServer() {
+LoopbackServer::LoopbackServer(const Answer& answer)
+    : respond_([answer](const Received& /*request*/) { return answer; }) {
   if (::listen(socket_, 128) != 0) throw std::runtime_error("no listening socket");
   listening_ = std::thread([this] { listen(); });
 }
@@ -141,7 +122,7 @@ void LoopbackServer::serve(int socket) {
     changed_.notify_all();
     const auto respond = respond_;
     lock.unlock();
-    sendAnswer(socket, respond ? respond(request) : Answer{.status = 500});
+    sendAnswer(socket, respond(request));
   }
   const std::scoped_lock lock(mutex_);
   open_.erase(socket);

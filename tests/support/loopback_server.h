@@ -56,11 +56,12 @@ class RefusingPort {
 /// at once when it is destroyed, whatever is going on. Thread: any.
 class LoopbackServer : public RefusingPort {
  public:
-  LoopbackServer();
+  /// Answers every request by `answer`.
+  explicit LoopbackServer(const Answer& answer = {});
   ~LoopbackServer();
 
-  /// Answers by `respond`; before the first call, with 500. It runs on the connection's thread,
-  /// when the request counts already, and may wait for what it likes.
+  /// Answers by `respond` from now on. It runs on the connection's thread, when the request counts
+  /// already, and may wait for what it likes.
   void answerWith(std::function<Answer(const Received&)> respond);
 
   std::vector<Received> requests() const { return waitForRequests(0); }
