@@ -64,20 +64,6 @@ TEST(MainLoopTest, RunsPostedTasksInOrderOnOneThread) {
   for (const auto& order : ran) EXPECT_TRUE(order.size() == 1000 && std::ranges::is_sorted(order));
 }
 
-TEST(MainLoopTest, InvalidatedTimersFireNoMore) {
-  const auto loop = makeBackgroundLoop();
-  for (int round = 0; round < 50; ++round) {
-    std::atomic<int> count = 0;
-    const auto timer = loop->repeat(0ns, [&] { ++count; });
-    ASSERT_TRUE(fires(*loop, 3));
-    timer->invalidate();
-    ASSERT_TRUE(runsPosted(*loop));  // a firing that had begun has ended
-    const int last = count;
-    ASSERT_TRUE(fires(*loop, 5));
-    ASSERT_EQ(count, last);
-  }
-}
-
 TEST(MainLoopTest, PostedTasksDoNotStarveTimers) {
   const auto loop = makeBackgroundLoop();
   std::atomic<bool> isOver = false;

@@ -34,7 +34,6 @@ void sendAnswer(int socket, const Answer& answer) {
   const std::string head = "HTTP/1.1 " + std::to_string(answer.status) +
                            " Scripted\r\nContent-Length: " + std::to_string(answer.body.size());
   const std::string bytes = answer.raw.empty() ? head + "\r\n\r\n" + answer.body : answer.raw;
-  constexpr linger kAtOnce{.l_onoff = 1, .l_linger = 0};
   pollfd peer{socket, POLLIN, 0};  // it sends nothing more: a close alone ends a pause
   switch (answer.manner) {
     case Manner::never:
@@ -45,9 +44,6 @@ void sendAnswer(int socket, const Answer& answer) {
         if (poll(&peer, 1, 10) != 0 || !sendAll(socket, {&byte, 1})) break;
       }
       break;
-    case Manner::reset:
-      setsockopt(socket, SOL_SOCKET, SO_LINGER, &kAtOnce, sizeof kAtOnce);
-      [[fallthrough]];
     case Manner::whole:
       sendAll(socket, bytes);
       break;

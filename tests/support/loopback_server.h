@@ -22,7 +22,6 @@ struct Received {
 enum class Manner {
   whole,     // and then an orderly close
   never,     // the request is read and the connection kept
-  reset,     // and then a reset
   trickled,  // byte by byte, one in ten milliseconds
   endless,   // again and again
 };
