@@ -1,5 +1,6 @@
 #include "Marbleway/store/store.h"
 
+#include <sqlite3.h>
 #include <sys/stat.h>
 
 #include <fstream>
@@ -108,6 +109,24 @@ TEST_F(StoreTest, ThreadsMakeStoresWhateverAKilledStartLeft) {
   threads.clear();
   EXPECT_EQ(rowCount(), 8);  // of sixteen tables that are all there
   EXPECT_FALSE(fs::exists(storePath().concat("-new")));
+}
+
+TEST_F(StoreTest, ThreadsRecordWithoutSQLitesMutexes) {
+  unregisterStores();
+  sqlite3_shutdown();
+  sqlite3_config(SQLITE_CONFIG_SINGLETHREAD);
+  beginSession();
+  std::array<std::jthread, 8> threads;
+  for (std::jthread& thread : threads) {
+    thread = std::jthread([] {
+      for (int i = 0; i < 20; ++i) Marbleway::trackEvent("e");
+    });
+  }
+  for (std::jthread& thread : threads) thread.join();
+  EXPECT_THAT(rows("mrbw_v2_events"), SizeIs(160));
+  unregisterStores();
+  sqlite3_shutdown();
+  sqlite3_config(SQLITE_CONFIG_SERIALIZED);
 }
 
 // A host may set the mode, or the default file system, for files of its own.
