@@ -8,7 +8,10 @@
 #include <chrono>
 #include <exception>
 #include <filesystem>
+#include <functional>
+#include <optional>
 #include <string>
+#include <vector>
 
 #include "platform/export.h"
 #include "platform/value.h"
@@ -21,6 +24,41 @@ struct Coordinate {
   double latitude = 0;   ///< North of the equator.
   double longitude = 0;  ///< East of Greenwich.
 };
+
+/// One thing that happened inside the library, for developers. It names what was called with, such
+/// as an event's name, and never has a value.
+struct Diagnostic {
+  /// What it is about.
+  enum class Kind {
+    handshake,  ///< A start's request ended.
+    batch,      ///< An upload's request ended, or was not begun.
+    store,      ///< A statement failed; without a row that an operation recorded: "row lost".
+    settings,   ///< The settings could not be written.
+    crash,      ///< The row of a crash was made, or not.
+    refusal     ///< A call was refused, or one of its values; `outcome` is the reason.
+  };
+  Kind kind = Kind::handshake;  ///< What it is about.
+  bool isFailure = false;       ///< Whether something was lost, refused or not answered by 200.
+  /// "accepted", "rejected" (a status other than 200), "no response", "not begun", "row lost",
+  /// "statement failed", "not written", "recorded", "not recorded", or the reason of a refusal.
+  std::string outcome{};
+  std::string error{};    ///< Why, in the words of the network, the store or the file system.
+  long httpStatus = 0;    ///< The response's; 0 without one.
+  std::string url{};      ///< The request's, without a user's name and password.
+  std::size_t rows = 0;   ///< In the batch.
+  std::size_t bytes = 0;  ///< In the request's body.
+  std::chrono::milliseconds duration{0};         ///< From the request to its end.
+  std::string operation{};                       ///< Of the host's call, such as "linkUser".
+  std::string key{};                             ///< What it names: an attribute, an event, a type.
+  std::chrono::system_clock::time_point time{};  ///< When it happened.
+};
+
+/// "handshake", "batch", "store", "settings", "crash" or "refusal".
+MARBLEWAY_EXPORT const char* nameOf(Diagnostic::Kind kind) noexcept;
+
+/// One line, such as a log takes: what `MARBLEWAY_DIAGNOSTICS=1` in the environment has printed to
+/// standard error.
+MARBLEWAY_EXPORT std::string lineOf(const Diagnostic& diagnostic);
 
 /// What a host configures: its directory, its servers, its name and version.
 struct Configuration {
@@ -40,6 +78,10 @@ struct Configuration {
   /// Begins an upload as soon as the server has accepted the start, so that even a short launch
   /// sends what the one before recorded, its crash included.
   bool uploadOnStart = false;
+  /// Receives what happens, for developers; empty: nothing is gathered. Called on the main loop,
+  /// one call at a time, in order, also for what other threads do; it should return soon. What it
+  /// throws, and diagnostics of what it calls itself, are dropped.
+  std::function<void(const Diagnostic&)> diagnostics{};
 };
 
 /// Sets the host's configuration. Call it before `initMarbleway`. Thread: any.
@@ -58,6 +100,35 @@ MARBLEWAY_EXPORT bool waitUntilIdle(std::chrono::milliseconds atMost) noexcept;
 /// Begins an upload if its conditions hold (see `Marbleway::stopSession`); the session goes on.
 /// Reads the stores on the calling thread and does not wait for the server. Thread: any.
 MARBLEWAY_EXPORT void uploadNow() noexcept;
+
+/// What `status` counts.
+enum class Count { nothing, rows };
+
+/// The rows of one table that are pending.
+struct PendingRows {
+  std::string table{};    ///< Its name.
+  std::size_t rows = 0;   ///< How many.
+  std::size_t bytes = 0;  ///< In their texts.
+};
+
+/// The state of the library, as an application may want to show it.
+struct Status {
+  bool isStarted = false;                 ///< `initMarbleway` has been called.
+  bool isRefused = false;                 ///< The server has refused the project.
+  bool isConnected = false;               ///< The latest handshake was answered.
+  bool isPrivate = false;                 ///< Privacy mode is on.
+  bool isTracking = false;                ///< Tracking is on.
+  bool isUploading = false;               ///< Uploading is on.
+  std::optional<std::string> session{};   ///< The valid session's identifier.
+  std::optional<Diagnostic> handshake{};  ///< The one that ended last since the start.
+  std::optional<Diagnostic> batch{};      ///< The one that ended last since the start.
+  std::vector<PendingRows> pending{};     ///< The tables with rows, if they were counted.
+};
+
+/// The state at this moment. With `Count::rows` it reads every pending row, on the calling thread;
+/// a store that is held is waited for, two seconds at most. Without memory it is as before the
+/// start. Thread: any.
+MARBLEWAY_EXPORT Status status(Count count = Count::nothing) noexcept;
 
 /// Ends what the library does in this process: stops and joins its threads, ends its timers and its
 /// requests in flight, and gives signal handlers back. Rows that were not sent stay in the stores.

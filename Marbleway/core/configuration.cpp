@@ -7,6 +7,7 @@
 #include <system_error>
 #include <utility>
 
+#include "Marbleway/core/diagnostics.h"
 #include "Marbleway/platform/guarded.h"
 #include "Marbleway/platform/paths.h"
 #include "Marbleway/platform/platform.h"
@@ -62,7 +63,8 @@ void configure(Configuration configuration) {
         "Configuration::documentsDirectory is relative, and there is no working directory");
   }
   platform::setDocumentsDirectory(complete->documentsDirectory);
-  configured.store(std::move(complete));
+  configured.store(complete);
+  diagnostics::configured(*complete);
 }
 
 std::shared_ptr<const Configuration> configuration() {

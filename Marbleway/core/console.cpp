@@ -2,6 +2,7 @@
 
 #include <string>
 
+#include "Marbleway/core/diagnostics.h"
 #include "Marbleway/core/state.h"
 #include "Marbleway/platform/platform.h"
 
@@ -15,13 +16,22 @@ void write(std::string_view prefix, std::string_view text) {
 
 }  // namespace
 
-void warning(std::string_view text) { write("Marbleway Warning: ", text); }
-void error(std::string_view text) { write("Marbleway Error: ", text); }
+void warning(std::string_view text) {
+  diagnostics::refused(text);
+  write("Marbleway Warning: ", text);
+}
+
+void error(std::string_view text) {
+  diagnostics::refused(text);
+  write("Marbleway Error: ", text);
+}
+
 void message(std::string_view text) { write("Marbleway Message: ", text); }
 
 void refusal(std::string_view reason, std::string_view action) {
+  diagnostics::refused(reason);
   if (!isLoggingEnabled) return;  // a refused call costs nothing then
-  warning(std::string(reason).append(", Could Not ").append(action));
+  write("Marbleway Warning: ", std::string(reason).append(", Could Not ").append(action));
 }
 
 }  // namespace marbleway::console

@@ -2,7 +2,8 @@
 
 #include <string_view>
 
-// The three kinds of line. None is written while logging is off; callers need no check.
+// The three kinds of line. None is written while logging is off; callers need no check. A warning
+// and an error are refusals of a call or of a value, and so diagnostics too.
 namespace marbleway::console {
 
 /// "Marbleway Warning: ", then `text`.

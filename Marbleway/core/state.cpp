@@ -19,6 +19,7 @@ void resetState() {
     timer->store(nullptr);
   }
   mrbwLocationManager.store(nullptr);
+  for (auto* exchange : {&lastHandshake, &lastBatch}) exchange->store(std::nullopt);
 }
 
 }  // namespace marbleway

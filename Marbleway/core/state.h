@@ -6,6 +6,7 @@
 #include <string>
 #include <vector>
 
+#include "Marbleway/Host.h"
 #include "Marbleway/platform/guarded.h"
 #include "Marbleway/platform/location.h"
 #include "Marbleway/platform/main_loop.h"
@@ -50,6 +51,9 @@ inline constinit TimerHandle TimerTask, SessionTask, CPUTask, MemoryTask, Batter
 
 /// The one location manager, replaced by each call that enables monitoring.
 inline constinit Guarded<std::shared_ptr<platform::LocationManager>> mrbwLocationManager;
+
+/// The handshake and the batch that ended last; absent: none since the start.
+inline constinit Guarded<std::optional<Diagnostic>> lastHandshake, lastBatch;
 
 /// Every variable above as it was before the first start-up. The handles are dropped; timers that
 /// are to stop are invalidated before.

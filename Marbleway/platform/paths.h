@@ -3,11 +3,16 @@
 #include <filesystem>
 #include <functional>
 #include <string>
+#include <string_view>
 
 namespace marbleway::platform {
 
 /// The file name of the program that runs, from the kernel.
 std::string executableName();
+
+/// The environment variable `name`; empty when it is missing, and in a set-uid program, whose
+/// caller sets the environment.
+std::string_view environment(const char* name);
 
 /// Where the user's applications keep their data, absolute: $XDG_DATA_HOME, or ".local/share" in
 /// the home directory.

@@ -63,6 +63,12 @@ std::shared_ptr<const Platform> current() {
   return services.value.effective;
 }
 
+std::shared_ptr<Console> systemConsole() {
+  (void)current();  // makes the defaults
+  const std::scoped_lock lock(guardedMutex);
+  return services.value.defaults->console;
+}
+
 namespace {
 constinit Guarded<std::optional<std::string>> chosenDocuments, usualDocuments;
 }

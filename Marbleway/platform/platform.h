@@ -42,6 +42,9 @@ MARBLEWAY_EXPORT void install(Platform replacement);
 /// Thread: any.
 MARBLEWAY_EXPORT std::shared_ptr<const Platform> current();
 
+/// This system's own console, whatever the host has installed. Thread: any.
+std::shared_ptr<Console> systemConsole();
+
 /// A new set of this system's own services; the folder for this system supplies it. Nothing is
 /// started, opened or read before it is first used.
 Platform makePlatform();

@@ -6,6 +6,7 @@
 #include <mutex>
 
 #include "Marbleway/core/console.h"
+#include "Marbleway/core/diagnostics.h"
 #include "Marbleway/core/guards.h"
 #include "Marbleway/core/state.h"
 #include "Marbleway/platform/catch_all.h"
@@ -34,21 +35,34 @@ bool hasRow(const std::string& session, const std::string& time) {
   return statement.step();
 }
 
-void trackCrash(const platform::Failure& failure) {
-  const auto session = failure.sessionID ? failure.sessionID : admittedSession(guards::trackCrash);
-  if (!session) return;
-
+// True when the crash has its row.
+bool insertCrash(const platform::Failure& failure, const std::string& session) {
   const std::string time = failure.time ? timeStampOf(*failure.time) : getUTCTimeStamp();
   // A process may end after the row's commit and before its record is marked.
-  if (failure.onRecorded && hasRow(*session, time)) return failure.onRecorded();
+  if (failure.onRecorded && hasRow(session, time)) {
+    failure.onRecorded();
+    return true;
+  }
   insertRow(
       "insert into mrbw_v2_crashes (id, SessionID, CrashDetails, StackTrace, UTCTimeStamp) VALUES (?, ?, ?, ?, ?)",
       {session, failure.description, failure.callStack, time});
   if (failure.onRecorded) {
-    if (!hasRow(*session, time)) return;  // the record stays for the next start-up
+    if (!hasRow(session, time)) return false;  // the record stays for the next start-up
     failure.onRecorded();
   }
   console::message("Crash Tracked");
+  return true;
+}
+
+void trackCrash(const platform::Failure& failure) {
+  const auto session = failure.sessionID ? failure.sessionID : admittedSession(guards::trackCrash);
+  if (!session) return;
+
+  const bool isRecorded = insertCrash(failure, *session);
+  if (!diagnostics::areOn()) return;
+  diagnostics::report({.kind = Diagnostic::Kind::crash,
+                       .isFailure = !isRecorded,
+                       .outcome = isRecorded ? "recorded" : "not recorded"});
 }
 
 }  // namespace

@@ -77,16 +77,15 @@ void launchHandshake() {
   platform::HttpRequest request = requestTo("mobile/init");
   request.body.append(json::toPrettyJSON(body).value_or("{}"));
 
-  const auto services = platform::current();
-  services->httpClient->post(std::move(request), [loop = services->mainLoop,
-                                                  pending = Pending::begin()](const auto& answer) {
-    catchAll([&] {
-      if (!pending->isCurrent()) return;
-      loop->post([pending, proceed = continuationAfter(answer)] {
-        if (pending->isCurrent()) catchAll(proceed);
-      });
-    });
-  });
+  post(std::move(request), Diagnostic::Kind::handshake, 0,
+       [loop = platform::current()->mainLoop, pending = Pending::begin()](const auto& answer) {
+         catchAll([&] {
+           if (!pending->isCurrent()) return;
+           loop->post([pending, proceed = continuationAfter(answer)] {
+             if (pending->isCurrent()) catchAll(proceed);
+           });
+         });
+       });
 }
 
 }  // namespace marbleway

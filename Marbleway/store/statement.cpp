@@ -10,7 +10,9 @@
 #include <thread>
 #include <utility>
 
+#include "Marbleway/core/diagnostics.h"
 #include "Marbleway/platform/busy_budget.h"
+#include "Marbleway/platform/catch_all.h"
 #include "Marbleway/platform/fork.h"
 #include "Marbleway/platform/guarded.h"
 #include "Marbleway/platform/platform.h"
@@ -102,7 +104,8 @@ StoreFile::StoreFile(const std::string& path, std::chrono::milliseconds limit)
   if (waitingFiles > 0) sqlite3_sleep(BusyBudget::kRetryInterval.count());
   // One thread uses the connection, so it needs no mutex of its own.
   constexpr int kFlags = SQLITE_OPEN_READWRITE | SQLITE_OPEN_NOMUTEX;
-  if (sqlite3_open_v2(path.c_str(), &connection_, kFlags, kStoreFileSystem) != SQLITE_OK) {
+  openResult_ = sqlite3_open_v2(path.c_str(), &connection_, kFlags, kStoreFileSystem);
+  if (openResult_ != SQLITE_OK) {
     sqlite3_close(std::exchange(connection_, nullptr));
     return;
   }
@@ -146,29 +149,58 @@ bool StoreFile::execute(const char* sql) {
 }
 
 Statement::Statement(const std::string& path, const char* sql, Journal journal)
-    : file_(path, StoreFile::kUnlimited) {
+    : file_(path, StoreFile::kUnlimited), sql_(sql), journal_(journal) {
   if (journal == Journal::persistent) {
     isTransaction_ = file_.execute("BEGIN IMMEDIATE");
-    if (!isTransaction_) return;
+    if (!isTransaction_) {
+      fail();
+      return;
+    }
     file_.execute("PRAGMA journal_mode=PERSIST");  // a store in another mode stays in it
   }
-  prepare(sql);
+  prepare();
 }
 
 Statement::Statement(const std::string& path, const char* sql, std::chrono::milliseconds limit)
-    : file_(path, limit) {
-  prepare(sql);
+    : file_(path, limit), sql_(sql) {
+  prepare();
 }
 
-void Statement::prepare(const char* sql) {
-  if (file_.connection_ != nullptr) {
-    sqlite3_prepare_v2(file_.connection_, sql, -1, &statement_, nullptr);
+void Statement::prepare() {
+  if (file_.connection_ == nullptr ||
+      sqlite3_prepare_v2(file_.connection_, sql_, -1, &statement_, nullptr) != SQLITE_OK) {
+    fail();
   }
 }
 
 Statement::~Statement() {
   sqlite3_finalize(statement_);
-  if (isTransaction_ && isDone_) file_.execute("COMMIT");
+  if (isTransaction_ && isDone_ && !file_.execute("COMMIT")) fail();
+  if (!failure_.empty()) report();
+}
+
+void Statement::fail() {
+  if (!diagnostics::areOn() || !failure_.empty()) return;
+  catchAll([this] {
+    failure_ = !file_.isCounted_              ? "no connection in a child of a fork"
+               : file_.connection_ == nullptr ? sqlite3_errstr(file_.openResult_)
+                                              : sqlite3_errmsg(file_.connection_);
+  });
+}
+
+void Statement::report() const noexcept {
+  catchAll([this] {
+    const auto* table = std::ranges::find_if(kTables, [this](const Table& each) {
+      return std::string_view(sql_).find(each.name) != std::string_view::npos;
+    });
+    std::string error = failure_;
+    if (table != std::end(kTables)) error.append(", table ").append(table->name);
+    const bool isRow = journal_ == Journal::persistent;
+    diagnostics::report({.kind = Diagnostic::Kind::store,
+                         .isFailure = true,
+                         .outcome = isRow ? "row lost" : "statement failed",
+                         .error = std::move(error)});
+  });
 }
 
 void Statement::bind(int index, const Text& text) {
@@ -180,8 +212,10 @@ void Statement::bind(int index, const Text& text) {
                          // A null pointer would bind NULL, and an empty text may have one.
                          : sqlite3_bind_text64(statement_, index, bytes.empty() ? "" : bytes.data(),
                                                bytes.size(), SQLITE_TRANSIENT, SQLITE_UTF8);
+  if (result == SQLITE_OK) return;
+  fail();
   // A row without one of its texts would be a false one.
-  if (result != SQLITE_OK) sqlite3_finalize(std::exchange(statement_, nullptr));
+  sqlite3_finalize(std::exchange(statement_, nullptr));
 }
 
 bool Statement::step() {
@@ -189,6 +223,7 @@ bool Statement::step() {
   isDone_ = result == SQLITE_DONE;
   isRowTooLong_ = result == SQLITE_TOOBIG;
   isOverdue_ = result == SQLITE_INTERRUPT;
+  if (result != SQLITE_ROW && !isDone_ && !isRowTooLong_ && !isOverdue_) fail();
   if (file_.limit_ != StoreFile::kUnlimited) {
     held_ = steady_clock::now() - (file_.deadline_ - file_.limit_);
   }

@@ -51,11 +51,12 @@ class StoreFile {
   const bool isCounted_;           // among the open connections
   bool isWaiting_ = false;         // counted as one that has had to wait
   sqlite3* connection_ = nullptr;  // null when it could not be opened
+  int openResult_ = 0;
   std::chrono::steady_clock::time_point deadline_{};
 };
 
 /// One SQL statement on a connection of its own: opened and prepared by the constructor, finalized
-/// and closed by the destructor.
+/// and closed by the destructor. Its text must exist until then. A failure is a diagnostic.
 class Statement {
  public:
   /// How a commit ends the journal. `deleted` removes the file. `persistent` clears its head: as
@@ -93,9 +94,14 @@ class Statement {
   bool isRowTooLong() const { return isRowTooLong_; }
 
  private:
-  void prepare(const char* sql);
+  void prepare();
+  void fail();
+  void report() const noexcept;
 
   StoreFile file_;
+  const char* const sql_;
+  const Journal journal_ = Journal::deleted;
+  std::string failure_;                // gathered for diagnostics
   sqlite3_stmt* statement_ = nullptr;  // null when it could not be prepared
   bool isTransaction_ = false;
   bool isDone_ = false;  // stepped to its end

@@ -106,6 +106,30 @@ void removeUpTo(const Table& table, const std::string& cutOff) {
   remove(table, std::string("date(UTCTimeStamp) <= date('").append(cutOff).append("')"));
 }
 
+PendingRows countRows(const Table& table) {
+  constexpr std::chrono::milliseconds kReadingSlice{50};
+  std::string sql = "SELECT id, 0";
+  for (const std::string_view column : table.columns) {
+    sql.append(" + ifnull(length(CAST(").append(column).append(" AS BLOB)), 0)");
+  }
+  sql.append(" FROM ").append(table.name).append(" WHERE id > ? ORDER BY id");
+  PendingRows counted{.table = std::string(table.name)};
+  std::string latest = "-1";
+  for (bool isInTime = false; !isInTime;) {
+    const auto end = std::chrono::steady_clock::now() + kReadingSlice;
+    Statement row(pathOf(table.store), sql.c_str());
+    row.bind(1, latest);
+    isInTime = true;
+    while (isInTime && row.step()) {
+      latest = std::to_string(row.id());
+      ++counted.rows;
+      counted.bytes += static_cast<std::size_t>(row.integer64(1));
+      isInTime = std::chrono::steady_clock::now() < end;
+    }
+  }
+  return counted;
+}
+
 void insertRow(InsertText sql, std::initializer_list<Text> values) {
   assert(values.size() == sql.size());
   Statement statement(pathOf(Store::event), sql.c_str(), Statement::Journal::persistent);

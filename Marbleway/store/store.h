@@ -3,6 +3,7 @@
 #include <initializer_list>
 #include <string>
 
+#include "Marbleway/Host.h"
 #include "Marbleway/store/statement.h"
 
 namespace marbleway {
@@ -19,6 +20,10 @@ void purgeOldRows();
 
 /// Removes every row of `table` whose UTC date is on or before that of the text `cutOff`.
 void removeUpTo(const Table& table, const std::string& cutOff);
+
+/// Counts the rows of `table` and the bytes of their texts. Like a batch it reads for 50 ms at a
+/// time, so that others can write; a table that cannot be read has none.
+PendingRows countRows(const Table& table);
 
 /// Adds one row to the event store, committed when this returns, or else lost in silence.
 /// `values` are the columns after `id`, in the text's order; an absent one is NULL. Thread: any.

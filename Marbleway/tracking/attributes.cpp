@@ -4,6 +4,7 @@
 
 #include "Marbleway/Marbleway.h"
 #include "Marbleway/core/console.h"
+#include "Marbleway/core/diagnostics.h"
 #include "Marbleway/core/guards.h"
 #include "Marbleway/core/operation.h"
 #include "Marbleway/session/session.h"
@@ -82,7 +83,9 @@ void set(const Subject& subject, const Text& attribute, const Text& value) {
   if (check != subject.checks.end() && !check->isValid(value)) {
     return console::warning(check->warning);
   }
-  if (attribute.view() == subject.ignoredName) return;
+  if (attribute.view() == subject.ignoredName) {
+    return diagnostics::refused("only linkCompany records the company");
+  }
 
   insertAttribute(subject, *session, attribute, value, "Set");
 }
@@ -99,25 +102,25 @@ void change(const Subject& subject, const Text& attribute, const Value& value, c
 }  // namespace
 
 void Marbleway::setUserAttribute(Text attribute, Text value) noexcept {
-  operation([&] { set(kUser, attribute, value); });
+  operation(attribute, [&] { set(kUser, attribute, value); });
 }
 
 void Marbleway::incrementUserAttribute(Text attribute, const Value& value) noexcept {
-  operation([&] { change(kUser, attribute, value, "Increment"); });
+  operation(attribute, [&] { change(kUser, attribute, value, "Increment"); });
 }
 
 void Marbleway::decrementUserAttribute(Text attribute, const Value& value) noexcept {
-  operation([&] { change(kUser, attribute, value, "Decrement"); });
+  operation(attribute, [&] { change(kUser, attribute, value, "Decrement"); });
 }
 
 void Marbleway::setCompanyAttribute(Text attribute, Text value) noexcept {
-  operation([&] { set(kCompany, attribute, value); });
+  operation(attribute, [&] { set(kCompany, attribute, value); });
 }
 
 void Marbleway::incrementCompanyAttribute(Text attribute, const Value& value) noexcept {
-  operation([&] { change(kCompany, attribute, value, "Increment"); });
+  operation(attribute, [&] { change(kCompany, attribute, value, "Increment"); });
 }
 
 void Marbleway::decrementCompanyAttribute(Text attribute, const Value& value) noexcept {
-  operation([&] { change(kCompany, attribute, value, "Decrement"); });
+  operation(attribute, [&] { change(kCompany, attribute, value, "Decrement"); });
 }

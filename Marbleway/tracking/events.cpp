@@ -61,17 +61,17 @@ void track(const Kind& kind, const Text& name, const Dictionary* attributes) {
 }  // namespace
 
 void Marbleway::trackEvent(Text eventName) noexcept {
-  operation([&] { track(kEvent, eventName, nullptr); });
+  operation(eventName, [&] { track(kEvent, eventName, nullptr); });
 }
 
 void Marbleway::trackEvent(Text eventName, const Dictionary& attributes) noexcept {
-  operation([&] { track(kEvent, eventName, &attributes); });
+  operation(eventName, [&] { track(kEvent, eventName, &attributes); });
 }
 
 void Marbleway::trackScreenView(Text screenName) noexcept {
-  operation([&] { track(kScreenView, screenName, nullptr); });
+  operation(screenName, [&] { track(kScreenView, screenName, nullptr); });
 }
 
 void Marbleway::trackScreenView(Text screenName, const Dictionary& attributes) noexcept {
-  operation([&] { track(kScreenView, screenName, &attributes); });
+  operation(screenName, [&] { track(kScreenView, screenName, &attributes); });
 }

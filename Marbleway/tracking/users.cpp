@@ -4,6 +4,7 @@
 
 #include "Marbleway/Marbleway.h"
 #include "Marbleway/core/console.h"
+#include "Marbleway/core/diagnostics.h"
 #include "Marbleway/core/guards.h"
 #include "Marbleway/core/operation.h"
 #include "Marbleway/platform/catch_all.h"
@@ -45,12 +46,13 @@ void persistUser(const Text& identifier) {
 }  // namespace
 
 void Marbleway::linkUser(Text userIdentifier, Text identifierType) noexcept {
-  operation([&] {
+  operation(identifierType, [&] {
     const auto session = admittedSession(guards::linkUser);
     if (!session) return;
     const auto* type =
         std::ranges::find(kIdentifierTypes, identifierType.view(), &IdentifierType::name);
-    if (type == std::end(kIdentifierTypes)) return;  // an unknown type is ignored in silence
+    // An unknown type writes no line.
+    if (type == std::end(kIdentifierTypes)) return diagnostics::refused("unknown identifier type");
     if (userIdentifier.isMissing()) return console::error(type->required);
     if (type->isValid != nullptr && !type->isValid(userIdentifier)) {
       return console::error(type->invalid);

@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "Marbleway/Host.h"
+#include "Marbleway/core/diagnostics.h"
 #include "Marbleway/core/operation.h"
 #include "Marbleway/core/state.h"
 #include "Marbleway/platform/busy_budget.h"
@@ -104,23 +105,36 @@ class TableReader {
   std::int64_t latest_ = kNone;         // the id of the row read last
 };
 
+// What keeps a batch from being begun; null: nothing.
+const char* obstacle() {
+  if (!isConnectedToInternet) return "no handshake has been answered";
+  if (!isSDKValid) return "the project is refused";
+  if (!isValidSession) return "there is no valid session";
+  if (!isTrackingEnabled) return "tracking is off";
+  return isUploadingEnabled ? nullptr : "uploading is off";
+}
+
+void reportNotBegun(const char* reason) {
+  if (!diagnostics::areOn()) return;
+  diagnostics::report({.kind = Diagnostic::Kind::batch, .outcome = "not begun", .error = reason});
+}
+
 }  // namespace
 
 void batchData() {
-  if (!isConnectedToInternet || !isSDKValid || !isValidSession || !isTrackingEnabled ||
-      !isUploadingEnabled) {
-    return;
-  }
+  if (const char* const reason = obstacle()) return reportNotBegun(reason);
   const BusyBudget budget;
   auto slot = std::make_shared<const BatchSlot>();
-  if (!slot->isTaken()) return;
+  if (!slot->isTaken()) return reportNotBegun("four batches are in flight");
   Document document;
   CutOffs cutOffs;
   for (std::size_t i = 0; i < std::size(kTables); ++i) {
     TableReader(kTables[i], document).readAll();
     cutOffs.at(i) = getUTCTimeStamp();
   }
-  if (document.hasRows()) dispatchBatch(document.take(), std::move(cutOffs), std::move(slot));
+  const std::size_t rows = document.rows();
+  if (rows == 0) return reportNotBegun("no row is pending");
+  dispatchBatch(document.take(), rows, std::move(cutOffs), std::move(slot));
 }
 
 void uploadNow() noexcept { operation(batchData); }

@@ -1,8 +1,12 @@
 #pragma once
 
+#include <cstddef>
+#include <functional>
 #include <memory>
+#include <optional>
 #include <string_view>
 
+#include "Marbleway/Host.h"
 #include "Marbleway/platform/http.h"
 #include "Marbleway/store/schema.h"
 
@@ -11,6 +15,11 @@ namespace marbleway {
 /// A POST to `path` under the server's base URL with the headers of every request. Without a
 /// project token it has no header for one.
 platform::HttpRequest requestTo(std::string_view path);
+
+/// Posts `request` as `HttpClient::post` does. Before `done` runs, its outcome is reported and
+/// stored as the latest of `kind`. `rows` is how many it has.
+void post(platform::HttpRequest request, Diagnostic::Kind kind, std::size_t rows,
+          std::function<void(std::optional<platform::HttpResponse>)> done);
 
 /// One of the at most four batches in flight, from before its rows are read until its response has
 /// been applied.
@@ -34,7 +43,7 @@ class BatchSlot {
 /// Posts a batch document to the server. A 200 deletes from each table the rows whose UTC date is
 /// on or before that of the table's cut-off, on the HTTP client's thread. Any other response, or
 /// none, changes nothing.
-void dispatchBatch(platform::Buffer document, CutOffs cutOffs,
+void dispatchBatch(platform::Buffer document, std::size_t rows, CutOffs cutOffs,
                    std::shared_ptr<const BatchSlot> slot);
 
 }  // namespace marbleway

@@ -29,7 +29,7 @@ void Document::beginRow(std::int32_t id) {
 void Document::endRow() {
   buffer_.append(R"("})");
   isFirstRow_ = false;
-  hasRows_ = true;
+  ++rows_;
 }
 
 void Document::addRow(const Statement& statement) {

@@ -26,7 +26,7 @@ class Document {
   bool addRow(const Table& table, LongRow& row);
   void endArray() { buffer_.append("]"); }
 
-  bool hasRows() const { return hasRows_; }
+  std::size_t rows() const { return rows_; }
   /// Closes the document and moves it out.
   platform::Buffer take() {
     buffer_.append("}}");
@@ -39,7 +39,7 @@ class Document {
 
   platform::Buffer buffer_;
   std::vector<std::string> keyPrefixes_;  // one a column: ","SessionID":"
-  bool hasRows_ = false;
+  std::size_t rows_ = 0;
   bool isFirstArray_ = true;
   bool isFirstRow_ = true;
 };

@@ -15,12 +15,10 @@
 namespace marbleway::platform {
 namespace {
 
-/// The path in the environment variable `name`; empty unless it is absolute, and in a set-uid
-/// program, whose caller sets the environment.
+/// The path in the environment variable `name`; empty unless it is absolute.
 std::filesystem::path absolutePathIn(const char* name) {
-  const char* text = secure_getenv(name);
-  if (text == nullptr || *text != '/') return {};
-  return text;
+  const std::string_view path = environment(name);
+  return path.starts_with('/') ? path : std::string_view();
 }
 
 /// The home directory in the user database; "/" when the user has none.
@@ -46,6 +44,11 @@ std::string executableName() {
   constexpr std::string_view kReplaced = " (deleted)";
   if (name.ends_with(kReplaced)) name.resize(name.size() - kReplaced.size());
   return name;
+}
+
+std::string_view environment(const char* name) {
+  const char* text = secure_getenv(name);
+  return text != nullptr ? text : "";
 }
 
 std::filesystem::path defaultDataDirectory() {

@@ -1,12 +1,15 @@
+#include <cerrno>
 #include <cstdio>
 #include <map>
 #include <mutex>
+#include <system_error>
 #include <utility>
 
 #include "Marbleway/platform/fork.h"
 #include "Marbleway/platform/linux/files.h"
 #include "Marbleway/platform/linux/services.h"
 #include "Marbleway/platform/platform.h"
+#include "Marbleway/platform/settings_failure.h"
 #include "Marbleway/platform/value.h"
 
 namespace marbleway::platform {
@@ -46,8 +49,12 @@ class FileDefaults final : public UserDefaults {
     const std::scoped_lock turn(turnMutex_);
     if (!hasChanges()) return;
     if (isInDocuments_) makeDocumentsDirectory();
-    const DirectoryLock directory(file_.parent_path());
-    if (!directory.isBusy()) write();
+    const auto failed = settingsFailed.load();
+    errno = 0;
+    if (!writeLocked() && failed != nullptr) {
+      failed(errno != 0 ? std::generic_category().message(errno)
+                        : "the file is malformed, or another process holds it");
+    }
   }
 
  private:
@@ -59,7 +66,7 @@ class FileDefaults final : public UserDefaults {
   bool hasChanges() {
     const std::scoped_lock lock(mutex_);
     load();
-    return isLoaded_ && !changes_.empty();
+    return !changes_.empty();
   }
 
   /// Reads the file once. A file that cannot be read now is tried again by the next call.
@@ -102,15 +109,18 @@ class FileDefaults final : public UserDefaults {
     return std::rename(file_.c_str(), aside.c_str()) == 0 && refresh();
   }
 
-  /// Applies the changes of this process to what the file holds now. The directory is locked.
-  void write() {
+  /// Applies the changes of this process to what the file holds now.
+  bool writeLocked() {
+    const DirectoryLock directory(file_.parent_path());
+    if (directory.isBusy()) return false;
     const std::scoped_lock lock(mutex_);
-    if (!refreshLocked()) return;
+    if (!refreshLocked()) return false;
     Dictionary settings = present();
     const bool isSame = settings == (isThere_ ? stored_ : Dictionary());
-    if (!isSame && !replaceFile(file_, toJSON(settings).value())) return;
+    if (!isSame && !replaceFile(file_, toJSON(settings).value())) return false;
     stored_ = std::move(settings);
     changes_.clear();
+    return true;
   }
 
   void set(std::string_view key, Change change) {
