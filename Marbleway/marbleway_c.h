@@ -48,6 +48,25 @@ const char* marbleway_version(void);
 /// another kind, or a URL that is not http or https with a host and a path ending in "/v2/".
 int marbleway_configure(const char* configuration_json);
 
+/// Receives a diagnostic, a dictionary with "kind" ("handshake", "batch", "store", "settings",
+/// "crash" or "refusal"), "isFailure", "outcome", "error", "httpStatus", "url", "rows", "bytes",
+/// "milliseconds", "operation", "key", "time" (seconds since 1970) and "line", all that as one
+/// line. `Diagnostic` in Marbleway/Host.h describes each. The text is valid during the call.
+typedef void (*marbleway_diagnostics)(const char* diagnostic_json, void* context);
+
+/// `marbleway_configure` with a function for diagnostics, which gets `context` with each: on one of
+/// the library's threads, one call at a time. A null pointer: nothing is gathered.
+int marbleway_configure_with_diagnostics(const char* configuration_json,
+                                         marbleway_diagnostics function, void* context);
+
+/// Writes the library's state to `json`, which has room for `size` bytes, as a dictionary of the
+/// members of `Status` in Marbleway/Host.h. With `count_rows` (any number but 0) it has "pending",
+/// an array of dictionaries of "table", "rows" and "bytes".
+///
+/// Returns the length of the text without its NUL, 0 without memory. Where it is `size` or more,
+/// nothing but an empty text has been written.
+size_t marbleway_get_status(int count_rows, char* json, size_t size);
+
 /// Waits until nothing is in flight, at most `milliseconds`. 1 when idle, else 0.
 int marbleway_wait_until_idle(int64_t milliseconds);
 

@@ -33,13 +33,18 @@ class Example(unittest.TestCase):
         with socket.socket() as port:  # bound and not listening: whoever connects is refused
             port.bind(("127.0.0.1", 0))
             server = f"http://127.0.0.1:{port.getsockname()[1]}/v2/"
-            subprocess.run([*command, "--once", folder.name, server], check=True, timeout=30)
+            environment = os.environ | {"MARBLEWAY_DIAGNOSTICS": self.diagnostics}
+            run = subprocess.run([*command, "--once", folder.name, server], check=True, timeout=30, env=environment, stderr=subprocess.PIPE, text=True)
+            reported = re.findall(r"^Marbleway Diagnostic: handshake: no response, .*connect.*" + server, run.stderr, re.M)
+            self.assertEqual(int(self.diagnostics), len(reported), run.stderr)
         store = sqlite3.connect(pathlib.Path(folder.name, "mrbw-analytics-prod-220.sqlite"))
         store.row_factory = sqlite3.Row
         return {table: store.execute(f"SELECT * FROM mrbw_v2_{table} ORDER BY id").fetchall() for table in ("events", "screen_views", "errors")}
 
 
 class ExampleInC(Example):
+    diagnostics = "1"
+
     def test_its_rows(self):
         rows = self.rows(os.environ["TILL"])
         sales = [json.loads(row["EventAttributes"]) for row in rows["events"]]
@@ -51,6 +56,8 @@ class ExampleInC(Example):
 
 
 class ExampleInPython(Example):
+    diagnostics = "0"
+
     def test_its_rows(self):
         rows = self.rows(sys.executable, "-B", str(ROOT / "examples/python/example.py"))
         details = json.loads(rows["errors"][0]["ErrorDetails"])

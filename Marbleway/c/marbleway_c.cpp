@@ -11,6 +11,7 @@
 #include "Marbleway/Host.h"
 #include "Marbleway/Marbleway.h"
 #include "Marbleway/c/configuration.h"
+#include "Marbleway/c/diagnostics.h"
 #include "Marbleway/platform/call_stack.h"
 #include "Marbleway/platform/catch_all.h"
 #include "Marbleway/version.h"
@@ -88,9 +89,15 @@ marbleway::ErrorReport reportOf(const char* type, const char* reason, const Dict
   return report;
 }
 
-int configure(const Dictionary& members) {
+int configure(const Dictionary& members, marbleway_diagnostics function, void* context) {
   auto configuration = marbleway::c::configurationFrom(members);
   if (!configuration) return MARBLEWAY_REFUSED;
+  if (function != nullptr) {
+    configuration->diagnostics = [=](const marbleway::Diagnostic& diagnostic) {
+      const auto json = marbleway::toJSON(marbleway::c::dictionaryOf(diagnostic));
+      if (json) function(json->c_str(), context);
+    };
+  }
   try {
     marbleway::configure(*std::move(configuration));
   } catch (const std::invalid_argument&) {
@@ -104,10 +111,27 @@ int configure(const Dictionary& members) {
 const char* marbleway_version() { return MARBLEWAY_VERSION; }
 
 int marbleway_configure(const char* configuration_json) {
+  return marbleway_configure_with_diagnostics(configuration_json, nullptr, nullptr);
+}
+int marbleway_configure_with_diagnostics(const char* configuration_json,
+                                         marbleway_diagnostics function, void* context) {
   return statusOf([&]() -> int {
     const auto members = dictionaryFrom(configuration_json);
-    return members ? configure(*members) : MARBLEWAY_BAD_JSON;
+    return members ? configure(*members, function, context) : MARBLEWAY_BAD_JSON;
   });
+}
+
+size_t marbleway_get_status(int count_rows, char* json, size_t size) {
+  size_t length = 0;
+  if (size > 0) *json = '\0';
+  marbleway::catchAll([&] {
+    const auto count = count_rows != 0 ? marbleway::Count::rows : marbleway::Count::nothing;
+    const auto text = marbleway::toJSON(marbleway::c::dictionaryOf(marbleway::status(count)));
+    if (!text) return;
+    length = text->size();
+    if (length < size) json[text->copy(json, length)] = '\0';
+  });
+  return length;
 }
 
 int marbleway_wait_until_idle(int64_t milliseconds) {
