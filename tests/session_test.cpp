@@ -119,31 +119,24 @@ TEST_F(SessionTest, RowsCarryTheSessionOfTheirAdmission) {
   }
 }
 
-struct FailingDefaults : platform::testing::MemoryDefaults {
-  void setText(std::string_view, std::string_view) override { throw std::runtime_error("full"); }
-  void remove(std::string_view) override { throw std::runtime_error("full"); }
-};
-struct FailingHttp : platform::HttpClient {
-  using Done = std::function<void(std::optional<platform::HttpResponse>)>;
-  void post(platform::HttpRequest, Done) override { throw std::runtime_error("no network"); }
-};
-struct FailingConsole : platform::Console {
-  void writeLine(std::string_view) override { throw std::runtime_error("no console"); }
-};
-struct FailingClock : platform::Clock {
-  std::chrono::system_clock::time_point now() override { throw std::runtime_error("no time"); }
-};
-struct FailingBar : platform::StatusBar {
-  std::shared_ptr<const View> view() override { throw std::runtime_error("no bar"); }
+struct Failing : platform::Console,
+                 platform::Clock,
+                 platform::StatusBar,
+                 platform::HttpClient,
+                 platform::testing::MemoryDefaults {
+  [[noreturn]] static void fail() { throw std::runtime_error("no service"); }
+  void writeLine(std::string_view) override { fail(); }
+  std::chrono::system_clock::time_point now() override { fail(); }
+  std::shared_ptr<const View> view() override { fail(); }
+  void post(platform::HttpRequest, platform::testing::HeldHttp::Done) override { fail(); }
+  void setText(std::string_view, std::string_view) override { fail(); }
+  void remove(std::string_view) override { fail(); }
 };
 
 TEST_F(SessionTest, StartUpRunsEveryStepDespiteAThrowingService) {
-  const platform::Platform failing[] = {
-      {.userDefaults = std::make_shared<FailingDefaults>()},
-      {.console = std::make_shared<FailingConsole>()},
-      {.clock = std::make_shared<FailingClock>()},
-  };
-  for (const platform::Platform& services : failing) {
+  const auto none = std::make_shared<Failing>();
+  for (const platform::Platform& services :
+       {platform::Platform{.userDefaults = none}, {.console = none}, {.clock = none}}) {
     TemporaryDirectory documents;
     configure({.documentsDirectory = documents.path()});
     platform::install({.console = console, .clock = time, .userDefaults = defaults});
@@ -163,10 +156,8 @@ TEST_F(SessionTest, StartUpRunsEveryStepDespiteAThrowingService) {
 
 TEST_F(SessionTest, NoOperationLetsAnExceptionOut) {
   beginSession();
-  platform::install({.console = std::make_shared<FailingConsole>(),
-                     .httpClient = std::make_shared<FailingHttp>(),
-                     .userDefaults = std::make_shared<FailingDefaults>(),
-                     .statusBar = std::make_shared<FailingBar>()});
+  const auto none = std::make_shared<Failing>();
+  platform::install({.console = none, .httpClient = none, .userDefaults = none, .statusBar = none});
   isValidSession = false;
   Marbleway::linkCompany("refused");
   Marbleway::trackEvent("e");

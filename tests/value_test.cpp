@@ -8,7 +8,6 @@
 #include <limits>
 #include <string>
 
-#include "Marbleway/core/conversions.h"
 #include "Marbleway/platform/escape.h"
 #include "Marbleway/platform/json.h"
 #include "Marbleway/platform/utf8.h"
@@ -23,14 +22,12 @@ using ::testing::Optional;
 constexpr double kInfinity = std::numeric_limits<double>::infinity();
 
 TEST(TextTest, KnowsAbsentFromEmptyAndEndsAtNUL) {
-  const std::string withNUL("ab\0cd", 5);
-  const struct {
-    Text text;
-    std::optional<std::string> expected;
-    // clang-format off
-  } cases[] = {{nullptr, std::nullopt}, {std::nullopt, std::nullopt}, {static_cast<const char*>(nullptr), std::nullopt}, {std::optional<std::string>(), std::nullopt}, {"", ""}, {std::string_view(), ""}, {withNUL, "ab"}, {std::string_view(withNUL), "ab"}};
-  // clang-format on
-  for (const auto& [text, expected] : cases) EXPECT_EQ(text.copy(), expected);
+  for (const Text& absent : {Text(nullptr), Text(std::nullopt), Text(std::optional<std::string>()),
+                             Text(static_cast<const char*>(nullptr))}) {
+    EXPECT_EQ(absent.copy(), std::nullopt);
+  }
+  EXPECT_EQ(Text(std::string_view()).copy(), "");
+  EXPECT_EQ(Text(std::string_view("ab\0cd", 5)).copy(), "ab");
 }
 
 TEST(ValueTest, IsMadeFromWhatItHolds) {
@@ -40,7 +37,6 @@ TEST(ValueTest, IsMadeFromWhatItHolds) {
   EXPECT_EQ(*Value(7U).as<std::int64_t>(), 7);
   EXPECT_EQ(*Value(std::numeric_limits<std::uint64_t>::max()).as<double>(), 18446744073709551616.0);
   EXPECT_EQ(*Value(std::string("a\0b", 3)).as<std::string>(), "a");
-  EXPECT_EQ(Value(0.1F), Value(0.1));
   EXPECT_EQ(Value(123456789.0F), Value(123456790.0));
   EXPECT_EQ(Value(-HUGE_VALF), Value(-kInfinity));
 }
@@ -87,22 +83,16 @@ TEST(ValueTest, NestsDeeperThanAnyStack) {
   EXPECT_EQ(toJSON(one)->size(), 8U * kLevels / 2 + 4);  // "[]" and "{"d":}"
 }
 
-TEST(JSONTest, WritesNumbersAsECMAScriptDoes) {
-  // clang-format off
-  const std::pair<double, const char*> cases[] = {{0, "0"}, {-0.0, "0"}, {5, "5"}, {-12.5, "-12.5"}, {0.1, "0.1"}, {100000, "100000"}, {1e6, "1000000"}, {1234.5, "1234.5"}, {123456789012345680000.0, "123456789012345680000"}, {0.000001, "0.000001"}, {0.00001234, "0.00001234"}, {-1e-7, "-1e-7"}, {1.25e-7, "1.25e-7"}, {1e21, "1e+21"}, {1.5e300, "1.5e+300"}, {5e-324, "5e-324"}, {-kInfinity, "-Infinity"}, {std::nan(""), "NaN"}};
-  // clang-format on
-  for (const auto& [number, text] : cases) {
-    EXPECT_EQ(json::textOf(number), text);
-    EXPECT_EQ(toJSON(Array{number}),
-              std::isfinite(number) ? std::optional("[" + std::string(text) + "]") : std::nullopt);
+TEST(JSONTest, WritesAsItReads) {
+  for (const char* json :
+       {"[-12.5,0.1,123456789012345680000,0.00001234,-1.25e-7,5e-324,1.5e+300,1e+21]",
+        R"({"a":[null,-9223372036854775808,[]],"\"\\\b\f\n\r\t\u001F/":true})"}) {
+    EXPECT_EQ(toJSON(*valueFromJSON(json)), json);
   }
-}
-
-TEST(JSONTest, WritesEachKindOfValue) {
-  // clang-format off
-  const std::pair<Value, const char*> cases[] = {{nullptr, "null"}, {true, "true"}, {INT64_MIN, "-9223372036854775808"}, {Array{1, "two", false, Array{}, Dictionary{}}, R"([1,"two",false,[],{}])"}, {Dictionary{{"a", Array{1}}, {"b", nullptr}}, R"({"a":[1],"b":null})"}, {"a\"\\\b\f\n\r\t\x1F/\x7F", R"("a\"\\\b\f\n\r\t\u001F/)" "\x7F\""}, {Dictionary{{"k\xFF", "\xE2\x82"}}, "{\"k\uFFFD\":\"\uFFFD\uFFFD\"}"}};
-  // clang-format on
-  for (const auto& [value, json] : cases) EXPECT_EQ(toJSON(value), json);
+  EXPECT_EQ(toJSON(Array{-0.0}), "[0]");
+  EXPECT_EQ(toJSON(Array{kInfinity}), std::nullopt);
+  EXPECT_EQ(json::textOf(-kInfinity), "-Infinity");
+  EXPECT_EQ(json::textOf(std::nan("")), "NaN");
   EXPECT_EQ(json::toPrettyJSON(Dictionary{{"a", Array{1, Array{}}}, {"b", 2}}),
             "{\n    \"a\": [\n        1,\n        []\n    ],\n    \"b\": 2\n}");
 }
@@ -110,20 +100,20 @@ TEST(JSONTest, WritesEachKindOfValue) {
 TEST(JSONTest, ReadsJSONAndNothingElse) {
   EXPECT_THAT(valueFromJSON(R"( {"a":[1,2.5,"x",null,true],"a":{"b":-1}} )"),
               Optional(Eq(Value(Dictionary{{"a", Dictionary{{"b", -1}}}}))));
-  // clang-format off
-  const std::pair<const char*, double> numbers[] = {{"0e42", 0}, {"0.0e300", 0}, {"1e-5000", 0}, {"25e-1", 2.5}, {"1e19", 1e19}};
-  // clang-format on
-  for (const auto& [text, number] : numbers)
+  for (const auto& [text, number] : {std::pair("0.0e300", 0.0), {"1e-5000", 0}, {"25e-1", 2.5}}) {
     EXPECT_THAT(valueFromJSON(text), Optional(Eq(Value(number)))) << text;
+  }
   const auto arrays = [](std::size_t levels) {
     return std::string(levels, '[').append(levels, ']');
   };
   EXPECT_TRUE(valueFromJSON(arrays(512)));
-  // clang-format off
-  for (const std::string& text : {std::string(), std::string("{"), std::string("{} x"), std::string("'a'"), std::string("\"\xFF\""), std::string("nul"), std::string("1e999"), std::string("9e308"), std::string(R"(["\ude00"])"), std::string(R"({"\ude00":1})"), std::string("{}\0x", 4), arrays(513), std::string(100000, '[')}) {
-    // clang-format on
-    EXPECT_FALSE(valueFromJSON(text)) << text.substr(0, 20);
+  EXPECT_FALSE(valueFromJSON(arrays(513)));
+  EXPECT_FALSE(valueFromJSON(std::string(100000, '[')));
+  for (const std::string_view text :
+       {"", "{", "{} x", "'a'", "\"\xFF\"", "nul", "1e999", "9e308", R"({"\ude00":1})"}) {
+    EXPECT_FALSE(valueFromJSON(text)) << text;
   }
+  EXPECT_FALSE(valueFromJSON(std::string_view("{}\0x", 4)));
 }
 
 TEST(UTF8Test, EachByteOfNoSequenceIsReplacedAlone) {
@@ -157,35 +147,22 @@ TEST(UTF8Test, EachByteOfNoSequenceIsReplacedAlone) {
   }
 }
 
-TEST(UTF8Test, EncodesCharacters) {
-  // clang-format off
-  const std::pair<char32_t, const char*> cases[] = {{U'.', "."},           {U'\u00A0', "\u00A0"}, {U'\u202F', "\u202F"}, {U'\U0001F600', "\U0001F600"}, {0xD800, "\uFFFD"},    {0x110000, "\uFFFD"}};
-  // clang-format on
-  for (const auto& [character, text] : cases) EXPECT_EQ(encoded(character), text);
-}
-
-TEST(ConversionsTest, ATextIsItsLeadingNumber) {
-  // clang-format off
-  const std::pair<Value, double> cases[] = {{" \t-2.5kg", -2.5}, {"+5", 5}, {".5", .5}, {"1e400", kInfinity}, {"-1e400 s", -kInfinity}, {"1e-400", 0}, {"1e99999999999", kInfinity}, {"1e-99999999999", 0}, {"1" + std::string(400, '0'), kInfinity}, {"0." + std::string(400, '0') + "1e+9", 0}, {"inf", 0}, {"nan", 0}, {"+-5", 0}, {"", 0}, {true, 1}, {nullptr, 0}, {Array{5}, 0}};
-  // clang-format on
-  for (const auto& [value, number] : cases)
-    EXPECT_EQ(toDouble(&value), number) << toJSON(value).value();
-  const Value huge(1e300), text("1e39"), yes(" -007x"), no(" -00x");
-  EXPECT_EQ(toInteger(&huge), INT64_MAX);
-  EXPECT_EQ(toFloat(&text), kInfinity);
-  EXPECT_TRUE(toBool(&yes) && !toBool(&no) && !toBool(nullptr));
-}
-
-TEST(ValidationTest, ANumberObeysTheLocalesPunctuation) {
-  // clang-format off
-  const Punctuation english{".", ",", "\3"}, indian{".", ",", "\3\2"}, french{",", "\u202F", "\3"}, swiss{".", "\u2019", "\3"}, kabyle{",", "", ""}, once{".", ",", {3, CHAR_MAX}};
-  // clang-format on
+TEST(ValidationTest, NumberObeysTheLocalesPunctuation) {
   const struct {
-    const Punctuation& marks;
+    Punctuation marks;
     std::vector<const char*> numbers, others;
-    // clang-format off
-  } cases[] = {{english, {"1,234,567.5", "0,000", "1234", "-.5e+3"}, {"12,34,567", "1234,567", "1,", ",500", "1,,000", "1.5,000", ""}}, {indian, {"12,34,567.5", "1,23,456", "1,000"}, {"1,234,567", "123,45,678", "1,2,345"}}, {french, {"1\u202F234,5", "1234,5"}, {"1 234,5", "1\xE2\x80" "234", "1,234,5", "1.5"}}, {swiss, {"1\u2019234.5"}, {"1'234.5", "1,234.5"}}, {kabyle, {"1,5", "1234567,25"}, {"1.5", "1,234,567", "1 234,5"}}, {once, {"1234567,890", "1,234"}, {"1,234,567"}},};
-  // clang-format on
+  } cases[] = {
+      {{".", ",", "\3\2"}, {"12,34,567.5", "1,23,456", "1,000"}, {"1,234,567", "123,45,678"}},
+      {{",", "\u202F", "\3"},
+       {"1\u202F234,5", "1234,5"},
+       {"1 234,5",
+        "1\xE2\x80"
+        "234",
+        "1.5"}},
+      {{".", "\u2019", "\3"}, {"1\u2019234.5"}, {"1'234.5", "1,234.5"}},
+      {{",", "", ""}, {"1,5", "1234567,25"}, {"1.5", "1,234,567", "1 234,5"}},
+      {{".", ",", {3, CHAR_MAX}}, {"1234567,890", "1,234"}, {"1,234,567"}},
+  };
   for (const auto& [marks, numbers, others] : cases) {
     for (const char* text : numbers) EXPECT_TRUE(isDecimal(text, marks)) << text;
     for (const char* text : others) EXPECT_FALSE(isDecimal(text, marks)) << text;
