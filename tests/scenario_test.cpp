@@ -2,7 +2,8 @@
 
 #include <algorithm>
 #include <fstream>
-#include <ranges>
+#include <functional>
+#include <map>
 
 // Runs the scenarios of each file through both interfaces. A step whose effects are not exactly the
 // expected ones, in order, is a failure at its line.
@@ -21,8 +22,8 @@ struct Scenario {
   std::string title;
   Lines lines;
 };
-// The texts that stand for "$name".
-using Variables = std::map<std::string, std::string>;
+// The texts that stand for "$name"; of two that begin alike the longer comes first.
+using Variables = std::map<std::string, std::string, std::greater<>>;
 
 // The scenarios of a file. Lines in front of the first one belong to each of them.
 std::vector<Scenario> scenariosIn(const path& file) {
@@ -50,9 +51,9 @@ void replaceAll(std::string& text, std::string_view name, std::string_view value
   }
 }
 
-// The longest of names with the same beginning is replaced first; "\xFF" is a byte.
+// "\xFF" is a byte.
 std::string withVariables(std::string text, const Variables& variables) {
-  for (const auto& [name, value] : std::views::reverse(variables)) replaceAll(text, name, value);
+  for (const auto& [name, value] : variables) replaceAll(text, name, value);
   for (std::size_t i = 0; (i = text.find("\\x", i)) != std::string::npos; ++i) {
     text.replace(i, 4, 1, static_cast<char>(std::stoi(text.substr(i + 2, 2), nullptr, 16)));
   }
