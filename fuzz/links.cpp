@@ -12,19 +12,19 @@
 #include "fuzz/setting.h"
 
 using namespace marbleway;
-using fuzz::require, fuzz::setting;
+using fuzz::require, fuzz::world;
 using Texts = std::vector<std::string>;
 
 namespace {
 
 Texts takeColumn(const std::string& column, const std::string& table) {
-  return marbleway::testing::query(setting().storePath(),
+  return marbleway::testing::query(world().storePath(),
                                    "DELETE FROM " + table + " RETURNING " + column);
 }
 
 Texts identifiersOf(const std::string& link) {
   Marbleway::trackDeepLink(link);
-  return setting().lines().empty() ? Texts() : takeColumn("DeepLinkID", "mrbw_v2_deep_links");
+  return world().lines().empty() ? Texts() : takeColumn("DeepLinkID", "mrbw_v2_deep_links");
 }
 
 void trackLinks(const std::string& any) {
@@ -41,7 +41,7 @@ void trackPush(const Dictionary& payload) {
   const auto screen = std::make_shared<platform::testing::RecordingInterface>();
   platform::install({.userInterface = screen});
   Marbleway::trackPushNotification(payload);
-  const bool isTracked = !setting().lines().empty();
+  const bool isTracked = !world().lines().empty();
   require(screen->badgeNumbers() == std::vector<int>(isTracked ? 1 : 0), "the badge is cleared");
   require(isTracked || screen->openedURLs().empty(), "others open nothing");
   if (isTracked) require(takeColumn("id", "mrbw_v2_messages").size() <= 1, "a message has one row");

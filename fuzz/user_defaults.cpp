@@ -12,7 +12,7 @@ using namespace marbleway;
 namespace fs = std::filesystem;
 
 void fuzz::run(std::string_view bytes) {
-  const fs::path file = fuzz::setting().directory.path() / "defaults.json";
+  const fs::path file = fuzz::world().directory.path() / "defaults.json";
   const fs::path aside = fs::path(file) += ".unreadable";
   fs::remove(aside);
   std::ofstream(file, std::ios::binary) << bytes;
