@@ -2,7 +2,9 @@
 
 #include <atomic>
 #include <exception>
+#include <mutex>
 
+#include "Marbleway/platform/fork.h"
 #include "Marbleway/platform/linux/alternate_stack.h"
 #include "Marbleway/platform/linux/crash_report.h"
 #include "Marbleway/platform/linux/fatal_signals.h"
@@ -11,6 +13,7 @@
 namespace marbleway::platform {
 namespace {
 
+constinit ForkSafeMutex installMutex;
 constinit std::atomic<std::terminate_handler> formerHandler{nullptr};
 
 /// Runs on the thread that failed, with its stack as it was.
@@ -25,6 +28,7 @@ class LinuxCrashHook final : public CrashHook {
  public:
   void install(FailureHandler handler) override {
     giveAlternateStack();
+    const std::scoped_lock lock(installMutex);  // no thread returns before crashes are captured
     if (!startReporter(handler)) return;
     if (std::get_terminate() != onTerminate) formerHandler = std::set_terminate(onTerminate);
     captureFatalSignals();
