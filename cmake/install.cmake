@@ -24,6 +24,12 @@ if(TARGET marbleway_c)
     LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT c NAMELINK_COMPONENT development)
   install(FILES Marbleway/marbleway_c.h DESTINATION ${include_root}/Marbleway)
 endif()
+if(TARGET marbleway_desktop)
+  install(TARGETS marbleway_desktop EXPORT MarblewayTargets
+    LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT desktop NAMELINK_COMPONENT development
+    ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR})
+  install(FILES Marbleway/desktop.h DESTINATION ${include_root}/Marbleway)
+endif()
 install(FILES Marbleway/platform/linux/http_client.h
   DESTINATION ${include_root}/Marbleway/platform/linux)
 install(DIRECTORY Marbleway/platform/testing DESTINATION ${include_root}/Marbleway/platform)
@@ -47,6 +53,7 @@ if(BUILD_SHARED_LIBS)
 else()
   set(MARBLEWAY_PC_REQUIRES Requires)
   set(MARBLEWAY_PC_STATIC_LIBS "-lstdc++ -lpthread -ldl")
+  set(MARBLEWAY_PC_SYSTEMD " libsystemd")
 endif()
 configure_file(cmake/marbleway.pc.in marbleway.pc @ONLY)
 install(FILES ${CMAKE_CURRENT_BINARY_DIR}/marbleway.pc
@@ -54,5 +61,10 @@ install(FILES ${CMAKE_CURRENT_BINARY_DIR}/marbleway.pc
 if(TARGET marbleway_c)
   configure_file(cmake/marbleway_c.pc.in marbleway_c.pc @ONLY)
   install(FILES ${CMAKE_CURRENT_BINARY_DIR}/marbleway_c.pc
+    DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
+endif()
+if(TARGET marbleway_desktop)
+  configure_file(cmake/marbleway_desktop.pc.in marbleway_desktop.pc @ONLY)
+  install(FILES ${CMAKE_CURRENT_BINARY_DIR}/marbleway_desktop.pc
     DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
 endif()

@@ -62,6 +62,11 @@ if(TARGET marbleway_c)
   string(APPEND CPACK_DEBIAN_DEVELOPMENT_PACKAGE_DEPENDS
     ", libmarbleway-c${major} (= ${PROJECT_VERSION}-1)")
 endif()
+if(TARGET marbleway_desktop)
+  debian_package(desktop libmarbleway-desktop${major} libs "services of a Linux desktop")
+  string(APPEND CPACK_DEBIAN_DEVELOPMENT_PACKAGE_DEPENDS
+    ", libmarbleway-desktop${major} (= ${PROJECT_VERSION}-1)")
+endif()
 if(MARBLEWAY_TOOLS)
   debian_package(tools marbleway-tools devel "collector and inspector")
 endif()

@@ -1,0 +1,69 @@
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <map>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "desktop/peer.h"
+#include "desktop/receiver.h"
+
+namespace marbleway::desktop {
+
+/// Beacons that BlueZ hears: what it advertises of manufacturer data in the iBeacon layout. It
+/// searches on every adapter while there is a region. Thread: the bus thread.
+class Beacons {
+ public:
+  Beacons(Bus& system, sd_event* event, Receiver& receiver);
+
+  /// Reports the region's beacons once a second, while there are any.
+  void range(const platform::BeaconRegion& region);
+  /// Reports the region as entered with its first beacon, and as left 30 s after the last.
+  void monitor(const platform::BeaconRegion& region);
+  void stop();
+
+ private:
+  using Time = std::chrono::steady_clock::time_point;
+  /// What an advertisement says.
+  struct Advertised {
+    std::string proximityUUID;
+    std::uint16_t major = 0, minor = 0;
+  };
+  struct Heard {
+    Advertised beacon;
+    std::optional<int> rssi;    // the last one, dBm; absent: never heard
+    bool isUnreported = false;  // heard since the last report
+  };
+  struct Monitored {
+    platform::BeaconRegion region;
+    std::optional<Time> lastSeen;  // absent: outside
+  };
+
+  static std::optional<Advertised> readAdvertised(sd_bus_message* message);
+  static bool isOf(const Advertised& beacon, const platform::BeaconRegion& region);
+  bool isWanted(const Advertised& beacon) const;
+
+  void search();
+  void searchOn(const std::string& adapter);
+  bool readInterfaces(sd_bus_message* message, const std::string& path);
+  bool readAdapter(sd_bus_message* message, const std::string& path);
+  bool readDevice(sd_bus_message* message, const std::string& path);
+  void hear(const std::string& path, std::optional<int> rssi);
+  void see(const Advertised& beacon);
+  void report();
+  void reportRanged(const platform::BeaconRegion& region) const;
+  void leaveRegions(Time now);
+
+  Receiver& receiver_;
+  std::vector<platform::BeaconRegion> ranged_;
+  std::vector<Monitored> monitored_;
+  std::map<std::string, Heard, std::less<>> heard_;  // by the device's path
+  std::vector<std::string> adapters_;                // that search
+  bool isReportDue_ = false;                         // within a second
+  Timer timer_;
+  Peer service_;
+};
+
+}  // namespace marbleway::desktop
