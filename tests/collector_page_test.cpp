@@ -171,6 +171,7 @@ TEST_F(CollectorPageTest, StoresRequestsWhateverTheyHold) {
   sendFourEvents();
   talk({
       {kInit, "400 byte ", "{\"OS\": \"\xC3"},
+      {"GET /api/summary", R"(200 "invalidBatches":1,"handshakes":1,"refusedHandshakes":1)"},
       {"GET /api/batches/1/body", "200 " + broken},
       {kBatches, "200 [{\"n\":3,"},
       {kBatches, R"(200 "fault":"byte )"},

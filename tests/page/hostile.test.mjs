@@ -3,8 +3,8 @@ import {pageTest} from "./page_test.mjs";
 import {column, countRows, event, send, session} from "./support.mjs";
 
 const HOSTILE = ["<img src=x onerror=\"document.title='taken'\"><b>bold</b>", "\"'`); document.title='taken'; //",
-  "</script><script>document.title='taken'</script>", "&lt;b&gt; &amp;quot; &#x202e;", "javascript:document.title='taken'",
-  "${document.title='taken'} {{7*7}}", "__proto__"];
+  "</script><script>document.title='taken'</script>", "&lt;b&gt; &amp;quot; &#x202e;",
+  "javascript:document.title='taken'", "${document.title='taken'} {{7*7}}", "__proto__"];
 
 pageTest("What an application sends is shown as text", {}, async (page, collector) => {
   const [markup, quotes] = HOSTILE;

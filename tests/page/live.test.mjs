@@ -8,7 +8,8 @@ async function fillShop(page, collector) {
   await send(collector, {Sessions: [session(1, "S-ONE", "DEVICE-A")], Users: [user(1, "S-ONE", "ada")],
     Events: [event(1, "S-ONE", "Purchase", {Value: 12.5, currency: "EUR"}), event(2, "S-ONE", "Refund")],
     ScreenViews: [screen(1, "S-ONE", "Home")]});
-  await send(collector, {Sessions: [session(1, "S-TWO", "DEVICE-B")], Events: [event(1, "S-TWO", "Purchase")]}, "other");
+  const two = {Sessions: [session(1, "S-TWO", "DEVICE-B")], Events: [event(1, "S-TWO", "Purchase")]};
+  await send(collector, two, "other");
   await countRows(page, SHOP);
 }
 const SHOP = 7;  // rows
@@ -19,6 +20,9 @@ pageTest("An application's first rows end the empty page", {}, async (page, coll
   assert.match(text, new RegExp(`developmentURL = "${collector.url}".*initMarbleway\\("(demo|other)"`, "s"));
   const lamps = (texts) => eventually(() => page.locator(".lamps li").allTextContents(), texts);
   await lamps(["○ Handshake: waiting", "○ Session: waiting", "○ First batch: waiting"]);
+  await post(collector, "init", {OS: "iOS", BundleID: "com.example"}, "typo");
+  await lamps(['✗ Handshake: refused with 401, token "typo": header "mrbw-project-token" holds an unknown token',
+    "○ Session: waiting", "○ First batch: waiting"]);
   await post(collector, "init", {OS: "iOS", BundleID: "com.example"});
   await lamps(["● Handshake: seen", "○ Session: waiting", "○ First batch: waiting"]);
   await useApplication(collector);
@@ -72,16 +76,21 @@ pageTest("A page that lost its collector catches up", GONE, async (page, collect
   assert.ok(await page.evaluate(() => window.sameDocument));
 });
 
-pageTest("Repeated rows and gaps are marked and counted", {}, async (page, collector) => {
+pageTest("What went wrong is marked and counted", {}, async (page, collector) => {
   await send(collector, {Sessions: [session(1, "S-ONE", "DEVICE-A")], Events: [event(1, "S-ONE", "First")]});
   for (const [rows, id] of [[3, 2], [4, 2], [5, 5]]) {
     await send(collector, {Events: [event(id, "S-ONE", "Later")]});
     await countRows(page, rows);
   }
   await eventually(() => column(page, "state"), ["⚠ after gap", "↻ again ×2", "new", "new", "new"]);
+  assert.equal(await post(collector, "batch", {}), 400);
+  await page.locator("#refused", {hasText: "✗ Batch refused with 400"}).waitFor();
+  await page.getByRole("tab", {name: "Batches ✗ 1"}).waitFor();
+  for (const _ of "12") await post(collector, "init", {}, "typo");
+  await page.getByRole("tab", {name: "Handshakes ✗ 2"}).waitFor();
   await page.keyboard.press("6");
-  await eventually(() => page.locator("#health .figures .card").allTextContents(),
-    ["5rows arrived", "1↻ rows sent again", "1⚠ gaps in ids", "0✗ invalid batches"]);
+  await eventually(() => page.locator("#health .figures .card").allTextContents(), ["5rows arrived",
+    "1↻ rows sent again", "1⚠ gaps in ids", "1✗ invalid batches", "2✗ refused handshakes"]);
 });
 
 pageTest("A row's panel shows JSON as a tree and raw", {}, async (page, collector) => {
@@ -144,7 +153,7 @@ pageTest("400 pixels are enough", {viewport: {width: 400, height: 800}}, async (
   await page.locator("#spacer .row").first().click();
   for (const key of ["Shift", "Escape", ..."123456"]) {
     await page.keyboard.press(key);
-    const widths = await page.locator("html, [role=tabpanel], #panel").evaluateAll((all) => all.map((e) => e.scrollWidth));
-    assert.equal(Math.max(...widths), 400, key);
+    const boxes = page.locator("html, [role=tabpanel], #panel");
+    assert.equal(Math.max(...await boxes.evaluateAll((all) => all.map((box) => box.scrollWidth))), 400, key);
   }
 });

@@ -38,8 +38,8 @@ long long Journal::number() {
 
 void Journal::add(Exchange exchange) {
   const std::scoped_lock lock(mutex_);
-  ++count_;
-  if (!exchange.fault.empty()) ++faulty_;
+  ++counts_.all;
+  if (!exchange.fault.empty()) ++counts_.faulty;
   entries_.push_back(std::make_shared<const Exchange>(std::move(exchange)));
   ++added_;
   bytes_ += bodySize(entries_.back());
@@ -53,7 +53,7 @@ void Journal::clear() {
   const std::scoped_lock lock(mutex_);
   entries_.clear();
   bytes_ = 0;
-  count_ = faulty_ = 0;
+  counts_ = {};
 }
 
 std::vector<Journal::Entry> Journal::since(long long& cursor) const {
@@ -75,9 +75,9 @@ Journal::Entry Journal::find(long long n) const {
   return found == entries_.end() ? nullptr : *found;
 }
 
-std::pair<long long, long long> Journal::counts() const {
+Journal::Counts Journal::counts() const {
   const std::scoped_lock lock(mutex_);
-  return {count_, faulty_};
+  return counts_;
 }
 
 void putBatch(tools::JsonWriter& writer, const Exchange& batch) {

@@ -48,8 +48,11 @@ class Journal {
   long long end() const;
   /// Null when it is not stored.
   Entry find(long long n) const;
-  /// How many there have been since the start or the last clearing, and how many were faulty.
-  std::pair<long long, long long> counts() const;
+  /// How many there have been since the start or the last clearing, and how many had a fault.
+  struct Counts {
+    long long all = 0, faulty = 0;
+  };
+  Counts counts() const;
 
  private:
   mutable std::mutex mutex_;
@@ -57,7 +60,7 @@ class Journal {
   std::size_t bytes_ = 0;      // of their bodies
   long long nextNumber_;
   long long added_ = 0;  // ever
-  long long count_ = 0, faulty_ = 0;
+  Counts counts_;
 };
 
 void putBatch(tools::JsonWriter& writer, const Exchange& batch);

@@ -139,14 +139,16 @@ void PageApi::page(const httplib::Request& /*request*/, httplib::Response& respo
 }
 
 void PageApi::summary(const httplib::Request& /*request*/, httplib::Response& response) {
-  const auto [batches, faulty] = records_.batches.counts();
+  const Journal::Counts batches = records_.batches.counts();
+  const Journal::Counts handshakes = records_.handshakes.counts();
   RowReader reader(records_.data.path());
-  answer(response, [&, batches = batches, faulty = faulty](tools::JsonWriter& writer) {
+  answer(response, [&](tools::JsonWriter& writer) {
     writer.StartObject();
     reader.putSummary(writer);
-    tools::member(writer, "batches", batches);
-    tools::member(writer, "invalidBatches", faulty);
-    tools::member(writer, "handshakes", records_.handshakes.counts().first);
+    tools::member(writer, "batches", batches.all);
+    tools::member(writer, "invalidBatches", batches.faulty);
+    tools::member(writer, "handshakes", handshakes.all);
+    tools::member(writer, "refusedHandshakes", handshakes.faulty);
     tools::member(writer, "url", url_);
     tools::member(writer, "needsToken", guard_.needsToken());
     tools::put(writer, "tokens");

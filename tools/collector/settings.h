@@ -31,7 +31,7 @@ struct Settings {
   std::string configFile{};  // empty: the default configuration
   std::vector<std::string> tokens{};
   std::string pageToken{};  // empty: one is generated where the page needs it
-  int failBatches = 0;    // how many batches are refused before the first is accepted
+  int failBatches = 0;      // how many batches are refused before the first is accepted
 };
 
 /// The settings that the arguments ask for; throws a UsageError.

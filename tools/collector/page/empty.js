@@ -23,13 +23,17 @@ function showEmpty() {
   byId("empty").hidden = !isEmpty;
   byId("rows-shown").hidden = isEmpty;
   if (!isEmpty) return;
-  const lamp = (isLit, label) => el("li", {class: isLit ? "lit" : ""},
-    isLit ? "● " : "○ ", label, isLit ? ": seen" : ": waiting");
   const text = snippet();
   byId("empty").replaceChildren(
     el("h2", {}, "Nothing has arrived yet"),
     el("p", {}, "Paste this into an application. Rows show up here by themselves."),
     el("pre", {}, text), el("p", {}, copyButton("Copy", () => text)),
-    el("ul", {class: "lamps", role: "status"}, lamp(handshakesView.items.length || summary.handshakes, "Handshake"),
-      lamp(summary.sessions, "Session"), lamp(batchesView.items.length || summary.batches, "First batch")));
+    el("ul", {class: "lamps", role: "status"}, lamp("Handshake", summary.handshakes, handshakesView.items[0]),
+      lamp("Session", summary.sessions), lamp("First batch", summary.batches, batchesView.items[0])));
+}
+
+/** Green when there was one, red with the reason when `newest` was refused. */
+function lamp(label, count, newest) {
+  if (newest?.fault) return el("li", {class: "refused"}, textNodes(`✗ ${label}: ${refusalText(newest)}`));
+  return count || newest ? el("li", {class: "lit"}, `● ${label}: seen`) : el("li", {}, `○ ${label}: waiting`);
 }

@@ -14,6 +14,23 @@ function noteHealth({device, table, state}) {
   map?.set(key, (map.get(key) ?? 0) + 1);
 }
 
+const refusalText = ({status, token, fault}) =>
+  `refused with ${status}, token "${clip(token, 60)}": ${clip(fault, 300)}`;
+
+/** Counts what was refused on its tab. The first view says why the newest handshake or batch was. */
+function showRefusals() {
+  if (!summary) return;
+  const texts = [];
+  for (const [view, label, count] of [[handshakesView, "Handshake", summary.refusedHandshakes],
+    [batchesView, "Batch", summary.invalidBatches]]) {
+    byId(`refused-${view.id}`).textContent = count ? ` ✗ ${count.toLocaleString("en")}` : "";
+    const [newest] = view.items;
+    if (newest?.fault) texts.push(el("div", {}, textNodes(`✗ ${label} ${refusalText(newest)}`)));
+  }
+  byId("refused").hidden = texts.length === 0;
+  byId("refused").replaceChildren(...texts);
+}
+
 const figure = (label, count, isBad) => el("div", {class: "card"},
   el("b", {class: count && isBad ? "bad" : ""}, (count ?? 0).toLocaleString("en")), label);
 
@@ -21,7 +38,8 @@ function showHealth() {
   if (!summary || byId("health").hidden) return;
   byId("health").replaceChildren(
     el("div", {class: "figures"}, figure("rows arrived", summary.rows), figure("↻ rows sent again", summary.again),
-      figure("⚠ gaps in ids", summary.gaps, true), figure("✗ invalid batches", summary.invalidBatches, true)),
+      figure("⚠ gaps in ids", summary.gaps, true), figure("✗ invalid batches", summary.invalidBatches, true),
+      figure("✗ refused handshakes", summary.refusedHandshakes, true)),
     el("div", {class: "columns"}, healthTables(), healthDevices()),
     el("p", {class: "apart"}, el("button", {click: forgetAll}, "Forget everything…"),
       " Empties the collector: rows, batches and handshakes."));

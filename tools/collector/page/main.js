@@ -6,7 +6,7 @@ const VIEWS = [["live", "Live"], ["sessions", "Sessions"], ["batches", "Batches"
 function makeTabs() {
   byId("tabs").append(...VIEWS.map(([id, label], place) => el("button",
     {role: "tab", id: `tab-${id}`, "aria-controls": id, click: () => showView(id)},
-    label, " ", el("kbd", {}, String(place + 1)))));
+    label, el("span", {id: `refused-${id}`, class: "bad"}), " ", el("kbd", {}, String(place + 1)))));
 }
 
 function showView(id) {

@@ -50,7 +50,7 @@ function listen() {
   stream.onerror = () => { stream.close(); tryAgain(); };
   on("rows", arrive);
   on("batch", (batch) => { addTo(batchesView, batch); showEmpty(); soon(refreshSummary); });
-  on("handshake", (handshake) => { addTo(handshakesView, handshake); showEmpty(); });
+  on("handshake", (handshake) => { addTo(handshakesView, handshake); showEmpty(); soon(refreshSummary); });
   on("behaviour", (now) => { behaviour = now; showBehaviour(); });
   on("reset", () => { forget(); loadSessions(); showAll(); });
 }
@@ -58,6 +58,7 @@ function listen() {
 async function refreshSummary() {
   summary = await get("/api/summary").catch(() => summary);
   showEmpty();
+  showRefusals();
   showHealth();
 }
 
@@ -105,12 +106,15 @@ function forget() {
   lastN = receivedN = 0;
   emptyRows();
   forgetHealth();
-  summary = {...summary, rows: 0, again: 0, invalidBatches: 0, tables: {}, handshakes: 0, sessions: 0, batches: 0};
+  summary = {...summary, rows: 0, again: 0, gaps: 0, tables: {}, sessions: 0, batches: 0, invalidBatches: 0,
+    handshakes: 0, refusedHandshakes: 0};
   batchesView.items = [];
   handshakesView.items = [];
 }
 
 function showAll() {
-  for (const show of [showEmpty, showFilter, showCounts, showChart, showList, showBehaviour, showHealth]) show();
+  for (const show of [showEmpty, showRefusals, showFilter, showCounts, showChart, showList, showBehaviour, showHealth]) {
+    show();
+  }
   for (const view of [sessionsView, batchesView, handshakesView]) showSplit(view);
 }
