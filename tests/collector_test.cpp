@@ -175,6 +175,7 @@ TEST_F(CollectorTest, SurvivesAFailedAcceptAndReportsADeadListener) {
 }
 
 TEST(CollectorArgumentsTest, AreReadOrRefused) {
+  std::ostringstream log;
   const auto read = [](std::vector<const char*> words) {
     return settingsFrom(readArguments(words));
   };
@@ -185,6 +186,13 @@ TEST(CollectorArgumentsTest, AreReadOrRefused) {
   EXPECT_EQ(settings.dataFile + settings.configFile + settings.host + settings.pageToken +
                 settings.tokens[0] + settings.tokens[1],
             "fchp-1ab");
+  const std::pair<const char*, std::string> printed[] = {{"-h", "usage: marbleway-collector "},
+                                                         {"--version", "name 2.2.0\n"}};
+  for (const auto& [option, text] : printed) {
+    EXPECT_TRUE(readArguments(std::vector{option}).answer("name", kUsage, log));
+    EXPECT_THAT(log.str(), StartsWith(text));
+    log.str("");
+  }
   const std::pair<std::vector<const char*>, std::string> refused[] = {
       {{}, "--data FILE is required"},
       {{"--data", "f"}, "--token TOKEN is required"},

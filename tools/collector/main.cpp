@@ -31,10 +31,7 @@ void waitForEnd(const collector::Collector& collector) {
 
 int serve(std::span<char* const> words) {
   const tools::Arguments arguments = collector::readArguments(words);
-  if (arguments.asksForHelp()) {
-    std::cout << collector::kUsage;
-    return 0;
-  }
+  if (arguments.answer("marbleway-collector", collector::kUsage, std::cout)) return 0;
   const collector::Settings settings = collector::settingsFrom(arguments);
   const sigset_t signals = endingSignals();
   pthread_sigmask(SIG_BLOCK, &signals, nullptr);  // in all threads

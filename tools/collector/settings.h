@@ -21,7 +21,7 @@ Takes handshakes and batches, checks them strictly and stores their rows in a SQ
   --config FILE       the answer to handshakes: a JSON object with the members "Config" and
                       "NetworkMonitoring"
   --fail-batches N    answer the first N batches with 503
-  -h, --help          print this
+  -h, --help, --version  print this, or the version
 )";
 
 struct Settings {

@@ -2,7 +2,9 @@
 
 #include <algorithm>
 #include <charconv>
+#include <ostream>
 
+#include "Marbleway/version.h"
 #include "tools/common/text.h"
 
 namespace tools {
@@ -28,6 +30,15 @@ Arguments::Arguments(std::span<const char* const> words,
       values_[name].push_back(isOneWord ? word.substr(equals + 1) : words[++i]);
     }
   }
+}
+
+bool Arguments::answer(std::string_view program, std::string_view usage, std::ostream& out) const {
+  if (help_) {
+    out << usage;
+  } else if (version_) {
+    out << program << " " MARBLEWAY_VERSION "\n";
+  }
+  return help_ || version_;
 }
 
 const std::vector<std::string>& Arguments::all(std::string_view option) const {

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <iosfwd>
 #include <map>
 #include <span>
 #include <stdexcept>
@@ -21,8 +22,8 @@ class Arguments {
   /// Throws a UsageError for an option that is not in `options` and for one without its value.
   Arguments(std::span<const char* const> words, std::span<const std::string_view> options);
 
-  bool asksForHelp() const { return help_; }
-  bool asksForVersion() const { return version_; }
+  /// Prints `usage` or the version of `program` to `out` where they ask for it; else returns false.
+  bool answer(std::string_view program, std::string_view usage, std::ostream& out) const;
   /// The words that are no options, nor their values.
   const std::vector<std::string>& plain() const { return plain_; }
   bool has(std::string_view option) const { return values_.contains(option); }

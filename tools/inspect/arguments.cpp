@@ -52,10 +52,9 @@ void checkFormat(const Request& request, bool isFormatGiven) {
 
 }  // namespace
 
-Request readArguments(std::span<const char* const> words) {
-  const tools::Arguments arguments(words, kOptions);
-  if (arguments.asksForHelp()) return {.command = Command::help};
-  if (arguments.asksForVersion()) return {.command = Command::version};
+tools::Arguments readArguments(std::span<const char* const> words) { return {words, kOptions}; }
+
+Request requestFrom(const tools::Arguments& arguments) {
   std::vector<std::string> plain = arguments.plain();
   if (arguments.has("--directory")) plain.insert(plain.begin(), arguments.value("--directory"));
   if (plain.empty() || plain[0].empty()) throw UsageError("no directory is named");

@@ -30,17 +30,19 @@ Safe while the application runs.
 Ends with 0; with 1 when there is no store or one cannot be read; with 2 for wrong usage.
 )";
 
-enum class Command { stats, rows, batch, privacy, help, version };
+enum class Command { stats, rows, batch, privacy };
 
 struct Request {
-  Command command = Command::help;
+  Command command = Command::stats;
   std::filesystem::path directory{};
   const marbleway::Table* table = nullptr;  // of `rows`; null for all
   std::optional<std::string> user{};
   Format format = Format::table;
 };
 
-/// What the arguments (after the program's name) ask for. Throws a UsageError.
-Request readArguments(std::span<const char* const> words);
+/// The arguments after the program's name. Throws a UsageError, as the next.
+tools::Arguments readArguments(std::span<const char* const> words);
+/// What they ask for.
+Request requestFrom(const tools::Arguments& arguments);
 
 }  // namespace inspect

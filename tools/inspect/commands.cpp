@@ -303,9 +303,6 @@ void runCommand(const Request& request, std::ostream& out, std::ostream& notes) 
       return batch(inspection);
     case Command::privacy:
       return privacy(inspection);
-    case Command::help:
-    case Command::version:
-      return;
   }
 }
 

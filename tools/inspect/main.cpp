@@ -3,7 +3,6 @@
 #include <iostream>
 #include <span>
 
-#include "Marbleway/core/state.h"
 #include "tools/common/text.h"
 #include "tools/inspect/arguments.h"
 #include "tools/inspect/commands.h"
@@ -12,18 +11,11 @@
 
 namespace {
 
-void run(const inspect::Request& request) {
-  switch (request.command) {
-    case inspect::Command::help:
-      std::cout << inspect::kUsage;
-      break;
-    case inspect::Command::version:
-      std::cout << "marbleway-inspect " << marbleway::SDKVersion << '\n';
-      break;
-    default:
-      inspect::openStoresForReadingOnly();
-      inspect::runCommand(request, std::cout, std::cerr);
-  }
+void run(const tools::Arguments& arguments) {
+  if (arguments.answer("marbleway-inspect", inspect::kUsage, std::cout)) return;
+  const inspect::Request request = inspect::requestFrom(arguments);
+  inspect::openStoresForReadingOnly();
+  inspect::runCommand(request, std::cout, std::cerr);
 }
 
 }  // namespace
