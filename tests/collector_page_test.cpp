@@ -194,6 +194,7 @@ TEST_F(CollectorPageTest, StoresRequestsWhateverTheyHold) {
 TEST_F(CollectorPageTest, AnswersNoOtherSite) {
   settings.pageToken = "secret";
   settings.host = "0.0.0.0";
+  settings.allowedHosts = {"collector"};
   start();
   const std::string port = std::to_string(server->port()), cookie = "collector_" + port + "=";
   EXPECT_THAT(log_.str(), HasSubstr("page at http://0.0.0.0:" + port + "/?token=secret\n"));
@@ -208,6 +209,7 @@ TEST_F(CollectorPageTest, AnswersNoOtherSite) {
       {rows, needed, "", {{"Cookie", cookie + "secre"}}},
       {rows, "200 ", "", {bearer, {"Host", "localhost:1"}}},
       {rows, "200 ", "", {bearer, {"Host", "192.0.2.1"}}},
+      {rows, "200 ", "", {bearer, {"Host", "collector:80"}}},
       {rows, "403 the header \"Host\" names another", "", {bearer, {"Host", "rebound.example"}}},
       {kReset, "204 ", "", {bearer, {"Origin", "http://127.0.0.1:" + port}}},
       {kReset, foreign, "", {bearer, {"Origin", "http://other"}}},

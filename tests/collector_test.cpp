@@ -179,13 +179,14 @@ TEST(CollectorArgumentsTest, AreReadOrRefused) {
   const auto read = [](std::vector<const char*> words) {
     return settingsFrom(readArguments(words));
   };
-  const Settings settings =
+  const Settings given =
       read({"--token", "a", "--port=80", "--data", "f", "--token", "b", "--config", "c", "--host=h",
-            "--fail-batches", "2", "--page-token", "p-1"});
-  EXPECT_EQ(std::tie(settings.port, settings.failBatches), std::make_tuple(80, 2));
-  EXPECT_EQ(settings.dataFile + settings.configFile + settings.host + settings.pageToken +
-                settings.tokens[0] + settings.tokens[1],
-            "fchp-1ab");
+            "--fail-batches", "2", "--page-token", "p-1", "--allow-host", "n"});
+  EXPECT_EQ(std::tie(given.port, given.failBatches), std::make_tuple(80, 2));
+  const std::string texts[] = {given.dataFile,       given.configFile, given.host,
+                               given.pageToken,      given.tokens[0],  given.tokens[1],
+                               given.allowedHosts[0]};
+  EXPECT_THAT(texts, ElementsAre("f", "c", "h", "p-1", "a", "b", "n"));
   const std::pair<const char*, std::string> printed[] = {{"-h", "usage: marbleway-collector "},
                                                          {"--version", "name 2.2.0\n"}};
   for (const auto& [option, text] : printed) {

@@ -132,7 +132,8 @@ Collector::Collector(const Settings& settings, std::ostream& log)
   port_ = server_.listenOn(settings.host, settings.port);
   const std::string url = "http://" + settings.host + ":" + std::to_string(port_);
   const std::string token = pageTokenOf(settings);
-  page_.emplace(records_, PageGuard(settings.host, token), url + "/v2/", tokens_);
+  page_.emplace(records_, PageGuard(settings.host, token, settings.allowedHosts), url + "/v2/",
+                tokens_);
   route();
   server_.start();
   print("listening on " + url + "/v2/");

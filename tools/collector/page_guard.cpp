@@ -2,6 +2,7 @@
 
 #include <arpa/inet.h>
 
+#include <algorithm>
 #include <array>
 #include <string_view>
 #include <utility>
@@ -59,8 +60,8 @@ void refuse(httplib::Response& response, int status, const std::string& fault) {
   response.set_content(errorBody(fault), "application/json");
 }
 
-PageGuard::PageGuard(std::string host, std::string token)
-    : host_(std::move(host)), token_(std::move(token)) {}
+PageGuard::PageGuard(std::string host, std::string token, std::vector<std::string> names)
+    : host_(std::move(host)), token_(std::move(token)), names_(std::move(names)) {}
 
 bool PageGuard::admits(const httplib::Request& request, httplib::Response& response) const {
   if (!isOwnHost(request)) {
@@ -85,6 +86,7 @@ bool PageGuard::isOwnHost(const httplib::Request& request) const {
   if (request.get_header_value_count("Host") != 1) return false;
   const std::string host = hostOf(request.get_header_value("Host"));
   if (isLoopback(host) || host == host_) return true;
+  if (std::ranges::find(names_, host) != names_.end()) return true;
   return (host_ == "0.0.0.0" || host_ == "::") && isAddress(host);
 }
 

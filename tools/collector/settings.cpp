@@ -8,8 +8,9 @@ namespace {
 
 using tools::UsageError;
 
-constexpr std::string_view kOptions[] = {"--data",   "--token",      "--port",        "--host",
-                                         "--config", "--page-token", "--fail-batches"};
+constexpr std::string_view kOptions[] = {"--data",       "--token",       "--port",
+                                         "--host",       "--config",      "--page-token",
+                                         "--allow-host", "--fail-batches"};
 
 /// The page's token stands in an address and in a cookie.
 void checkPageToken(const std::string& token) {
@@ -35,6 +36,7 @@ Settings settingsFrom(const tools::Arguments& arguments) {
   settings.configFile = arguments.value("--config");
   settings.tokens = arguments.all("--token");
   settings.pageToken = arguments.value("--page-token");
+  settings.allowedHosts = arguments.all("--allow-host");
   settings.failBatches = arguments.number("--fail-batches", 0, 1'000'000);
   checkPageToken(settings.pageToken);
   if (settings.dataFile.empty()) throw UsageError("--data FILE is required");

@@ -18,10 +18,14 @@ Takes handshakes and batches, checks them strictly and stores their rows in a SQ
   --host HOST         the address to listen on; 127.0.0.1 by default
   --page-token TEXT   what whoever opens the page must know; required where --host is not this
                       machine alone, and generated there if not given
+  --allow-host NAME   a further name under which the page may be asked for, as a service name in a
+                      network of containers; given once for each
   --config FILE       the answer to handshakes: a JSON object with the members "Config" and
                       "NetworkMonitoring"
   --fail-batches N    answer the first N batches with 503
   -h, --help, --version  print this, or the version
+
+A value follows its option as the next word or after "=": --port 8080, --port=8080.
 )";
 
 struct Settings {
@@ -30,8 +34,9 @@ struct Settings {
   std::string dataFile{};
   std::string configFile{};  // empty: the default configuration
   std::vector<std::string> tokens{};
-  std::string pageToken{};  // empty: one is generated where the page needs it
-  int failBatches = 0;      // how many batches are refused before the first is accepted
+  std::string pageToken{};                  // empty: one is generated where the page needs it
+  std::vector<std::string> allowedHosts{};  // names besides `host` that a request may name
+  int failBatches = 0;  // how many batches are refused before the first is accepted
 };
 
 /// The settings that the arguments ask for; throws a UsageError.
