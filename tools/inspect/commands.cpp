@@ -210,7 +210,7 @@ void batch(const Inspection& inspection) {
     });
     document.endArray();
   }
-  if (!document.hasRows()) {
+  if (document.rows() == 0) {
     return note(inspection.notes, "there are no rows: nothing would be sent");
   }
   inspection.out << document.take().view();
