@@ -76,7 +76,8 @@ struct Configuration {
   std::string appVersion{};              ///< Empty: "1.0".
   std::array<Coordinate, 3> sites = {};  ///< Centres A, B and C of the fixed regions.
   /// Begins an upload as soon as the server has accepted the start, so that even a short launch
-  /// sends what the one before recorded, its crash included.
+  /// sends what the one before recorded, its crash included. Its 200 deletes rows that are
+  /// recorded while it is in flight: call `waitUntilIdle` after the start if these must arrive.
   bool uploadOnStart = false;
   /// Receives what happens, for developers; empty: nothing is gathered. Called on the main loop,
   /// one call at a time, in order, also for what other threads do; it should return soon. What it

@@ -51,6 +51,7 @@ void start(const Settings& settings, std::function<void(std::string_view)> openL
   configuration.productionURL = settings.collector;
   configuration.bundleIdentifier = "com.example.todo";
   configuration.appVersion = "1.0";
+  configuration.uploadOnStart = true;  // sends the crash of the launch before
   marbleway::configure(std::move(configuration));
 
   // All ten options: without them privacy mode and network monitoring would be on.
@@ -65,6 +66,7 @@ void start(const Settings& settings, std::function<void(std::string_view)> openL
                                             {"PerformanceMonitoringEnabled", true},
                                             {"NetworkMonitoringEnabled", false}});
   isStarted = true;
+  waitForServer();  // the upload's 200 would delete rows recorded before it
 }
 
 void waitForServer() { marbleway::waitUntilIdle(kServerTimeout); }
