@@ -13,6 +13,7 @@ import traceback
 _library = ctypes.CDLL(os.environ.get("MARBLEWAY_LIBRARY", "libmarbleway_c.so.2"))
 _library.marbleway_version.restype = ctypes.c_char_p
 _library.marbleway_wait_until_idle.argtypes = [ctypes.c_int64]
+_library.marbleway_get_status.argtypes = [ctypes.c_int, ctypes.c_char_p, ctypes.c_size_t]
 _library.marbleway_set_device_token.argtypes = [ctypes.c_char_p, ctypes.c_size_t]
 
 
@@ -33,9 +34,24 @@ def version():
     return _library.marbleway_version().decode()
 
 
-def configure(**members):
-    """Sets any of documentsDirectory, developmentURL, testURL, productionURL, bundleIdentifier, appVersion, sites, uploadOnStart."""
-    _call("configure", _json(members))
+_Diagnostics = ctypes.CFUNCTYPE(None, ctypes.c_char_p, ctypes.c_void_p)
+_functions = []  # referenced as long as the library may call them
+
+
+def configure(diagnostics=None, **members):
+    """Sets any of documentsDirectory, developmentURL, testURL, productionURL, bundleIdentifier, appVersion, sites, uploadOnStart.
+
+    `diagnostics` is called with a dictionary for each diagnostic, on one of the library's threads.
+    """
+    _functions.append(diagnostics and _Diagnostics(lambda text, _: diagnostics(json.loads(text))))
+    _call("configure_with_diagnostics", _json(members), _functions[-1], None)
+
+
+def status(count_rows=False):
+    """The library's state, a dictionary; with the pending rows by table if they are to be counted."""
+    text = ctypes.create_string_buffer(1 << 16)
+    _library.marbleway_get_status(int(count_rows), text, len(text))
+    return json.loads(text.value)
 
 
 def wait_until_idle(seconds):
