@@ -25,8 +25,8 @@ struct Coordinate {
   double longitude = 0;  ///< East of Greenwich.
 };
 
-/// One thing that happened inside the library, for developers. It names what was called with, such
-/// as an event's name, and never has a value.
+/// One thing that happened inside the library, for developers. It holds names, such as an event's
+/// or an attribute's, and never a value.
 struct Diagnostic {
   /// What it is about.
   enum class Kind {

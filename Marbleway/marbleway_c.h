@@ -52,6 +52,7 @@ int marbleway_configure(const char* configuration_json);
 /// "crash" or "refusal"), "isFailure", "outcome", "error", "httpStatus", "url", "rows", "bytes",
 /// "milliseconds", "operation", "key", "time" (seconds since 1970) and "line", all that as one
 /// line. `Diagnostic` in Marbleway/Host.h describes each. The text is valid during the call.
+// NOLINTNEXTLINE(modernize-use-using): C has no other
 typedef void (*marbleway_diagnostics)(const char* diagnostic_json, void* context);
 
 /// `marbleway_configure` with a function for diagnostics, which gets `context` with each: on one of
