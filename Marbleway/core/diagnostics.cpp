@@ -20,9 +20,11 @@ constinit thread_local const char* currentOperation = nullptr;
 constinit thread_local std::string_view currentKey;
 constinit thread_local bool isInHostFunction = false;
 
+// The environment is read again in a race: a guard could be held for ever in a fork's child.
 bool isPrinted() {
-  static const bool isAsked = platform::environment("MARBLEWAY_DIAGNOSTICS") == "1";
-  return isAsked;
+  static constinit std::atomic<int> isAsked{-1};  // not read yet
+  if (isAsked < 0) isAsked = platform::environment("MARBLEWAY_DIAGNOSTICS") == "1" ? 1 : 0;
+  return isAsked == 1;
 }
 
 void settingsFailed(std::string_view reason) noexcept {
