@@ -137,8 +137,9 @@ bool Transfer::prepare(CURL* easy, const HttpOptions& options) noexcept {
 
 void Transfer::end(const char* failure) noexcept {
   isComplete_ = failure == nullptr;
-  if (isComplete_) (void)curl_easy_getinfo(easy_.get(), CURLINFO_RESPONSE_CODE, &response_.status);
-  if (!isComplete_ && error_[0] == '\0') {
+  if (failure == nullptr) {
+    (void)curl_easy_getinfo(easy_.get(), CURLINFO_RESPONSE_CODE, &response_.status);
+  } else if (error_[0] == '\0') {
     std::string_view(failure).copy(error_.data(), error_.size() - 1);
   }
   if (multi_ != nullptr) (void)curl_multi_remove_handle(multi_, easy_.get());
