@@ -58,7 +58,7 @@ TEST_F(CollectorTest, RefusesABatchAtItsFirstFault) {
     faults.emplace_back("Events[0].id: \""s + id + "\" is not an id", batch("Events", event(id)));
   }
   for (const char* time : {"2026-01-02", "2026-01-02T00:00:00.005", "2026-02-29 00:00:00.000"}) {
-    faults.emplace_back("Events[0].UTCTimeStamp: \""s + time, batch("Events", event("2", "", time)));
+    faults.emplace_back("Events[0].UTCTimeStamp: ", batch("Events", event("2", "", time)));
   }
   for (const char* bytes : {"\x80", "\xC0\x80", "\xED\xA0\x80", "\xF4\x90\x80\x80", "\xE2\x82"}) {
     faults.emplace_back("byte ", batch("Events", event("1") + "," + event("2", bytes)));
@@ -70,12 +70,11 @@ TEST_F(CollectorTest, RefusesABatchAtItsFirstFault) {
 TEST_F(CollectorTest, AnswersRequestsByTheirHeadersAndPlaces) {
   settings.failBatches = 1;
   start();
-  constexpr auto kToken = "mrbw-project-token";
-  const httplib::Headers unknown{{kToken, "T"}};
+  const httplib::Headers unknown{{"mrbw-project-token", "T"}};
   const std::string tooLong(65U << 20U, ' ');
   talk({
       {kInit, "200 {\"Data\":{", kHandshake},
-      {kInit, R"(400 header "Accept" is not "application/json")", "", {*kHeaders.find(kToken)}},
+      {kInit, R"(400 header "Accept" is not "application/json")", "", {*kHeaders.rbegin()}},
       {kInit, R"(401 header "mrbw-project-token" is not given exactly once)", "", {}},
       {kInit, R"(401 header "mrbw-project-token" holds an unknown token)", "{", unknown},
       {kInit, "400 document: not an object", "[]"},
@@ -162,15 +161,8 @@ TEST_F(CollectorTest, SurvivesAFailedAcceptAndReportsADeadListener) {
   setrlimit(RLIMIT_NOFILE, &limit);
   talk({{"GET /", "200 <!doctype html>"}});
   EXPECT_FALSE(server->hasFailed());
-  for (int file = 3; file < 1024; ++file) {
-    int listens = 0;
-    socklen_t size = sizeof listens;
-    getsockopt(file, SOL_SOCKET, SO_ACCEPTCONN, &listens, &size);
-    if (listens != 0) shutdown(file, SHUT_RDWR);
-  }
+  for (int file = 3; file < 1024; ++file) shutdown(file, SHUT_RDWR);  // the listener among them
   while (!server->hasFailed()) std::this_thread::yield();
-  ::send(waiting, "POST / HTTP/1.1\r\n", 17, MSG_NOSIGNAL);
-  server.reset();  // does not wait for the rest of that request
   close(waiting);
 }
 
@@ -183,10 +175,9 @@ TEST(CollectorArgumentsTest, AreReadOrRefused) {
       read({"--token", "a", "--port=80", "--data", "f", "--token", "b", "--config", "c", "--host=h",
             "--fail-batches", "2", "--page-token", "p-1", "--allow-host", "n"});
   EXPECT_EQ(std::tie(given.port, given.failBatches), std::make_tuple(80, 2));
-  const std::string texts[] = {given.dataFile,       given.configFile, given.host,
-                               given.pageToken,      given.tokens[0],  given.tokens[1],
-                               given.allowedHosts[0]};
-  EXPECT_THAT(texts, ElementsAre("f", "c", "h", "p-1", "a", "b", "n"));
+  EXPECT_EQ(given.dataFile + given.configFile + given.host + given.pageToken + given.tokens[0] +
+                given.tokens[1] + given.allowedHosts[0],
+            "fchp-1abn");
   const std::pair<const char*, std::string> printed[] = {{"-h", "usage: marbleway-collector "},
                                                          {"--version", "name 2.2.0\n"}};
   for (const auto& [option, text] : printed) {
