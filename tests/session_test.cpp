@@ -2,99 +2,16 @@
 #include <stdexcept>
 #include <thread>
 
-#include "Marbleway/session/connection_type.h"
 #include "tests/support/fixture.h"
 
 namespace marbleway::testing {
 namespace {
 
 using namespace std::chrono_literals;
-using platform::View;
-using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 using ::testing::SizeIs;
 
-View viewOf(std::string className, std::vector<View> subviews = {}, std::string text = "",
-            int number = 0) {
-  return {std::move(className), std::move(subviews), std::move(text), number, nullptr, nullptr};
-}
-
-// A bar of the older kind with these views in its foreground.
-View olderBar(std::vector<View> views) {
-  View bar = viewOf("UIStatusBar");
-  bar.foregroundView = std::make_shared<const View>(viewOf("Foreground", std::move(views)));
-  return bar;
-}
-
-// A bar of the modern kind: a bar in a bar, whose foreground has groups of views. In `groups` a
-// "|" begins the next group, "w" is a wifi signal, "c" a cellular one, any other word a text.
-View modernBar(const std::vector<std::string>& groups) {
-  std::vector<View> views{viewOf("Group")};
-  for (const std::string& word : groups) {
-    if (word == "|") {
-      views.push_back(viewOf("Group"));
-    } else {
-      views.back().subviews.push_back(word == "w"   ? viewOf("_UIStatusBarWifiSignalView")
-                                      : word == "c" ? viewOf("_UIStatusBarCellularSignalView")
-                                                    : viewOf("_UIStatusBarStringView", {}, word));
-    }
-  }
-  View bar = viewOf("UIStatusBar_Modern");
-  bar.statusBar = std::make_shared<const View>(olderBar(std::move(views)));
-  return bar;
-}
-
-TEST(ConnectionTypeTest, ModernBarIsReadGroupByGroup) {
-  const std::pair<std::vector<std::string>, const char*> cases[] = {
-      {{}, "None"},
-      {{"12:00", "w"}, "Wifi"},
-      {{"c", "LTE"}, "LTE"},
-      {{"c", "2G"}, "2G"},
-      {{"3G"}, "None"},               // without a signal
-      {{"3G", "c"}, "None"},          // before its signal
-      {{"c", "|", "4G"}, "4G"},       // a signal in an earlier group counts
-      {{"c", "5G", "LTE+"}, "None"},  // no exact match
-      {{"c", "3G", "12"}, "3G"},      // other texts change nothing
-      {{"c", "3G", "4G"}, "4G"},      // the last match counts
-      {{"c", "w", "3G"}, "Wifi"},     // wifi ends its group
-      {{"c", "w", "|", "3G"}, "3G"},  // and no other one
-  };
-  for (const auto& [groups, expected] : cases) {
-    const View bar = modernBar(groups);
-    EXPECT_EQ(connectionType(&bar), expected) << ::testing::PrintToString(groups);
-  }
-}
-
-TEST(ConnectionTypeTest, OlderBarShowsItsFirstItemsNumber) {
-  const auto item = [](int number) {
-    return viewOf("UIStatusBarDataNetworkItemView", {}, "", number);
-  };
-  int number = -1;
-  for (const char* expected : {"None", "None", "2G", "3G", "4G", "LTE", "Wifi", "None"}) {
-    const View bar = olderBar({viewOf("Clock", {item(1)}), item(number), item(1)});
-    EXPECT_EQ(connectionType(&bar), expected) << number;
-    ++number;
-  }
-  EXPECT_EQ(connectionType(nullptr), "None");
-  for (const View& bar : {viewOf("UIStatusBar"), viewOf("UIStatusBar_Modern"), olderBar({})}) {
-    EXPECT_EQ(connectionType(&bar), "None");
-  }
-}
-
-struct WifiBar : platform::StatusBar {
-  std::shared_ptr<const View> view() override {
-    return std::make_shared<const View>(modernBar({"w"}));
-  }
-};
-
-class SessionTest : public MarblewayTest {};
-
-TEST_F(SessionTest, RowHasTheStatusBarsConnection) {
-  platform::install({.statusBar = std::make_shared<WifiBar>()});
-  beginSession();
-  EXPECT_THAT(query(storePath(), "SELECT ConnectionType FROM mrbw_v2_sessions"),
-              ElementsAre("Wifi"));
-}
+using SessionTest = MarblewayTest;
 
 // The server's timeout is 0, and the loop's thread expires the session amid the calls of this one.
 TEST_F(SessionTest, RowsCarryTheSessionOfTheirAdmission) {
@@ -127,7 +44,7 @@ struct Failing : platform::Console,
   [[noreturn]] static void fail() { throw std::runtime_error("no service"); }
   void writeLine(std::string_view) override { fail(); }
   std::chrono::system_clock::time_point now() override { fail(); }
-  std::shared_ptr<const View> view() override { fail(); }
+  std::shared_ptr<const platform::View> view() override { fail(); }
   void post(platform::HttpRequest, platform::testing::HeldHttp::Done) override { fail(); }
   void setText(std::string_view, std::string_view) override { fail(); }
   void remove(std::string_view) override { fail(); }

@@ -2,6 +2,7 @@
 #include <cmath>
 #include <cstring>
 #include <map>
+#include <sstream>
 #include <variant>
 
 #include "Marbleway/marbleway_c.h"
@@ -153,6 +154,36 @@ void reportLocations(World& world, Words words) {
   delegate->didRangeBeacons(manager, beacons, {});
 }
 
+// A status bar by its class and the views in its foreground, each its class or "CLASS:VALUE". "|"
+// begins the next group of a modern bar. Without views there is no foreground.
+void statusBar(World& /*world*/, Words words) {
+  using platform::View;
+  struct Bar : platform::StatusBar, View {
+    std::shared_ptr<const View> view() override { return std::make_shared<View>(*this); }
+  };
+  const auto bar = std::make_shared<Bar>();
+  bar->className = words[0].text();
+  std::vector<View> groups(1);
+  for (std::size_t i = 1; i < words.size(); ++i) {
+    if (words[i].text() == "|") {
+      groups.emplace_back();
+      continue;
+    }
+    View& view = groups.back().subviews.emplace_back();
+    std::getline(std::getline(std::istringstream(words[i].text()), view.className, ':'), view.text);
+    view.dataNetworkType = std::atoi(view.text.c_str());
+  }
+  if (words.size() > 1) {
+    View inner, modern;
+    modern.subviews = groups;
+    const bool isModern = bar->className == "UIStatusBar_Modern";
+    inner.foregroundView = std::make_shared<View>(isModern ? modern : groups[0]);
+    bar->foregroundView = inner.foregroundView;
+    bar->statusBar = std::make_shared<View>(inner);
+  }
+  platform::install({.statusBar = bar});
+}
+
 void setDeviceToken(Text token) {
   if (token.isAbsent()) return Marbleway::setDeviceToken(std::nullopt);
   Marbleway::setDeviceToken(
@@ -251,6 +282,7 @@ const Step Steps::kAll[] = {
     {"set", set},
     {"show", show},
     {"sql", sql},
+    {"statusBar", statusBar},
     {"timers", [](World& world,
                   Words) { world.add(world.time->mainLoop()->nextDue() ? "running" : "none"); }},
 };
