@@ -127,6 +127,8 @@ pageTest("Keys reach everything", {}, async (page, collector) => {
   }
   await press("2", "Tab", "ArrowDown", "Enter");
   assert.equal(await page.locator("#sessions h2").textContent(), "S-ONE");
+  await page.getByRole("button", {name: "Show them in Live"}).click();
+  await countRows(page, 5);
 });
 
 pageTest("Sessions, batches and handshakes show their contents", {}, async (page, collector) => {
