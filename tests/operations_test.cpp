@@ -1,43 +1,40 @@
+#include <atomic>
 #include <cmath>
 #include <limits>
 #include <stdexcept>
+#include <thread>
 
+#include "Marbleway/platform/testing/recording_interface.h"
 #include "Marbleway/startup/options.h"
 #include "Marbleway/store/store.h"
-#include "tests/support/observer.h"
+#include "tests/support/fixture.h"
 
-// What scenarios cannot state: values that no JSON text holds, very long texts, C++ exceptions, and
-// the configuration of C++.
+// What scenarios cannot state: values that no JSON text holds, very long texts, C++ exceptions,
+// services that throw, and the configuration of C++.
 namespace marbleway::testing {
 
 // What an application throws.
 struct ImportFailure : std::runtime_error {
   using std::runtime_error::runtime_error;
 };
+struct Speechless : std::exception {
+  const char* what() const noexcept override { return nullptr; }
+};
 
 namespace {
 
+using namespace std::chrono_literals;
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 using ::testing::SizeIs;
 
 constexpr double kInfinity = std::numeric_limits<double>::infinity();
 
-class OperationsTest : public ::testing::Test, public ObservedWorld {
- protected:
-  void SetUp() override {
-    beginSession();
-    takeEffects();
-  }
+using OperationsTest = RecordingTest;
 
-  // The details of the only error.
-  Dictionary details() const {
-    const auto rows = query(storePath(), "SELECT ErrorDetails FROM mrbw_v2_errors");
-    return rows.size() == 1 ? *valueFromJSON(rows[0])->as<Dictionary>() : Dictionary();
-  }
-};
-
-TEST_F(OperationsTest, NumbersThatAreNotFiniteLeaveTheirColumnEmpty) {
+TEST_F(OperationsTest, ValuesThatNoJSONHoldsLeaveTheirColumnEmpty) {
+  const auto screen = std::make_shared<platform::testing::RecordingInterface>();
+  platform::install({.userInterface = screen});
   Dictionary ad;
   for (const char* key : {"adID", "adName", "adType", "adCategory", "orgID", "orgName"}) {
     ad.set(key, std::nan(""));
@@ -47,23 +44,19 @@ TEST_F(OperationsTest, NumbersThatAreNotFiniteLeaveTheirColumnEmpty) {
   Marbleway::trackAdConversion(ad, {{"conversionType", 1}, {"conversionValue", -kInfinity}});
   Marbleway::logError("n", "m", report);
   Marbleway::trackEvent("e", {{"Value", std::nan("")}});
-  EXPECT_THAT(takeEffects(),
-              ElementsAre("ads #1|Conversion|NULL|NULL|NULL|@0", "Message: Impression Tracked",
-                          "errors #1|n|m|NULL|@0", "Message: Error Tracked", "events #1|e|NULL|@0",
-                          "Message: Event Tracked"));
-  readOptions({{"DispatchTime", std::nan("")}, {"SDKEnvironment", -kInfinity}});
-  EXPECT_THAT(takeEffects(), SizeIs(1));
-  EXPECT_EQ(DispatchTime, 30);
-  EXPECT_EQ(apiURL.load(), "https://collect.marbleway.invalid/v2/");
-}
-
-TEST_F(OperationsTest, PushMessageWithInvalidTextIsRepaired) {
   Marbleway::trackPushNotification({{"aps", Dictionary{{"mrbw_data", true},
                                                        {"mrbw_messageID", "m\xFF"},
                                                        {"mrbw_messageAction", "LaunchWebURL"},
                                                        {"mrbw_messageLink", "https://\xFF"}}}});
-  EXPECT_THAT(takeEffects(), ElementsAre("messages m\uFFFD|NULL|vendor|iOS|@0",
-                                         "Message: Push Notification Tracked", "badge 0"));
+  readOptions({{"DispatchTime", std::nan("")}, {"SDKEnvironment", -kInfinity}});
+  EXPECT_THAT(
+      query(storePath(),
+            "SELECT MessageID, ErrorDetails, EventAttributes, AdDetails, ConversionDetails FROM "
+            "mrbw_v2_messages, mrbw_v2_errors, mrbw_v2_events, mrbw_v2_ads"),
+      ElementsAre("m\uFFFD|NULL|NULL|NULL|NULL"));
+  EXPECT_THAT(screen->openedURLs(), IsEmpty());
+  EXPECT_EQ(DispatchTime, 30);
+  EXPECT_EQ(apiURL.load(), "https://collect.marbleway.invalid/v2/");
 }
 
 // A matcher that backtracks or recurses does not come to an end here.
@@ -86,22 +79,14 @@ TEST_F(OperationsTest, CaughtExceptionIsRecordedWithTypeReasonAndCallStack) {
   } catch (const std::exception& caught) {
     Marbleway::logError("Import", "failed", caught);
   }
-  const Dictionary fields = details();
-  ASSERT_EQ(fields.size(), 4U);
-  EXPECT_EQ(*fields.find("ExceptionName"), Value("marbleway::testing::ImportFailure"));
-  EXPECT_EQ(*fields.find("ExceptionReason"), Value("no such file"));
-  const auto& addresses = *fields.find("ExceptionCallStackReturnAddresses")->as<Array>();
-  EXPECT_FALSE(addresses.empty());
-  EXPECT_EQ(addresses.size(), fields.find("ExceptionCallStackSymbols")->as<Array>()->size());
-}
-
-TEST_F(OperationsTest, ExceptionWithoutAReasonIsRecordedWithoutOne) {
-  struct Speechless : std::exception {
-    const char* what() const noexcept override { return nullptr; }
-  };
   Marbleway::logError("n", "m", Speechless());
-  EXPECT_EQ(details().size(), 3U);
-  EXPECT_EQ(details().find("ExceptionReason"), nullptr);
+  EXPECT_THAT(query(storePath(),
+                    "SELECT ErrorDetails ->> 'ExceptionName', ErrorDetails ->> 'ExceptionReason',"
+                    "json_array_length(ErrorDetails, '$.ExceptionCallStackReturnAddresses') > 0,"
+                    "json_array_length(ErrorDetails, '$.ExceptionCallStackSymbols') > 0,"
+                    "(SELECT count(*) FROM json_each(ErrorDetails)) FROM mrbw_v2_errors"),
+              ElementsAre("marbleway::testing::ImportFailure|no such file|1|1|4",
+                          "marbleway::testing::Speechless|NULL|1|1|3"));
 }
 
 TEST_F(OperationsTest, ReportIsStoredInAFixedOrder) {
@@ -122,9 +107,87 @@ TEST_F(OperationsTest, ReportIsStoredInAFixedOrder) {
                   ::testing::HasSubstr("|Import||{}|")));
 }
 
-using ConfigurationTest = MarblewayTest;
+using ServiceTest = MarblewayTest;
 
-TEST_F(ConfigurationTest, RefusedMemberIsNamedAndNothingChanges) {
+// The server's timeout is 0, and the loop's thread expires the session amid the calls of this one.
+TEST_F(ServiceTest, RowsCarryTheSessionOfTheirAdmission) {
+  std::atomic<bool> isDone = false;
+  Marbleway::initMarbleway("token", {{"UploadingEnabled", false}, {"PrivacyMode", false}});
+  answer(200);
+  std::thread loop([&] {
+    while (!isDone) time->advance(100ms);
+  });
+  for (int i = 0; i < 100; ++i) {
+    Marbleway::trackEvent("e", {{"i", i}});
+    Marbleway::linkCompany("c");
+    Marbleway::trackScreenView("s");
+  }
+  isDone = true;
+  loop.join();
+  for (const char* table : {"mrbw_v2_events", "mrbw_v2_screen_views", "mrbw_v2_companies"}) {
+    EXPECT_THAT(query(storePath(), std::string("SELECT id FROM ") + table +
+                                       " WHERE SessionID IS NULL OR SessionID NOT IN "
+                                       "(SELECT SessionID FROM mrbw_v2_sessions)"),
+                IsEmpty());
+  }
+}
+
+struct Failing : platform::Console,
+                 platform::Clock,
+                 platform::StatusBar,
+                 platform::HttpClient,
+                 platform::testing::MemoryDefaults {
+  [[noreturn]] static void fail() { throw std::runtime_error("no service"); }
+  void writeLine(std::string_view) override { fail(); }
+  std::chrono::system_clock::time_point now() override { fail(); }
+  std::shared_ptr<const platform::View> view() override { fail(); }
+  void post(platform::HttpRequest, platform::testing::HeldHttp::Done) override { fail(); }
+  void setText(std::string_view, std::string_view) override { fail(); }
+  void remove(std::string_view) override { fail(); }
+};
+
+TEST_F(ServiceTest, StartUpRunsEveryStepDespiteAThrowingService) {
+  const auto none = std::make_shared<Failing>();
+  for (const platform::Platform& services :
+       {platform::Platform{.userDefaults = none}, {.console = none}, {.clock = none}}) {
+    TemporaryDirectory documents;
+    configure({.documentsDirectory = documents.path()});
+    platform::install({.console = console, .clock = time, .userDefaults = defaults});
+    platform::install(services);
+    sessionID.store(std::nullopt);
+    isSDKValid = isValidSession = isConnectedToInternet = false;
+    apiURL.store(std::nullopt);
+    const auto before = http->requests().size();
+    Marbleway::initMarbleway("token");
+    EXPECT_TRUE(sessionID.load() && isValidSession && isSDKValid);
+    EXPECT_TRUE(std::filesystem::exists(documents.path() / DBFileName));
+    EXPECT_TRUE(std::filesystem::exists(documents.path() / HTTPDBFileName));
+    EXPECT_EQ(apiURL.load(), "https://collect.marbleway.invalid/v2/");
+    EXPECT_THAT(http->requests(), SizeIs(before + 1));
+  }
+}
+
+TEST_F(ServiceTest, NoOperationLetsAnExceptionOut) {
+  beginSession();
+  const auto none = std::make_shared<Failing>();
+  platform::install({.console = none, .httpClient = none, .userDefaults = none, .statusBar = none});
+  isValidSession = false;
+  Marbleway::linkCompany("refused");
+  Marbleway::trackEvent("e");
+  Marbleway::startSession();
+  Marbleway::linkUser("u", "id");
+  Marbleway::setUserAttribute("Phone", "x");
+  Marbleway::unlinkCompany();
+  Marbleway::trackDeepLink("?mrbw_dlid=1");
+  Marbleway::trackPushNotification({{"aps", Dictionary{{"mrbw_data", true}}}});
+  Marbleway::logError("n", "m", std::runtime_error("r"));
+  EXPECT_TRUE(TimerTask.load() && isValidSession);
+  Marbleway::unlinkUser();
+  EXPECT_FALSE(TimerTask.load() || sessionID.load());
+  EXPECT_THAT(rows("mrbw_v2_deep_links"), SizeIs(1));
+}
+
+TEST_F(ServiceTest, RefusedMemberIsNamedAndNothingChanges) {
   const std::pair<std::string Configuration::*, const char*> members[] = {
       {&Configuration::developmentURL, "developmentURL"},
       {&Configuration::testURL, "testURL"},
@@ -139,7 +202,7 @@ TEST_F(ConfigurationTest, RefusedMemberIsNamedAndNothingChanges) {
   EXPECT_EQ(std::filesystem::path(pathOf(Store::event)).parent_path(), directory.path());
 }
 
-TEST_F(ConfigurationTest, WhatTheHostLeavesOutIsFilledIn) {
+TEST_F(ServiceTest, WhatTheHostLeavesOutIsFilledIn) {
   configure({.documentsDirectory = directory.path()});
   const std::string program = std::filesystem::read_symlink("/proc/self/exe").filename();
   beginSession();

@@ -4,8 +4,7 @@
 #include <memory>
 #include <stdexcept>
 
-#include "Marbleway/platform/testing/recording_capture.h"
-#include "Marbleway/platform/testing/recording_interface.h"
+#include "Marbleway/platform/linux/services.h"
 #include "tools/common/database.h"
 
 namespace marbleway::testing {
@@ -15,12 +14,6 @@ namespace {
 class NoCrashHook : public platform::CrashHook {
  public:
   void install(void (*)(const platform::Failure&)) override {}
-};
-
-// No status bar, as on a machine without a screen.
-class NoStatusBar : public platform::StatusBar {
- public:
-  std::shared_ptr<const platform::View> view() override { return nullptr; }
 };
 
 // 14 hours ahead: no day but UTC's counts.
@@ -65,10 +58,10 @@ World::World(const std::filesystem::path& parent) : directory(parent) {
                      .httpClient = http,
                      .userDefaults = defaults,
                      .device = device,
-                     .statusBar = std::make_shared<NoStatusBar>(),
-                     .userInterface = std::make_shared<platform::testing::RecordingInterface>(),
+                     .statusBar = platform::makeNoStatusBar(),
+                     .userInterface = platform::makeHeadlessInterface(),
                      .locationService = location,
-                     .networkCapture = std::make_shared<platform::testing::RecordingCapture>(),
+                     .networkCapture = platform::makeNoCapture(),
                      .crashHook = std::make_shared<NoCrashHook>()});
 }
 

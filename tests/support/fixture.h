@@ -23,6 +23,8 @@
 
 namespace marbleway::testing {
 
+namespace fakes = platform::testing;
+
 /// A folder of its own in `parent`, removed with this object.
 class TemporaryDirectory {
  public:
@@ -74,18 +76,12 @@ class World {
   std::vector<std::string> lines() { return console->take(); }
 
   TemporaryDirectory directory;
-  std::shared_ptr<platform::testing::FakeTime> time =
-      std::make_shared<platform::testing::FakeTime>();
-  std::shared_ptr<platform::testing::HeldHttp> http =
-      std::make_shared<platform::testing::HeldHttp>();
-  std::shared_ptr<platform::testing::RecordingConsole> console =
-      std::make_shared<platform::testing::RecordingConsole>();
-  std::shared_ptr<platform::testing::MemoryDefaults> defaults =
-      std::make_shared<platform::testing::MemoryDefaults>();
-  std::shared_ptr<platform::testing::FixedDevice> device =
-      std::make_shared<platform::testing::FixedDevice>();
-  std::shared_ptr<platform::testing::RecordingLocation> location =
-      std::make_shared<platform::testing::RecordingLocation>();
+  std::shared_ptr<fakes::FakeTime> time = std::make_shared<fakes::FakeTime>();
+  std::shared_ptr<fakes::HeldHttp> http = std::make_shared<fakes::HeldHttp>();
+  std::shared_ptr<fakes::RecordingConsole> console = std::make_shared<fakes::RecordingConsole>();
+  std::shared_ptr<fakes::MemoryDefaults> defaults = std::make_shared<fakes::MemoryDefaults>();
+  std::shared_ptr<fakes::FixedDevice> device = std::make_shared<fakes::FixedDevice>();
+  std::shared_ptr<fakes::RecordingLocation> location = std::make_shared<fakes::RecordingLocation>();
 };
 
 /// A test in a world of its own.

@@ -1,10 +1,9 @@
-#include "tests/support/observer.h"
-
 #include <algorithm>
 #include <charconv>
 #include <functional>
 
 #include "Marbleway/store/timestamp.h"
+#include "tests/support/scenario.h"
 
 namespace marbleway::testing {
 namespace {

@@ -1,4 +1,3 @@
-#include <charconv>
 #include <cmath>
 #include <cstring>
 #include <map>
@@ -86,14 +85,14 @@ const std::map<std::string_view, Variable> kVariables = {
 };
 // clang-format on
 
-std::string shown(bool flag) { return flag ? "true" : "false"; }
-std::string shown(float number) {
-  char digits[32];
-  return {digits, std::to_chars(digits, digits + sizeof digits, number).ptr};
+using ::testing::PrintToString;
+template <class T>
+std::string shown(const T& value) {
+  return PrintToString(value);
 }
 std::string shown(const OptionalText& text) { return text.value_or("absent"); }
 std::string shown(const std::optional<List>& list) {
-  return list ? ::testing::PrintToString(*list) : "absent";
+  return list ? PrintToString(*list) : "absent";
 }
 
 void show(World& world, Words words) {
