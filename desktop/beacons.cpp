@@ -4,7 +4,7 @@
 
 #include <algorithm>
 #include <array>
-#include <span>
+#include <cstdio>
 #include <utility>
 
 #include "desktop/reading.h"
@@ -24,16 +24,14 @@ constexpr std::size_t kMaxHeard = 256;  // devices; anyone may advertise under a
 constexpr std::uint16_t kCompany = 0x004C;
 constexpr std::size_t kLayoutSize = 23;
 
-std::string uuidText(std::span<const std::uint8_t> bytes) {
-  constexpr std::string_view kDigits = "0123456789ABCDEF";
-  std::string text;
-  for (const std::uint8_t byte : bytes) {
-    if (text.size() == 8 || text.size() == 13 || text.size() == 18 || text.size() == 23)
-      text += '-';
-    text += kDigits[byte / 16U];
-    text += kDigits[byte % 16U];
-  }
-  return text;
+std::string uuidText(const std::uint8_t* bytes) {
+  std::array<char, 37> text{};
+  const auto at = [&](std::size_t i) {
+    return static_cast<unsigned>(bytes[2 * i] << 8U | bytes[2 * i + 1]);
+  };
+  std::snprintf(text.data(), text.size(), "%04X%04X-%04X-%04X-%04X-%04X%04X%04X", at(0), at(1),
+                at(2), at(3), at(4), at(5), at(6), at(7));
+  return text.data();
 }
 
 }  // namespace
@@ -167,29 +165,39 @@ void Beacons::hear(const std::string& path, std::optional<int> rssi) {
   see(heard.beacon);
 }
 
+/// Reads a variant with a dictionary of companies and their bytes.
 std::optional<Beacons::Advertised> Beacons::readAdvertised(sd_bus_message* message) {
   std::optional<Advertised> beacon;
   if (sd_bus_message_enter_container(message, 'v', "a{qv}") <= 0) {
     sd_bus_message_skip(message, "v");
     return beacon;
   }
-  readDictionary<std::uint16_t>(message, "qv", [&](std::uint16_t company) {
+  sd_bus_message_enter_container(message, 'a', "{qv}");
+  while (sd_bus_message_enter_container(message, 'e', "qv") > 0) {
+    std::uint16_t company = 0;
     const void* data = nullptr;
     std::size_t size = 0;
-    if (company != kCompany || sd_bus_message_enter_container(message, 'v', "ay") <= 0)
-      return false;
-    sd_bus_message_read_array(message, 'y', &data, &size);
+    sd_bus_message_read_basic(message, 'q', &company);
+    if (sd_bus_message_enter_container(message, 'v', "ay") > 0) {
+      sd_bus_message_read_array(message, 'y', &data, &size);
+      sd_bus_message_exit_container(message);
+    } else {
+      sd_bus_message_skip(message, "v");
+    }
+    if (company == kCompany && size == kLayoutSize) beacon = decode(static_cast<const Byte*>(data));
     sd_bus_message_exit_container(message);
-    const std::span bytes(static_cast<const std::uint8_t*>(data), data == nullptr ? 0 : size);
-    if (bytes.size() != kLayoutSize || bytes[0] != 0x02 || bytes[1] != 0x15) return true;
-    const auto number = [&](std::size_t at) {
-      return static_cast<std::uint16_t>(bytes[at] << 8U | bytes[at + 1]);
-    };
-    beacon = {uuidText(bytes.subspan(2, 16)), number(18), number(20)};
-    return true;
-  });
+  }
+  sd_bus_message_exit_container(message);
   sd_bus_message_exit_container(message);
   return beacon;
+}
+
+std::optional<Beacons::Advertised> Beacons::decode(const Byte* bytes) {
+  if (bytes[0] != 0x02 || bytes[1] != 0x15) return std::nullopt;
+  const auto number = [&](std::size_t at) {
+    return static_cast<std::uint16_t>(bytes[at] << 8U | bytes[at + 1]);
+  };
+  return Advertised{uuidText(bytes + 2), number(18), number(20)};
 }
 
 bool Beacons::isOf(const Advertised& beacon, const platform::BeaconRegion& region) {
@@ -208,9 +216,7 @@ void Beacons::see(const Advertised& beacon) {
   for (Monitored& each : monitored_) {
     if (!isOf(beacon, each.region)) continue;
     if (!std::exchange(each.lastSeen, steady_clock::now())) {
-      receiver_.report([region = each.region](auto& manager, auto& delegate) {
-        delegate.didEnterRegion(manager, region);
-      });
+      receiver_.reportCrossing(each.region, true);
     }
   }
   if (!std::exchange(isReportDue_, true)) timer_.start(kRangingPeriod);
@@ -228,10 +234,10 @@ void Beacons::reportRanged(const platform::BeaconRegion& region) const {
   for (const auto& [path, heard] : heard_) {
     if (!heard.isUnreported || !isOf(heard.beacon, region)) continue;
     const auto& [uuid, major, minor] = heard.beacon;
-    const std::string description = "uuid:" + uuid + ", major:" + std::to_string(major) +
-                                    ", minor:" + std::to_string(minor) +
-                                    ", rssi:" + std::to_string(*heard.rssi);
-    beacons.push_back({description, major, minor, *heard.rssi});
+    std::array<char, 128> text{};
+    std::snprintf(text.data(), text.size(), "uuid:%s, major:%d, minor:%d, rssi:%d", uuid.c_str(),
+                  major, minor, *heard.rssi);
+    beacons.push_back({text.data(), major, minor, *heard.rssi});
   }
   if (beacons.empty()) return;
   receiver_.report([region, beacons](auto& manager, auto& delegate) {
@@ -250,9 +256,7 @@ void Beacons::leaveRegions(Time now) {
       continue;
     }
     each.lastSeen.reset();
-    receiver_.report([region = each.region](auto& manager, auto& delegate) {
-      delegate.didExitRegion(manager, region);
-    });
+    receiver_.reportCrossing(each.region, false);
   }
   if (!next) return;
   timer_.start(std::chrono::ceil<std::chrono::milliseconds>(*next - now));

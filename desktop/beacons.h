@@ -41,7 +41,9 @@ class Beacons {
     std::optional<Time> lastSeen;  // absent: outside
   };
 
+  using Byte = std::uint8_t;
   static std::optional<Advertised> readAdvertised(sd_bus_message* message);
+  static std::optional<Advertised> decode(const Byte* bytes);
   static bool isOf(const Advertised& beacon, const platform::BeaconRegion& region);
   bool isWanted(const Advertised& beacon) const;
 

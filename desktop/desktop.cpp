@@ -2,9 +2,10 @@
 
 #include <unistd.h>
 
+#include <array>
 #include <atomic>
 #include <cstdlib>
-#include <filesystem>
+#include <cstring>
 #include <memory>
 #include <string>
 #include <utility>
@@ -57,9 +58,10 @@ std::string addressOf(const char* variable, const std::string& socket) {
 Setting readSetting(std::string_view desktopEntry) {
   Setting setting{std::string(desktopEntry), {}, {}};
   if (setting.desktopEntry.empty()) {
-    std::error_code ignored;
-    setting.desktopEntry =
-        std::filesystem::read_symlink("/proc/self/exe", ignored).filename().string();
+    std::array<char, 4096> path{};
+    if (readlink("/proc/self/exe", path.data(), path.size() - 1) > 0) {
+      setting.desktopEntry = std::strrchr(path.data(), '/') + 1;
+    }
   }
   setting.systemAddress = addressOf("DBUS_SYSTEM_BUS_ADDRESS", "/run/dbus/system_bus_socket");
   setting.sessionAddress =

@@ -16,6 +16,12 @@ void Receiver::report(Event event) const {
   });
 }
 
+void Receiver::reportCrossing(const platform::Region& region, bool isInside) const {
+  report([region, isInside](auto& manager, auto& delegate) {
+    isInside ? delegate.didEnterRegion(manager, region) : delegate.didExitRegion(manager, region);
+  });
+}
+
 LocationManager::~LocationManager() {
   thread_.post([](Served& served) {
     if (!served.receiver.isGone()) return;

@@ -99,12 +99,15 @@ void Network::readModems() {
   const auto onReply = [this](sd_bus_message* reply) {
     if (!isAnswer(reply) || !modems_.isStarted()) return;
     std::uint32_t all = 0;
-    readObjects(reply, kModem, [&](std::string_view /*path*/) {
-      return readDictionary(reply, "sv", [&](std::string_view name) {
-        std::uint32_t technologies = 0;
-        const bool isRead = name == "AccessTechnologies" && readVariant(reply, "u", technologies);
-        all |= technologies;
-        return isRead;
+    const auto readModem = [&](std::string_view name) {
+      std::uint32_t technologies = 0;
+      const bool isRead = name == "AccessTechnologies" && readVariant(reply, "u", technologies);
+      all |= technologies;
+      return isRead;
+    };
+    readDictionary(reply, "oa{sa{sv}}", [&](std::string_view /*path*/) {
+      return readDictionary(reply, "sa{sv}", [&](std::string_view interface) {
+        return interface == kModem && readDictionary(reply, "sv", readModem);
       });
     });
     dataNetworkType = numberOf(all);

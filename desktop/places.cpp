@@ -118,10 +118,7 @@ void Places::update(const Fix& fix) {
     const double toEdge = circle.region.radius - distance(fix, circle.region);  // inside: positive
     if (std::abs(toEdge) < fix.accuracy || (toEdge >= 0) == circle.isInside) continue;
     circle.isInside = !circle.isInside;
-    receiver_.report([region = circle.region, isInside = circle.isInside](auto& manager,
-                                                                          auto& delegate) {
-      isInside ? delegate.didEnterRegion(manager, region) : delegate.didExitRegion(manager, region);
-    });
+    receiver_.reportCrossing(circle.region, circle.isInside);
   }
 }
 

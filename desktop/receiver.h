@@ -17,6 +17,8 @@ class Receiver {
   bool isGone() const { return manager_.expired(); }
   /// Runs `event` on the library's main loop, if the manager is still there then.
   void report(Event event) const;
+  /// Reports that the device has entered or left the region of this name.
+  void reportCrossing(const platform::Region& region, bool isInside) const;
 
  private:
   std::weak_ptr<LocationManager> manager_;

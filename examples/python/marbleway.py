@@ -175,3 +175,10 @@ def track_push_notification(user_info):
 
 def set_location_monitoring_enabled(enabled):
     _call("set_location_monitoring_enabled", int(enabled))
+
+
+def install_desktop(desktop_entry=None):
+    """Installs the services of a Linux desktop, before init. Needs libmarbleway_desktop, or the file that MARBLEWAY_DESKTOP_LIBRARY
+    names. The desktop entry is named without ".desktop"; None takes the name of Python's own file."""
+    desktop = ctypes.CDLL(os.environ.get("MARBLEWAY_DESKTOP_LIBRARY", "libmarbleway_desktop.so.2"))
+    desktop.marbleway_desktop_install_as(_text(desktop_entry))

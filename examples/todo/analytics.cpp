@@ -2,6 +2,9 @@
 
 #include <Marbleway/Host.h>
 #include <Marbleway/Marbleway.h>
+#ifdef TODO_HAS_DESKTOP
+#include <Marbleway/desktop.h>
+#endif
 #include <Marbleway/platform/platform.h>
 
 #include <chrono>
@@ -17,20 +20,30 @@ constexpr std::chrono::seconds kServerTimeout(2);
 
 bool isStarted = false;
 
-/// A terminal has no badge and no alerts; links open in the application.
+/// Badge and alerts are the desktop's; links open in the application.
 class Terminal final : public marbleway::platform::UserInterface {
  public:
-  explicit Terminal(std::function<void(std::string_view)> openLink)
-      : openLink_(std::move(openLink)) {}
+  Terminal(std::shared_ptr<UserInterface> desktop, std::function<void(std::string_view)> openLink)
+      : desktop_(std::move(desktop)), openLink_(std::move(openLink)) {}
 
-  void setBadgeNumber(int /*number*/) override {}
+  void setBadgeNumber(int number) override { desktop_->setBadgeNumber(number); }
   void openURL(std::string_view url) override { openLink_(url); }
-  void showAlert(std::string_view /*title*/, std::string_view /*message*/,
-                 std::string_view /*button*/) override {}
+  void showAlert(std::string_view title, std::string_view message,
+                 std::string_view button) override {
+    desktop_->showAlert(title, message, button);
+  }
 
  private:
+  std::shared_ptr<UserInterface> desktop_;
   std::function<void(std::string_view)> openLink_;
 };
+
+/// Location, beacons, alerts, badge and connection type, where the component was built.
+void installDesktop() {
+#ifdef TODO_HAS_DESKTOP
+  marbleway::desktop::install("todo");
+#endif
+}
 
 /// The partner's ad. All six keys are required.
 Dictionary tip() {
@@ -41,8 +54,10 @@ Dictionary tip() {
 }  // namespace
 
 void start(const Settings& settings, std::function<void(std::string_view)> openLink) {
+  installDesktop();
   marbleway::platform::Platform services;
-  services.userInterface = std::make_shared<Terminal>(std::move(openLink));
+  services.userInterface = std::make_shared<Terminal>(marbleway::platform::current()->userInterface,
+                                                      std::move(openLink));
   marbleway::platform::install(std::move(services));
   if (settings.collector.empty()) return;
 
@@ -52,6 +67,7 @@ void start(const Settings& settings, std::function<void(std::string_view)> openL
   configuration.bundleIdentifier = "com.example.todo";
   configuration.appVersion = "1.0";
   configuration.uploadOnStart = true;  // sends the crash of the launch before
+  configuration.sites = {{{52.52, 13.405}, {52.53, 13.405}, {52.54, 13.405}}};
   marbleway::configure(std::move(configuration));
 
   // All ten options: without them privacy mode and network monitoring would be on.
@@ -113,6 +129,8 @@ void importFailed(const std::exception& error) {
   Marbleway::trackEvent("Import Failed");
   Marbleway::logError("Import", "failed", error);
 }
+
+void walkStarted() { Marbleway::setLocationMonitoringEnabled(true); }
 
 void tipShown() { Marbleway::trackAdImpression(tip()); }
 

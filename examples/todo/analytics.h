@@ -39,6 +39,9 @@ void removed(bool wasDone);
 void imported(std::size_t items);
 void importFailed(const std::exception& error);
 
+/// Shows alerts near the partner's shops and beacons, until the program ends.
+void walkStarted();
+
 void tipShown();
 void tipRead();
 void tipOrdered();

@@ -164,6 +164,11 @@ void push(App& /*app*/, const std::string& file) {
   if (!analytics::pushReceived(payload.str())) throw Problem("the file holds no JSON object");
 }
 
+void walk(App& /*app*/, const std::string& /*none*/) {
+  std::cout << "The desktop tells you when you pass one of Paperworks' shops.\n";
+  analytics::walkStarted();
+}
+
 void crash(App& /*app*/, const std::string& /*none*/) {
   analytics::waitForServer();  // the session, and with it crash capture, starts with the answer
   throw std::logic_error("crashed as asked");
@@ -171,7 +176,7 @@ void crash(App& /*app*/, const std::string& /*none*/) {
 
 void quit(App& app, const std::string& /*none*/) { app.isOver = true; }
 
-constexpr std::array<Command, 15> kCommands{{
+constexpr std::array<Command, 16> kCommands{{
     {"add", "TEXT", "write down a to-do", add},
     {"list", "", "show all to-dos", showList, true},
     {"done", "NUMBER", "tick one off", tick},
@@ -180,6 +185,7 @@ constexpr std::array<Command, 15> kCommands{{
     {"import", "FILE", "add the to-dos of another list", import},
     {"tip", "", "read the partner's tip", readTip, true},
     {"order", "", "order what the tip offers", orderTip},
+    {"walk", "", "be told of shops and beacons nearby", walk},
     {"login", "NAME COMPANY", "log in", login},
     {"logout", "", "log out", logout},
     {"open", "LINK", "open a link such as todo://list", open},
