@@ -59,11 +59,13 @@ debian_package(development libmarbleway-dev libdevel "what programs are built wi
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_DEPENDS "libmarbleway${major} (= ${PROJECT_VERSION}-1)")
 if(TARGET marbleway_c)
   debian_package(c libmarbleway-c${major} libs "library for C")
+  set(CPACK_DEBIAN_C_PACKAGE_DEPENDS "libmarbleway${major} (= ${PROJECT_VERSION}-1)")
   string(APPEND CPACK_DEBIAN_DEVELOPMENT_PACKAGE_DEPENDS
     ", libmarbleway-c${major} (= ${PROJECT_VERSION}-1)")
 endif()
 if(TARGET marbleway_desktop)
   debian_package(desktop libmarbleway-desktop${major} libs "services of a Linux desktop")
+  set(CPACK_DEBIAN_DESKTOP_PACKAGE_DEPENDS "libmarbleway${major} (= ${PROJECT_VERSION}-1)")
   string(APPEND CPACK_DEBIAN_DEVELOPMENT_PACKAGE_DEPENDS
     ", libmarbleway-desktop${major} (= ${PROJECT_VERSION}-1)")
 endif()
