@@ -13,16 +13,7 @@ pageTest("A hundred thousand rows stay fluid", {}, async (page, collector) => {
       await send(collector, {Events: Array.from({length: BATCH}, numbered)});
     }
   };
-  const shows = (rows) => eventually(() => page.locator("#shown").textContent(), `${rows.toLocaleString("en")} rows`);
-  const showsNewest = (n) => eventually(async () => (await column(page, "name"))[0], `Event ${n}`);
-  const search = (text) => page.getByLabel("Search all fields").fill(text);
-  const scroll = () => page.evaluate(async () => {
-    const scroller = document.getElementById("scroller");
-    for (let i = 0; i <= 120; ++i) {
-      scroller.scrollTop = (scroller.scrollHeight * i) / 120;
-      await new Promise(requestAnimationFrame);
-    }
-  });
+  const shows = (rows) => page.locator("#shown").getByText(`${rows} rows`, {exact: true}).waitFor();
   await sendEvents(1, ROWS);
   await page.reload();
   await page.evaluate(() => {
@@ -31,14 +22,19 @@ pageTest("A hundred thousand rows stay fluid", {}, async (page, collector) => {
       window.longest = Math.max(window.longest, ...entries.getEntries().map((entry) => entry.duration));
     }).observe({type: "longtask"});
   });
-  const steps = [["the past", () => shows(ROWS)], ["scrolling", scroll],
-    ["a search", () => search("event 99").then(() => shows(1111))], ["all again", () => search("")],
-    ["the newest", () => sendEvents(ROWS + 1, ROWS + BATCH).then(() => showsNewest(ROWS + BATCH))]];
-  for (const [what, act] of steps) {
-    await act();
-    const longest = await page.evaluate(() => window.longest);
-    console.log(`longest task after ${what}: ${Math.round(longest)} ms`);
-    assert.ok(longest < MAX_TASK, what);
-  }
+  await shows("100,000");
+  await page.locator("#scroller").evaluate(async (scroller) => {
+    for (let i = 0; i <= 120; ++i) {
+      scroller.scrollTop = (scroller.scrollHeight * i) / 120;
+      await new Promise(requestAnimationFrame);
+    }
+  });
+  await page.getByLabel("Search all fields").fill("event 99");
+  await shows("1,111");
+  await page.getByLabel("Search all fields").fill("");
+  await sendEvents(ROWS + 1, ROWS + BATCH);
+  await eventually(async () => (await column(page, "name"))[0], `Event ${ROWS + BATCH}`);
+  const longest = await page.evaluate(() => window.longest);
+  assert.ok(longest < MAX_TASK, `the longest task took ${longest} ms`);
   assert.ok(await page.locator("*").count() < 1500, "elements");
 });

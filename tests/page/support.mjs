@@ -5,9 +5,7 @@ import {once} from "node:events";
 import {mkdtemp, rm} from "node:fs/promises";
 import {tmpdir} from "node:os";
 import {join} from "node:path";
-import {createInterface} from "node:readline";
 import {setTimeout} from "node:timers/promises";
-import {isDeepStrictEqual} from "node:util";
 import {chromium} from "playwright-core";
 
 const {BUILD} = process.env;
@@ -31,8 +29,7 @@ export const withCollector = (act) => withFolder(async (folder) => {
       server = spawn(join(BUILD, "tools/collector/marbleway-collector"),
         ["--data", join(folder, "rows.sqlite"), "--token", "demo", "--token", "other", "--port", port],
         {stdio: ["ignore", "pipe", "inherit"]});
-      const [line] = await once(createInterface({input: server.stdout}), "line");
-      collector.url = line.slice("listening on ".length);
+      [collector.url] = /http:\S+/.exec(await once(server.stdout, "data"));
       collector.origin = new URL(collector.url).origin;
     },
     stop: () => (server.kill(), once(server, "exit")),
@@ -45,12 +42,8 @@ export const withCollector = (act) => withFolder(async (folder) => {
   }
 });
 
-// One for all pages. Chromium's sandbox does not work for root; it opens no page but the collector's.
-export const browser = await chromium.launch({
-  executablePath: process.env.CHROMIUM ?? "/usr/bin/chromium",
-  args: ["--disable-gpu", "--disable-quic", "--no-first-run", "--disable-background-networking",
-    "--disable-component-update", "--disable-sync", ...(process.getuid() === 0 ? ["--no-sandbox"] : [])],
-});
+// One for all pages. It opens no page but the collector's.
+export const browser = await chromium.launch({executablePath: process.env.CHROMIUM ?? "/usr/bin/chromium"});
 
 /** Runs `act` with the page of `collector`, then checks that the browser reported nothing but `excused`. */
 export async function withPage(collector, {view = "live", excused, ...settings}, act) {
@@ -75,8 +68,8 @@ export async function withPage(collector, {view = "live", excused, ...settings},
 export async function eventually(probe, expected) {
   for (const end = Date.now() + DEADLINE; ; await setTimeout(20)) {
     const answer = await probe();
-    if (isDeepStrictEqual(answer, expected)) return;
-    if (Date.now() > end) assert.deepEqual(answer, expected);
+    if (Date.now() > end) return assert.deepEqual(answer, expected);
+    if (JSON.stringify(answer) === JSON.stringify(expected)) return;
   }
 }
 
