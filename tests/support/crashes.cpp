@@ -47,7 +47,7 @@ void writeToBadAddress() { *static_cast<volatile int*>(badAddress) = 1; }
 void divideByZero() { one = std::div(one, zero).quot; }
 void jumpToBadAddress() { reinterpret_cast<void (*)()>(badAddress)(); }
 int useUpStack(int depth) {
-  volatile char room[4096] = {};
+  volatile char room[1024] = {};  // a larger one could leave a guard page untouched
   room[0] = static_cast<char>(depth);
   return depth < 0 ? 0 : useUpStack(depth + 1) + room[0];
 }
