@@ -55,26 +55,23 @@ TEST_F(UploadTest, RowsAreTextsOfAnyLengthInOrder) {
   const auto filled = [](int size, const std::string& end) {
     return "printf('%.*c', " + std::to_string(size) + ", 'n') || '" + end + "'";
   };
-  const std::string columns = "(id, EventName, EventAttributes)", n(300000, 'n');
+  const std::string n(300000, 'n');
   const struct {
-    std::string values, row;
+    std::string id, name, attributes, sentID, sentName, sentAttributes;
   } cases[] = {
-      {"1, 'rich', '{\"tags\":[\"a\\\"b\",2.5]}'",
-       R"("1","SessionID":"","EventName":"rich","EventAttributes":"{\"tags\":[\"a\\\"b\",2.5]}")"},
-      {"5, " + filled(300000, "\u20AC\"") + ", NULL",
-       R"("5","SessionID":"","EventName":")" + n + R"(€\"","EventAttributes":"")"},
-      {"6, 'short', " + filled(65534, "\U0001F600") + " || " + filled(200000, ""),
-       R"("6","SessionID":"","EventName":"short","EventAttributes":")" + n.substr(0, 65534) +
-           "\U0001F600" + n.substr(0, 200000) + "\""},
-      {"2147483648, 'id', NULL",
-       R"("-2147483648","SessionID":"","EventName":"id","EventAttributes":"")"},
-      {"9223372036854775807, x'FF', " + filled(262145, ""),
-       R"("-1","SessionID":"","EventName":"�","EventAttributes":")" + n.substr(0, 262145) + "\""},
+      {"5", filled(300000, "\u20AC\""), "NULL", "5", n + "\u20AC\\\"", ""},
+      {"6", "'short'", filled(65534, "\U0001F600") + " || " + filled(200000, ""), "6", "short",
+       n.substr(0, 65534) + "\U0001F600" + n.substr(0, 200000)},
+      {"2147483648", "'id'", "NULL", "-2147483648", "id", ""},
+      {"9223372036854775807", "x'FF'", filled(262145, ""), "-1", "�", n.substr(0, 262145)},
   };
   std::string expected = R"("Events":[)";
-  for (const auto& [values, row] : cases) {
-    insert(kTables[6], columns, values);
-    expected.append(R"({"id":)").append(row).append(R"(,"UTCTimeStamp":""},)");
+  for (const auto& row : cases) {
+    insert(kTables[6], "(id, EventName, EventAttributes)",
+           row.id + "," + row.name + "," + row.attributes);
+    expected.append(R"({"id":")").append(row.sentID).append(R"(","SessionID":"","EventName":")");
+    expected.append(row.sentName).append(R"(","EventAttributes":")").append(row.sentAttributes);
+    expected.append(R"(","UTCTimeStamp":""},)");
   }
   expected.back() = ']';
   batchData();

@@ -7,6 +7,7 @@
 #include <cmath>
 #include <limits>
 #include <string>
+#include <tuple>
 
 #include "Marbleway/platform/escape.h"
 #include "Marbleway/platform/json.h"
@@ -140,16 +141,16 @@ TEST(UTF8Test, EachByteOfNoSequenceIsReplacedAlone) {
 
 // What a locale says of numbers.
 struct Marks : std::numpunct<wchar_t> {
-  Marks(wchar_t point, wchar_t separator, std::string grouping)
-      : point_(point), separator_(separator), grouping_(std::move(grouping)) {}
-  wchar_t do_decimal_point() const override { return point_; }
-  wchar_t do_thousands_sep() const override { return separator_; }
-  std::string do_grouping() const override { return grouping_; }
-  const wchar_t point_, separator_;
-  const std::string grouping_;
+  wchar_t point, separator;
+  std::string grouping;
+  wchar_t do_decimal_point() const override { return point; }
+  wchar_t do_thousands_sep() const override { return separator; }
+  std::string do_grouping() const override { return grouping; }
 };
 std::locale localeWith(wchar_t point, wchar_t separator, const std::string& grouping) {
-  return {std::locale(), std::make_unique<Marks>(point, separator, grouping).release()};
+  auto marks = std::make_unique<Marks>();
+  std::tie(marks->point, marks->separator, marks->grouping) = std::tie(point, separator, grouping);
+  return {std::locale(), marks.release()};
 }
 
 TEST(ValidationTest, NumberObeysTheLocalesPunctuation) {
