@@ -153,9 +153,7 @@ TEST_F(ServiceTest, StartUpRunsEveryStepDespiteAThrowingService) {
     configure({.documentsDirectory = documents.path()});
     platform::install({.console = console, .clock = time, .userDefaults = defaults});
     platform::install(services);
-    sessionID.store(std::nullopt);
-    isSDKValid = isValidSession = isConnectedToInternet = false;
-    apiURL.store(std::nullopt);
+    resetState();
     const auto before = http->requests().size();
     Marbleway::initMarbleway("token");
     EXPECT_TRUE(sessionID.load() && isValidSession && isSDKValid);

@@ -70,8 +70,7 @@ std::filesystem::path memoryDirectory() {
 }
 
 std::string secondsText(std::chrono::duration<double> seconds) {
-  char text[32] = "@";
-  return {text, std::to_chars(text + 1, text + sizeof text, seconds.count()).ptr};
+  return "@" + ::testing::PrintToString(seconds.count());
 }
 
 std::string shortened(std::string text) {
