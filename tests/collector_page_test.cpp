@@ -194,7 +194,7 @@ TEST_F(CollectorPageTest, AnswersNoOtherSite) {
   const std::string foreign = "403 the request comes from another site";
   talk({
       {"GET /", needed, "", {}},
-      {"GET /?token=wrong", needed, "", {}},
+      {"GET /?token=decret", needed, "", {}},
       {"GET /api/rows?token=secret", needed, "", {}},
       {rows, "200 ", "", {{"Cookie", "a=b; " + cookie + "secret"}}},
       {rows, needed, "", {{"Cookie", cookie + "secre"}}},

@@ -92,7 +92,6 @@ TEST_F(InspectTest, CommandsShowRowsAndChangeNothing) {
       {"stats --format csv --user ann", R"(0 "mrbw_v2_network_requests",1,68,"2026-01-01 00:00)"},
       {"stats --format ndjson", R"(0 {"Table":"mrbw_v2_ads","Rows":0,"Bytes":0,"Oldest":null,)"},
       {"rows users", "0 id  SessionID                             UserID       TypeID  UTCTimeS"},
-      {"rows users", "0 \n(5 rows)\n"},
       {"rows", "0 \n(1 row)\n\nmrbw_v2_events\n"},
       {"rows mrbw_v2_events --format=ndjson", "0 \n{\"Table\":\"mrbw_v2_events\",\"id\":2,\"Sess"},
       {"rows messages --format csv --user ann", "0 \n1,\"m\",\"ann\",\"AAAAAAAA-0000-0000-0000"},

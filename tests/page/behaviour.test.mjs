@@ -1,16 +1,15 @@
 import assert from "node:assert/strict";
 import {pageTest} from "./page_test.mjs";
-import {useApplication} from "./support.mjs";
 
 pageTest("The page sets what the collector answers", {view: "behaviour"}, async (page, collector) => {
-  const get = async (path) => (await fetch(`${collector.origin}/api/${path}`)).json();
+  const behaviour = async () => (await fetch(`${collector.origin}/api/behaviour`)).json();
   const inForce = () => page.getByText("In force").waitFor();
   for (const name of ["fault", "appliesTo"]) {
     for (const radio of (await page.locator(`[name=${name}]`).all()).reverse()) {  // ends with the first
       await page.locator("#saved").evaluate((note) => { note.textContent = ""; });
       await radio.click();
       await inForce();
-      const now = await get("behaviour");
+      const now = await behaviour();
       assert.equal(now[name], await radio.getAttribute("value"));
       assert.equal(await page.locator("#fault").isVisible(), now.fault !== "none");
     }
@@ -24,11 +23,8 @@ pageTest("The page sets what the collector answers", {view: "behaviour"}, async 
   await page.getByLabel("Blacklist").fill("https://example.org/health\nhttps://example.org/\"quoted\"");
   await page.getByLabel("Network monitoring").check();
   await inForce();
-  await useApplication(collector);
-  const [handshake] = await get("handshakes");
-  const Blacklist = ["https://example.org/health", 'https://example.org/"quoted"'];
-  assert.deepEqual(JSON.parse(handshake.answer).Data, {
-    Config: {PrivacyMode: true, AdvertisingID: false, SessionTimeout: 120},
-    NetworkMonitoring: {NetworkMonitoringEnabled: true, Blacklist},
+  assert.deepEqual(await behaviour(), {
+    PrivacyMode: true, AdvertisingID: false, SessionTimeout: 120, NetworkMonitoring: true,
+    Blacklist: ["https://example.org/health", 'https://example.org/"quoted"'], fault: "none", appliesTo: "both",
   });
 });
