@@ -98,22 +98,6 @@ TEST_F(CollectorTest, AnswersRequestsByTheirHeadersAndPlaces) {
 }
 // clang-format on
 
-TEST_F(CollectorTest, OverlappingBatchesLoseAndDoubleNothing) {
-  start();
-  std::vector<std::jthread> clients;
-  for (const char* name : {"a", "b", "c", "d", "e", "f"}) {
-    clients.emplace_back([this, name] {
-      for (int i = 1; i <= 20; ++i) {
-        const std::string id = std::to_string(i);
-        talk({{kBatch, "200 {}", batch("Events", event(id, name) + "," + event(id))}});
-      }
-    });
-  }
-  clients.clear();
-  EXPECT_THAT(find("SELECT count(*), sum(TimesReceived), sum(TimesReceived = 6) FROM Events"),
-              ElementsAre("140|240|20"));
-}
-
 TEST_F(CollectorTest, ReadsItsConfigurationAndReportsUnusableFilesAndPorts) {
   const auto refuses = [&](const std::string& fault) {
     EXPECT_THAT([&] { Collector(settings, log_); },

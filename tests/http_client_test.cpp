@@ -130,41 +130,6 @@ TEST_F(HttpClientTest, EachServerBehaviourHasItsOutcome) {
 }
 // clang-format on
 
-TEST_F(HttpClientTest, UsesTheProxyForAllButLoopback) {
-  const RefusingPort nobody;
-  const std::string plain = "http://example.invalid/v2/", secret = "https://example.invalid/v2/",
-                    proxy = server.url(), none = nobody.url(), sent = "POST " + plain + " HTTP/1.1",
-                    connected = "CONNECT example.invalid:443 HTTP/1.1";
-  const struct {
-    std::string option, plainVariable, secureVariable, exceptions, url;
-    std::string line;  // of the request as the server sees it
-  } cases[] = {
-      {proxy, none, "", "*", plain, sent},
-      {"", proxy, "", "", plain, sent},
-      {"", proxy, "", "example.invalid", plain, ""},
-      {none, proxy, "", "", plain, ""},
-      {proxy, "", none, "", secret, connected},
-      {"", "", proxy, "", secret, connected},
-      {none, none, none, "", proxy, "POST /v2/ HTTP/1.1"},
-  };
-  server.answerWith([](const Received&) { return Answer{.status = 403}; });
-  for (const auto& [option, http, https, exceptions, url, line] : cases) {
-    setenv("http_proxy", http.c_str(), 1);
-    setenv("https_proxy", https.c_str(), 1);
-    setenv("no_proxy", exceptions.c_str(), 1);
-    client = makeCurlClient({.proxy = option});
-    HttpRequest request = requestTo(url);
-    request.headers = {{"token", "t"}};
-    const std::size_t before = server.requests().size();
-    EXPECT_EQ(responseTo(std::move(request)).has_value(), line.starts_with("POST"));
-    const auto received = server.requests();
-    const std::string head = received.size() > before ? received.back().head : "";
-    EXPECT_EQ(head.substr(0, head.find('\r')), line);
-    EXPECT_EQ(head.find("token: t") != std::string::npos, line.starts_with("POST"));
-  }
-  for (const char* variable : {"http_proxy", "https_proxy", "no_proxy"}) unsetenv(variable);
-}
-
 TEST_F(HttpClientTest, OnlyTrustedServersGetTheRequest) {
   const testing::TemporaryDirectory folder;
   const std::string own = folder.path() / "localhost", other = folder.path() / "example.org",

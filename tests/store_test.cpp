@@ -22,11 +22,8 @@ namespace {
 namespace fs = std::filesystem;
 using namespace std::chrono_literals;
 using std::chrono::sys_days;
-using ::testing::AllOf;
 using ::testing::Contains;
-using ::testing::Each;
 using ::testing::ElementsAre;
-using ::testing::MatchesRegex;
 using ::testing::Pair;
 using ::testing::SizeIs;
 using ::testing::UnorderedElementsAre;
@@ -42,16 +39,6 @@ class StoreTest : public MarblewayTest {
         {"S", name, "2026-01-02 00:00:00.000"});
   }
 };
-
-TEST_F(StoreTest, EveryColumnButTheIdIsText) {
-  createStores();
-  for (const Store store : {Store::event, Store::network}) {
-    EXPECT_THAT(query(storePath(store), "SELECT sql FROM sqlite_master WHERE name LIKE 'mrbw%'"),
-                AllOf(SizeIs(store == Store::event ? 15 : 1),
-                      Each(MatchesRegex("CREATE TABLE `\\w+` \\( `id` INTEGER PRIMARY KEY "
-                                        "AUTOINCREMENT(, +`\\w+` TEXT( NULL)?)+ \\)"))));
-  }
-}
 
 TEST_F(StoreTest, DirectoriesAndFilesBelongToTheirOwnerAloneWhateverTheUmask) {
   for (const mode_t mask : {0U, 022U, 0277U, 0777U}) {

@@ -1,5 +1,6 @@
 import assert from "node:assert/strict";
 import {pageTest} from "./page_test.mjs";
+import {eventually} from "./support.mjs";
 
 pageTest("The page sets what the collector answers", {view: "behaviour"}, async (page, collector) => {
   const behaviour = async () => (await fetch(`${collector.origin}/api/behaviour`)).json();
@@ -22,8 +23,7 @@ pageTest("The page sets what the collector answers", {view: "behaviour"}, async 
   await page.getByLabel("Privacy mode").check();
   await page.getByLabel("Blacklist").fill("https://example.org/health\nhttps://example.org/\"quoted\"");
   await page.getByLabel("Network monitoring").check();
-  await inForce();
-  assert.deepEqual(await behaviour(), {
+  await eventually(behaviour, {
     PrivacyMode: true, AdvertisingID: false, SessionTimeout: 120, NetworkMonitoring: true,
     Blacklist: ["https://example.org/health", 'https://example.org/"quoted"'], fault: "none", appliesTo: "both",
   });
