@@ -30,6 +30,7 @@ using platform::HttpRequest;
 using platform::kMaxResponseBytes;
 using platform::makeCurlClient;
 using ::testing::SizeIs;
+using ::testing::StartsWith;
 using Result = std::optional<platform::HttpResponse>;
 
 /// What became of one request.
@@ -129,6 +130,20 @@ TEST_F(HttpClientTest, EachServerBehaviourHasItsOutcome) {
   }
 }
 // clang-format on
+
+TEST_F(HttpClientTest, AProxySeesOnlyTheNameOfASecureServer) {
+  server.answerWith([](const Received&) { return Answer{.status = 403}; });
+  client = makeCurlClient({.proxy = server.url()});
+  for (const std::string url : {"http://example.invalid/v2/", "https://example.invalid/v2/"}) {
+    HttpRequest request = requestTo(url);
+    request.headers = {{"token", "t"}};
+    const bool isPlain = responseTo(std::move(request)).has_value();
+    const std::string line = isPlain ? "POST " + url : "CONNECT example.invalid:443";
+    EXPECT_EQ(isPlain, url.starts_with("http:"));
+    EXPECT_THAT(server.requests().back().head, StartsWith(line + " HTTP/1.1\r\n"));
+    EXPECT_EQ(server.requests().back().head.find("token: t") != std::string::npos, isPlain);
+  }
+}
 
 TEST_F(HttpClientTest, OnlyTrustedServersGetTheRequest) {
   const testing::TemporaryDirectory folder;

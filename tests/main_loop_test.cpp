@@ -136,21 +136,6 @@ TEST(ManualLoopTest, TimersKeepTheirGridUntilInvalidated) {
   EXPECT_EQ(count, 3);
 }
 
-TEST(ManualLoopTest, PumpingWakesForOtherThreadsUntilItsEnd) {
-  for (const bool isTimer : {false, true}) {
-    ManualLoop loop;
-    std::atomic<bool> ran = false;
-    std::jthread other;
-    const auto run = [&] { ran = true; };
-    const auto work = [&] { isTimer ? void(loop.repeat(1ms, run)) : loop.post(run); };
-    loop.post([&] { other = std::jthread(work); });
-    const auto start = steady_clock::now();
-    EXPECT_TRUE(loop.pumpFor(200ms));
-    EXPECT_GE(steady_clock::now() - start, 200ms);
-    EXPECT_TRUE(ran);
-  }
-}
-
 TEST(MainLoopTest, BlocksAllButFatalSignals) {
   sigset_t before, after, inLoop;
   pthread_sigmask(SIG_SETMASK, nullptr, &before);
