@@ -20,14 +20,6 @@ using namespace marbleway;
 namespace marbleway {
 namespace {
 
-void persistSession(const std::string& identifier) {
-  setCrashSession(identifier);
-  const auto defaults = platform::current()->userDefaults;
-  defaults->setText("Marbleway_SharedSessionID", identifier);
-  defaults->setFlag("Marbleway_isValidSession", true);
-  defaults->synchronize();
-}
-
 // Makes the session valid and returns its identifier. An existing identifier stays; without one a
 // new session begins.
 std::string ensureSession() {
@@ -46,7 +38,7 @@ std::string ensureSession() {
   if (!isNew) return identifier;
   SessionStartTime.store(startTime);
   isSDKValid = true;
-  catchAll([&] { persistSession(identifier); });
+  catchAll(persistSession);
   return identifier;
 }
 
@@ -119,7 +111,16 @@ void beginSession() {
     present = identifier;
     isValidSession = true;
   });
-  persistSession(identifier);
+}
+
+void persistSession() {
+  const OptionalText identifier = sessionID.load();
+  if (!identifier) return;  // another thread has ended it
+  setCrashSession(*identifier);
+  const auto defaults = platform::current()->userDefaults;
+  defaults->setText("Marbleway_SharedSessionID", *identifier);
+  defaults->setFlag("Marbleway_isValidSession", true);
+  defaults->synchronize();
 }
 
 void updateSessionTimeout() { SessionTime.store(getUTCTimeStamp()); }

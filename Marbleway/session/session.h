@@ -5,8 +5,11 @@
 
 namespace marbleway {
 
-/// Replaces the session by a new valid one and persists its identifier; start-up's first step.
+/// Replaces the session by a new valid one; start-up's first step.
 void beginSession();
+
+/// Stores the session's identifier, in the settings and for the record of a crash.
+void persistSession();
 
 /// What `Marbleway::startSession` does. Returns the identifier that its rows carry; absent where
 /// it does nothing. Thread: any.

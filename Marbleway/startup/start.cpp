@@ -63,9 +63,10 @@ void Marbleway::initMarbleway(Text projectToken, const Dictionary& options) noex
   if (!platform::startRecording()) return;
   platform::resetInChild([] { operation(resetAfterFork); });
   const BusyBudget budget;  // shared by all steps
-  operation([] { SessionStartTime.store(getUTCTimeStamp()); });
   operation([] { beginSession(); });
+  operation([] { SessionStartTime.store(getUTCTimeStamp()); });
   isSDKValid = true;
+  operation([] { persistSession(); });
   operation([&] { internalProjectToken.store(projectToken.copy()); });
   operation([] { createStores(); });
   operation([] { purgeOldRows(); });
