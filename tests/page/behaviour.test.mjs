@@ -4,12 +4,11 @@ import {eventually} from "./support.mjs";
 
 pageTest("The page sets what the collector answers", {view: "behaviour"}, async (page, collector) => {
   const behaviour = async () => (await fetch(`${collector.origin}/api/behaviour`)).json();
-  const inForce = () => page.getByText("In force").waitFor();
   for (const name of ["fault", "appliesTo"]) {
     for (const radio of (await page.locator(`[name=${name}]`).all()).reverse()) {  // ends with the first
       await page.locator("#saved").evaluate((note) => { note.textContent = ""; });
       await radio.click();
-      await inForce();
+      await page.getByText("In force").waitFor();
       const now = await behaviour();
       assert.equal(now[name], await radio.getAttribute("value"));
       assert.equal(await page.locator("#fault").isVisible(), now.fault !== "none");
