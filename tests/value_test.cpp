@@ -125,7 +125,7 @@ TEST(UTF8Test, EachByteOfNoSequenceIsReplacedAlone) {
   for (char control = 1; control < 0x20; ++control)
     cases.emplace_back(std::string(2, control), std::string(2, control));
   for (const auto& [text, expected] : cases) {
-    for (const std::size_t before : {0, 1, 2, 3, 4, 5, 6, 7, 4093, 4094, 4095, 4096}) {  // blocks
+    for (const auto before : {0UL, 1UL, 2UL, 3UL, 4UL, 5UL, 6UL, 7UL, 4093UL, 4094UL, 4096UL}) {
       const std::string a(before, 'a'), z(before % 10, 'z');
       platform::Buffer buffer;
       buffer.append("\"");
