@@ -4,6 +4,7 @@
 
 #include "Marbleway/Host.h"
 #include "Marbleway/core/diagnostics.h"
+#include "Marbleway/core/guards.h"
 #include "Marbleway/core/state.h"
 #include "Marbleway/platform/busy_budget.h"
 #include "Marbleway/platform/cancellation.h"
@@ -33,6 +34,15 @@ void operation(const Text& key, Body&& body, const char* name = __builtin_FUNCTI
 template <class Body>
 void operation(Body&& body, const char* name = __builtin_FUNCTION()) noexcept {
   operation(nullptr, std::forward<Body>(body), name);
+}
+
+/// The same for an operation that `guard` admits. Where neither the console nor diagnostics would
+/// show a refusal, a refused call ends here, so that it costs next to nothing.
+template <class Body>
+void operation(const Guard& guard, const Text& key, Body&& body,
+               const char* name = __builtin_FUNCTION()) noexcept {
+  if (!isLoggingEnabled && !diagnostics::areOn() && !isMet(guard)) return;
+  operation(key, std::forward<Body>(body), name);
 }
 
 }  // namespace marbleway

@@ -60,7 +60,7 @@ std::string extendSession() {
 }  // namespace
 
 void Marbleway::trackAdImpression(const Dictionary& adDetails) noexcept {
-  operation([&] {
+  operation(guards::trackAdImpression, nullptr, [&] {
     const auto session = admittedSession(guards::trackAdImpression);
     if (!session) return;
     const std::string timeStamp = extendSession();
@@ -72,7 +72,7 @@ void Marbleway::trackAdImpression(const Dictionary& adDetails) noexcept {
 }
 
 void Marbleway::trackAdInteraction(const Dictionary& adDetails, Text interactionType) noexcept {
-  operation([&] {
+  operation(guards::trackAdInteraction, nullptr, [&] {
     const auto session = admittedSession(guards::trackAdInteraction);
     if (!session) return;
     const std::string timeStamp = extendSession();
@@ -91,7 +91,7 @@ void Marbleway::trackAdInteraction(const Dictionary& adDetails, Text interaction
 
 void Marbleway::trackAdConversion(const Dictionary& adDetails,
                                   const Dictionary& conversionDetails) noexcept {
-  operation([&] {
+  operation(guards::trackAdConversion, nullptr, [&] {
     const auto session = admittedSession(guards::trackAdConversion);
     if (!session) return;
     const std::string timeStamp = extendSession();

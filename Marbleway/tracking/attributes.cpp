@@ -102,25 +102,27 @@ void change(const Subject& subject, const Text& attribute, const Value& value, c
 }  // namespace
 
 void Marbleway::setUserAttribute(Text attribute, Text value) noexcept {
-  operation(attribute, [&] { set(kUser, attribute, value); });
+  operation(kUser.setGuard, attribute, [&] { set(kUser, attribute, value); });
 }
 
 void Marbleway::incrementUserAttribute(Text attribute, const Value& value) noexcept {
-  operation(attribute, [&] { change(kUser, attribute, value, "Increment"); });
+  operation(kUser.changeGuard, attribute, [&] { change(kUser, attribute, value, "Increment"); });
 }
 
 void Marbleway::decrementUserAttribute(Text attribute, const Value& value) noexcept {
-  operation(attribute, [&] { change(kUser, attribute, value, "Decrement"); });
+  operation(kUser.changeGuard, attribute, [&] { change(kUser, attribute, value, "Decrement"); });
 }
 
 void Marbleway::setCompanyAttribute(Text attribute, Text value) noexcept {
-  operation(attribute, [&] { set(kCompany, attribute, value); });
+  operation(kCompany.setGuard, attribute, [&] { set(kCompany, attribute, value); });
 }
 
 void Marbleway::incrementCompanyAttribute(Text attribute, const Value& value) noexcept {
-  operation(attribute, [&] { change(kCompany, attribute, value, "Increment"); });
+  operation(kCompany.changeGuard, attribute,
+            [&] { change(kCompany, attribute, value, "Increment"); });
 }
 
 void Marbleway::decrementCompanyAttribute(Text attribute, const Value& value) noexcept {
-  operation(attribute, [&] { change(kCompany, attribute, value, "Decrement"); });
+  operation(kCompany.changeGuard, attribute,
+            [&] { change(kCompany, attribute, value, "Decrement"); });
 }

@@ -9,7 +9,7 @@
 using namespace marbleway;
 
 void Marbleway::linkCompany(Text companyName) noexcept {
-  operation([&] {
+  operation(guards::linkCompany, nullptr, [&] {
     const auto session = admittedSession(guards::linkCompany);
     if (!session) return;
     if (companyName.isMissing()) return console::error("Company Name is Required");

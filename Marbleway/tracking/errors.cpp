@@ -69,13 +69,14 @@ void track(const Text& name, const Text& message, Report report) {
 
 void Marbleway::logError(Text errorName, Text errorMessage,
                          const std::optional<ErrorReport>& exception) noexcept {
-  operation(errorName, [&] { track(errorName, errorMessage, [&] { return exception; }); });
+  operation(guards::logError, errorName,
+            [&] { track(errorName, errorMessage, [&] { return exception; }); });
 }
 
 void Marbleway::logError(Text errorName, Text errorMessage,
                          const std::exception& exception) noexcept {
   const void* caller = __builtin_return_address(0);
-  operation(errorName, [&] {
+  operation(guards::logError, errorName, [&] {
     track(errorName, errorMessage,
           [&] { return reportOf(typeid(exception).name(), exception.what(), caller); });
   });

@@ -61,17 +61,17 @@ void track(const Kind& kind, const Text& name, const Dictionary* attributes) {
 }  // namespace
 
 void Marbleway::trackEvent(Text eventName) noexcept {
-  operation(eventName, [&] { track(kEvent, eventName, nullptr); });
+  operation(kEvent.guard, eventName, [&] { track(kEvent, eventName, nullptr); });
 }
 
 void Marbleway::trackEvent(Text eventName, const Dictionary& attributes) noexcept {
-  operation(eventName, [&] { track(kEvent, eventName, &attributes); });
+  operation(kEvent.guard, eventName, [&] { track(kEvent, eventName, &attributes); });
 }
 
 void Marbleway::trackScreenView(Text screenName) noexcept {
-  operation(screenName, [&] { track(kScreenView, screenName, nullptr); });
+  operation(kScreenView.guard, screenName, [&] { track(kScreenView, screenName, nullptr); });
 }
 
 void Marbleway::trackScreenView(Text screenName, const Dictionary& attributes) noexcept {
-  operation(screenName, [&] { track(kScreenView, screenName, &attributes); });
+  operation(kScreenView.guard, screenName, [&] { track(kScreenView, screenName, &attributes); });
 }

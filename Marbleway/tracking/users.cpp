@@ -46,7 +46,7 @@ void persistUser(const Text& identifier) {
 }  // namespace
 
 void Marbleway::linkUser(Text userIdentifier, Text identifierType) noexcept {
-  operation(identifierType, [&] {
+  operation(guards::linkUser, identifierType, [&] {
     const auto session = admittedSession(guards::linkUser);
     if (!session) return;
     const auto* type =
