@@ -137,7 +137,7 @@ TEST_F(ResilienceTest, AForkAmidAnOperationNeverWaitsForItself) {
   sqlite3_open(storePath().c_str(), &other);
   sqlite3_exec(other, "BEGIN EXCLUSIVE", nullptr, nullptr, nullptr);
   tests::FailingVfs vfs;
-  vfs.onNap = [&] {
+  vfs.onSleep = [&] {
     EXPECT_EQ(Child([] { Marbleway::trackEvent("e"); }).wait(), "");
     sqlite3_close(std::exchange(other, nullptr));
   };
@@ -232,9 +232,16 @@ TEST_F(ProcessEndTest, AKilledProcessLeavesEveryRowWhoseCallReturned) {
 }
 
 TEST_F(ProcessEndTest, TheProcessEndsAtOnceWithRequestsInFlight) {
-  const LoopbackServer silent({.manner = tests::Manner::never});
-  exitInFlight(silent.url());
-  exitInFlight(silent.url("https"));  // TLS gets no reply to its greeting
+  // A process of its own: a fork must not copy the allocator's mutex while a thread holds it.
+  Child silent([] {
+    const LoopbackServer server({.manner = tests::Manner::never});
+    Child::report(server.host() + '\n');
+    pause();
+  });
+  const std::string host = silent.reported(100, '\n');
+  const std::string path = "://" + host.substr(0, host.size() - 1) + "/v2/";
+  exitInFlight("http" + path);
+  exitInFlight("https" + path);  // TLS gets no reply to its greeting
   const fs::path authority = directory.path() / "authority.pem";
   Child trusted([&] {
     fs::current_path(directory.path());
@@ -243,9 +250,9 @@ TEST_F(ProcessEndTest, TheProcessEndsAtOnceWithRequestsInFlight) {
         "-addext subjectAltName=IP:127.0.0.1 -keyout key.pem -out authority.pem && "
         "exec openssl s_server -www -accept 127.0.0.1:0 -cert authority.pem -key key.pem");
   });
-  const std::string host = "https://127.0.0.1:";
   trusted.reported(1000, ':');
-  exitInFlight(host + trusted.reported(5, '\n') + "/v2/", authority);  // no answer to the request
+  const std::string port = trusted.reported(5, '\n');
+  exitInFlight("https://127.0.0.1:" + port + "/v2/", authority);  // no answer to the request
 }
 
 // An event, and what else takes locks: the patterns, the locale, the settings.
