@@ -143,7 +143,7 @@ TEST_F(StoreTest, RemovesInSlicesWhileOthersWrite) {
         "SELECT iif(i % 10000, '2026-01-02 00:00:00.000', '2026-01-03') FROM n");
   tests::FailingVfs vfs;  // calls back between the slices
   int pauses = 0;
-  vfs.onNap = [&] {
+  vfs.onSleep = [&] {
     if (pauses++ == 0) query(storePath(), kCompany);
   };
   removeUpTo(kTables[4], "2026-01-02 12:00:00.000");
@@ -182,7 +182,7 @@ TEST_F(StoreTest, StartUpRemovesRowsOlderThanThirtyDays) {
 
 TEST_F(StoreTest, OneCallWaitsForAStoreTwoSecondsAtMost) {
   constexpr int kEver = std::numeric_limits<int>::max();
-  // How the other connection begins, and after how many naps of the library it closes.
+  // How the other connection begins, and after how many sleeps of the library it closes.
   const std::tuple<const char*, int, bool> cases[] = {
       {"BEGIN EXCLUSIVE", 20, false},
       {"BEGIN IMMEDIATE", 20, false},
@@ -191,18 +191,18 @@ TEST_F(StoreTest, OneCallWaitsForAStoreTwoSecondsAtMost) {
   };
   beginSession();
   time->setWallClock(std::chrono::system_clock::now());  // the purge goes by SQLite's clock
-  for (const auto& [begin, naps, isStartUp] : cases) {
-    SCOPED_TRACE(begin + std::to_string(naps));
+  for (const auto& [begin, sleeps, isStartUp] : cases) {
+    SCOPED_TRACE(begin + std::to_string(sleeps));
     tests::FailingVfs vfs;
     std::optional<tools::Database> other(std::in_place, storePath(), SQLITE_OPEN_READWRITE);
     other->execute(begin);
-    vfs.onNap = [&, left = naps]() mutable {
+    vfs.onSleep = [&, left = sleeps]() mutable {
       if (left-- == 0) other.reset();
     };
     isStartUp ? Marbleway::initMarbleway("token") : Marbleway::trackEvent("e");
-    EXPECT_EQ(other.has_value(), naps == kEver);
-    EXPECT_LE(vfs.napped, 2s);
-    EXPECT_GE(vfs.napped, other ? 1000ms : 20ms);  // work between the naps takes time, too
+    EXPECT_EQ(other.has_value(), sleeps == kEver);
+    EXPECT_LE(vfs.slept, 2s);
+    EXPECT_GE(vfs.slept, other ? 1000ms : 20ms);  // work between the sleeps takes time, too
   }
   EXPECT_THAT(rows("mrbw_v2_events"), SizeIs(2));
   EXPECT_THAT(lines(), Contains("Marbleway Message: Event Tracked").Times(3));

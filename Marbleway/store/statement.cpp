@@ -28,8 +28,8 @@ constexpr int kPieceBytes = 64 * 1024;
 
 constinit std::atomic<int> waitingFiles{0};  // connections that have had to wait
 
-/// The open connections.
-struct Openings {
+/// The open connections of this process.
+struct Connections {
   std::mutex mutex;
   std::condition_variable changed;
   int open = 0;
@@ -38,9 +38,9 @@ struct Openings {
   std::list<std::thread::id> queue;  // of the threads that wait for it
 };
 
-Openings& openings() {
-  static NoDestructor<Openings> counting;
-  return counting.value;
+Connections& connections() {
+  static NoDestructor<Connections> all;
+  return all.value;
 }
 
 // A host may have configured SQLite for one thread; then no connection has a mutex.
@@ -54,7 +54,7 @@ bool hasNoMutexes() {
 }
 
 // In order of arrival: without it, a thread that closes and opens at once would always be first.
-bool waitInQueue(Openings& all, std::unique_lock<std::mutex>& lock) {
+bool waitInQueue(Connections& all, std::unique_lock<std::mutex>& lock) {
   const auto place = all.queue.insert(all.queue.end(), std::this_thread::get_id());
   const auto isNext = [&] { return all.open == 0 && place == all.queue.begin(); };
   const auto sleep = [&](auto interval) { all.changed.wait_for(lock, interval, isNext); };
@@ -66,8 +66,8 @@ bool waitInQueue(Openings& all, std::unique_lock<std::mutex>& lock) {
 }
 
 // False when another connection was not closed in time.
-bool beginOpening() {
-  Openings& all = openings();
+bool countConnection() {
+  Connections& all = connections();
   std::unique_lock lock(all.mutex);
   if (!all.isPrepared) {
     registerStoreFileSystem();
@@ -79,8 +79,8 @@ bool beginOpening() {
   return mayOpen;
 }
 
-void endOpening() {
-  Openings& all = openings();
+void uncountConnection() {
+  Connections& all = connections();
   const std::scoped_lock lock(all.mutex);
   --all.open;
   if (all.areSerial) all.changed.notify_all();
@@ -90,14 +90,14 @@ void endOpening() {
 
 void unregisterStores() noexcept {
   const platform::ForkSection section;
-  const std::scoped_lock lock(openings().mutex);
-  if (openings().open > 0 || !openings().isPrepared) return;
+  const std::scoped_lock lock(connections().mutex);
+  if (connections().open > 0 || !connections().isPrepared) return;
   unregisterStoreFileSystem();
-  openings().isPrepared = false;
+  connections().isPrepared = false;
 }
 
 StoreFile::StoreFile(const std::string& path, std::chrono::milliseconds limit)
-    : limit_(limit), isCounted_(platform::mayRecord() && beginOpening()) {
+    : limit_(limit), isCounted_(platform::mayRecord() && countConnection()) {
   if (!isCounted_) return;
   // A waiting thread tries once in a millisecond; without this pause a thread that closes and
   // opens at once would always be first.
@@ -119,7 +119,7 @@ StoreFile::StoreFile(const std::string& path, std::chrono::milliseconds limit)
 StoreFile::~StoreFile() {
   sqlite3_close(connection_);
   if (isWaiting_) --waitingFiles;
-  if (isCounted_) endOpening();
+  if (isCounted_) uncountConnection();
 }
 
 // Constant intervals: with SQLite's own, growing ones, eight busy threads starve each other.
@@ -182,7 +182,8 @@ Statement::~Statement() {
 void Statement::fail() {
   if (!diagnostics::areOn() || !failure_.empty()) return;
   catchAll([this] {
-    failure_ = !file_.isCounted_              ? "no connection in a child of a fork"
+    failure_ = !platform::mayRecord()         ? "no connection in a child of a fork"
+               : !file_.isCounted_            ? sqlite3_errstr(SQLITE_BUSY)
                : file_.connection_ == nullptr ? sqlite3_errstr(file_.openResult_)
                                               : sqlite3_errmsg(file_.connection_);
   });

@@ -30,8 +30,8 @@ int sync(long number, int file) {
 }
 int sleep(sqlite3_vfs* vfs, int microseconds) {
   if (current == nullptr) return usual.xSleep(vfs, microseconds);
-  current->napped += std::chrono::microseconds(microseconds);
-  current->onNap();
+  current->slept += std::chrono::microseconds(microseconds);
+  current->onSleep();
   return microseconds;
 }
 int time(sqlite3_vfs* vfs, sqlite3_int64* julianMilliseconds) {

@@ -29,7 +29,7 @@ struct NthFailure {
   bool wasReached() const { return nth > 0 && counted >= nth; }
 };
 
-/// SQLite's file system with system calls that fail, a clock of its own and naps that take no time.
+/// SQLite's file system: system calls that fail, a clock of its own, sleeps that take no time.
 /// Nothing is forced to the disk. For the calling thread, one object at a time.
 struct FailingVfs {
   FailingVfs();
@@ -40,10 +40,10 @@ struct FailingVfs {
   NthFailure failure;
   /// What SQLite takes for the time; absent: the time.
   std::optional<std::chrono::system_clock::time_point> now;
-  /// How long the naps would have taken.
-  std::chrono::microseconds napped{};
-  /// Called in place of each nap.
-  std::function<void()> onNap = [] {};
+  /// How long the sleeps would have taken.
+  std::chrono::microseconds slept{};
+  /// Called in place of each sleep.
+  std::function<void()> onSleep = [] {};
 };
 
 /// Counts a call of the calling thread; true when it fails.
