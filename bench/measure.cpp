@@ -15,14 +15,6 @@
 namespace marbleway::bench {
 namespace {
 
-double timed(const Operation& operation) {
-  using Clock = std::chrono::steady_clock;
-  operation.prepare();
-  const auto start = Clock::now();
-  operation.run();
-  return std::chrono::duration<double, std::micro>(Clock::now() - start).count();
-}
-
 double medianOfBlock(int operations, const Operation& operation) {
   for (int i = 0; i < std::max(1, operations / 10); ++i) timed(operation);
   std::vector<double> times(static_cast<std::size_t>(operations));
@@ -46,6 +38,14 @@ constexpr double kKilobyte = 1024;
 Spread spreadOf(std::vector<double> numbers) {
   std::ranges::sort(numbers);
   return {numbers.at(numbers.size() / 2), numbers.front(), numbers.back()};
+}
+
+double timed(const Operation& operation) {
+  using Clock = std::chrono::steady_clock;
+  operation.prepare();
+  const auto start = Clock::now();
+  operation.run();
+  return std::chrono::duration<double, std::micro>(Clock::now() - start).count();
 }
 
 Comparison compare(int blocks, int operations, const Operation& ours, const Operation& bare) {

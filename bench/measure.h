@@ -22,6 +22,9 @@ struct Operation {
   std::function<void()> prepare = [] {};
 };
 
+/// The microseconds of one run.
+double timed(const Operation& operation);
+
 /// Microseconds an operation of ours and of the bare program.
 struct Comparison {
   Spread ours, bare;

@@ -1,12 +1,20 @@
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cstdio>
 #include <memory>
 #include <stdexcept>
+#include <utility>
+#include <vector>
 
+#include "Marbleway/Host.h"
 #include "Marbleway/Marbleway.h"
 #include "Marbleway/platform/testing/memory_defaults.h"
 #include "Marbleway/store/store.h"
 #include "bench/bare.h"
 #include "bench/measure.h"
 #include "bench/setting.h"
+#include "tests/support/loopback_server.h"
 
 namespace marbleway::bench {
 namespace {
@@ -66,6 +74,44 @@ void measureSettings(const std::filesystem::path& place) {
          .note = duration(time.least).append(" to ").append(duration(time.most))});
 }
 
+// Replaces a file as durably as the stores: written aside, forced to the disk, renamed.
+void replaceFile(const std::filesystem::path& directory) {
+  const std::string aside = directory / "bare-new", place = directory / "bare-settings";
+  const int file = open(aside.c_str(), O_CREAT | O_WRONLY | O_TRUNC | O_CLOEXEC, 0600);
+  const int folder = open(directory.c_str(), O_RDONLY | O_CLOEXEC);
+  const std::string text(300, 'x');
+  const bool isReplaced = write(file, text.data(), text.size()) > 0 && fsync(file) == 0 &&
+                          std::rename(aside.c_str(), place.c_str()) == 0 && fsync(folder) == 0;
+  close(file);
+  close(folder);
+  if (!isReplaced) throw std::runtime_error("no file was replaced");
+}
+
+// The first start-up of a process, with the library's own services, existing stores and a server
+// that refuses the connection. Each time is taken in a new process.
+void measureFirstStart(const std::filesystem::path& place) {
+  constexpr int kRounds = 100;
+  const WorkDirectory directory(place);
+  const tests::RefusingPort nobody;
+  const auto start = [] {
+    Marbleway::initMarbleway("bench", {{"LoggingEnabled", false}, {"SDKEnvironment", 1}});
+  };
+  configure({.documentsDirectory = directory.path(), .developmentURL = nobody.url()});
+  inOwnProcess(start);  // makes the stores
+  const BareStores bare(directory.path());
+  const auto purge = [&] {
+    bare.purge();
+    replaceFile(directory.path());
+  };
+  std::vector<double> ours, theirs;
+  for (int round = 0; round < kRounds; ++round) {
+    ours.push_back(inChild([&] { return std::vector{timed({.run = start})}; }).at(0));
+    theirs.push_back(inChild([&] { return std::vector{timed({.run = purge})}; }).at(0));
+  }
+  print("the first start-up in a process, in memory", 1.05,
+        {spreadOf(std::move(ours)), spreadOf(std::move(theirs))});
+}
+
 }  // namespace
 
 void measureStartUp(const Places& places) {
@@ -76,6 +122,7 @@ void measureStartUp(const Places& places) {
     forgetful.userDefaults = std::make_shared<platform::testing::MemoryDefaults>();
     measureWith(places.disk, ", no settings file", forgetful);
   });
+  measureFirstStart(places.memory);
 }
 
 }  // namespace marbleway::bench
