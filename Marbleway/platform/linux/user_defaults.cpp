@@ -65,14 +65,18 @@ class FileDefaults final : public UserDefaults {
 
   bool hasChanges() {
     const std::scoped_lock lock(mutex_);
-    load();
+    locate();
     return !changes_.empty();
+  }
+
+  void locate() {
+    if (file_.empty()) file_ = std::filesystem::path(documentsDirectory()) / "user-defaults.json";
   }
 
   /// Reads the file once. A file that cannot be read now is tried again by the next call.
   void load() {
     if (isLoaded_) return;
-    if (file_.empty()) file_ = std::filesystem::path(documentsDirectory()) / "user-defaults.json";
+    locate();
     if (refresh() || !isMalformed_) return;
     const DirectoryLock directory(file_.parent_path());
     if (!directory.isBusy()) refreshLocked();
@@ -125,7 +129,6 @@ class FileDefaults final : public UserDefaults {
 
   void set(std::string_view key, Change change) {
     const std::scoped_lock lock(mutex_);
-    load();
     changes_.insert_or_assign(std::string(key), std::move(change));
   }
 
