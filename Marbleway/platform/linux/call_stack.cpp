@@ -13,7 +13,7 @@
 #include <string_view>
 #include <typeinfo>
 
-#include "Marbleway/platform/linux/call_stack.h"
+#include "Marbleway/platform/frame_line.h"
 
 namespace marbleway::platform {
 namespace {
@@ -33,15 +33,6 @@ std::uintptr_t addressOf(const void* pointer) { return reinterpret_cast<std::uin
 
 }  // namespace
 
-std::string hexadecimal(std::uintptr_t number, std::size_t digits) {
-  std::string text;
-  for (; number != 0 || text.size() < digits; number /= 16) {
-    text.push_back("0123456789abcdef"[number % 16]);
-  }
-  std::ranges::reverse(text);
-  return text.insert(0, "0x");
-}
-
 std::string demangled(const char* name) {
   struct Free {
     void operator()(char* text) const { std::free(text); }
@@ -54,11 +45,6 @@ std::string demangled(const char* name) {
 const char* currentExceptionType() {
   const std::type_info* const type = abi::__cxa_current_exception_type();
   return type != nullptr ? type->name() : nullptr;
-}
-
-std::string frameLine(std::size_t number, std::uintptr_t address, const std::string& module) {
-  std::string line = std::to_string(number);
-  return line.append(" ").append(module).append(" ").append(hexadecimal(address, 16));
 }
 
 std::string frameLine(std::size_t number, std::uintptr_t address, AddressKind kind) {

@@ -14,10 +14,10 @@
 
 #include "Marbleway/platform/call_stack.h"
 #include "Marbleway/platform/catch_all.h"
+#include "Marbleway/platform/crash_file.h"
 #include "Marbleway/platform/guarded.h"
 #include "Marbleway/platform/linux/alternate_stack.h"
 #include "Marbleway/platform/linux/background_thread.h"
-#include "Marbleway/platform/linux/crash_record.h"
 #include "Marbleway/platform/linux/recoverable.h"
 
 namespace marbleway::platform {
@@ -129,9 +129,7 @@ void recordFailure(const Cause& cause, const Place& place) {
   record.signal = cause.signal;
   record.code = cause.code;
   record.address = std::bit_cast<std::uintptr_t>(cause.address);
-  record.time = std::chrono::floor<std::chrono::milliseconds>(std::chrono::system_clock::now())
-                    .time_since_epoch()
-                    .count();
+  recordTime(record);
   if (cause.signal == 0) recordException();
   recordFrames(place);
 }
