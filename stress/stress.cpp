@@ -11,7 +11,7 @@
 #include <iterator>
 #include <stdexcept>
 
-#include "Marbleway/platform/linux/services.h"
+#include "Marbleway/platform/services.h"
 #include "Marbleway/upload/batch.h"
 #include "tests/support/child.h"
 #include "tests/support/fixture.h"

@@ -20,7 +20,7 @@
 #include <utility>
 
 #include "Marbleway/platform/busy_budget.h"
-#include "Marbleway/platform/linux/services.h"
+#include "Marbleway/platform/services.h"
 #include "Marbleway/platform/linux/time_zone.h"
 #include "Marbleway/platform/paths.h"
 #include "Marbleway/platform/platform.h"
@@ -154,7 +154,7 @@ TEST_F(FileDefaultsTest, WritesLaterWhatCouldNotBeWritten) {
 
 TEST_F(FileDefaultsTest, TheDeviceAsksTheSystem) {
   const auto former = current();
-  const auto device = makeLinuxDevice();
+  const auto device = makeDevice();
   const std::string uuid = "[0-9A-F]{8}-[0-9A-F]{4}-[0-9A-F]{4}-[0-9A-F]{4}-[0-9A-F]{12}";
   utsname kernel{};
   ASSERT_EQ(uname(&kernel), 0);

@@ -1,4 +1,4 @@
-#include "Marbleway/platform/linux/main_loop.h"
+#include "Marbleway/platform/background_loop.h"
 
 #include <gtest/gtest.h>
 #include <pthread.h>

@@ -2,7 +2,7 @@
 #include <stdexcept>
 
 #include "Marbleway/platform/catch_all.h"
-#include "Marbleway/platform/linux/services.h"
+#include "Marbleway/platform/services.h"
 #include "Marbleway/store/store.h"
 #include "tests/support/failing_vfs.h"
 #include "tests/support/fixture.h"

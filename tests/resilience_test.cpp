@@ -10,7 +10,7 @@
 #include <thread>
 
 #include "Marbleway/platform/linux/http_client.h"
-#include "Marbleway/platform/linux/main_loop.h"
+#include "Marbleway/platform/background_loop.h"
 #include "Marbleway/upload/batch.h"
 #include "tests/support/child.h"
 #include "tests/support/failing_vfs.h"

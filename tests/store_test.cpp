@@ -10,7 +10,7 @@
 #include <thread>
 #include <tuple>
 
-#include "Marbleway/platform/linux/services.h"
+#include "Marbleway/platform/services.h"
 #include "Marbleway/store/timestamp.h"
 #include "tests/support/failing_vfs.h"
 #include "tests/support/fixture.h"

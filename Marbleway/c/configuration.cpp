@@ -6,6 +6,8 @@
 #include <string>
 #include <string_view>
 
+#include "Marbleway/platform/paths.h"
+
 namespace marbleway::c {
 namespace {
 
@@ -57,7 +59,7 @@ bool read(const Dictionary::Entry& entry, Configuration& configuration) {
   const auto* text = value.as<std::string>();
   if (text == nullptr) return false;
   if (key == "documentsDirectory") {
-    configuration.documentsDirectory = *text;
+    configuration.documentsDirectory = platform::pathFrom(*text);
     return true;
   }
   const auto* known = std::ranges::find(kTextMembers, key, &TextMember::key);

@@ -43,8 +43,8 @@ std::shared_ptr<const Configuration> withDefaults(Configuration configuration) {
   }
   if (configuration.appVersion.empty()) configuration.appVersion = "1.0";
   if (configuration.documentsDirectory.empty()) {
-    configuration.documentsDirectory =
-        platform::defaultDataDirectory() / "marbleway" / configuration.bundleIdentifier;
+    configuration.documentsDirectory = platform::defaultDataDirectory() / "marbleway" /
+                                       platform::pathFrom(configuration.bundleIdentifier);
   }
   return std::make_shared<const Configuration>(std::move(configuration));
 }

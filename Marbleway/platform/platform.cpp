@@ -76,16 +76,17 @@ constinit Guarded<std::optional<std::string>> chosenDocuments, usualDocuments;
 std::string documentsDirectory() {
   if (auto chosen = chosenDocuments.load()) return std::move(*chosen);
   if (auto usual = usualDocuments.load()) return std::move(*usual);
-  std::string usual = defaultDataDirectory() / "marbleway" / executableName();
+  std::string usual =
+      utf8Of(absolutePath(defaultDataDirectory() / "marbleway" / pathFrom(executableName())));
   usualDocuments.store(usual);  // a later change of the environment changes nothing
   return usual;
 }
 
 void setDocumentsDirectory(const std::filesystem::path& directory) {
   if (directory.empty()) return chosenDocuments.store(std::nullopt);
-  auto absolute = std::filesystem::absolute(directory);
+  auto absolute = absolutePath(directory);
   if (!absolute.has_filename()) absolute = absolute.parent_path();  // a "/" at the end
-  chosenDocuments.store(absolute);
+  chosenDocuments.store(utf8Of(absolute));
 }
 
 }  // namespace marbleway::platform

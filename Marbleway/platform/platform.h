@@ -53,10 +53,10 @@ Platform makePlatform();
 /// were given is ended or dropped; the next use starts them again. Thread: any but these.
 void endThreads() noexcept;
 
-/// Makes the documents directory, with mode 0700, where it is missing. A failure is silent.
+/// Makes the documents directory, the user's alone, where it is missing. A failure is silent.
 void makeDocumentsDirectory();
 
-/// The directory of the stores and of the settings, absolute. Thread: any.
+/// The directory of the stores and of the settings, absolute, in UTF-8. Thread: any.
 std::string documentsDirectory();
 /// Sets it; a relative one counts from the working directory of the call.
 void setDocumentsDirectory(const std::filesystem::path& directory);

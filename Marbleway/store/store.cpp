@@ -12,8 +12,6 @@
 namespace marbleway {
 namespace {
 
-namespace fs = std::filesystem;
-
 /// How long a removal may hold a store at a time.
 constexpr std::chrono::milliseconds kSlice{20};
 constexpr int kPauseIntervals = 5;
@@ -28,9 +26,8 @@ bool makeTables(StoreFile& file, Store store) {
 }
 
 void createIfMissing(Store store) {
-  const fs::path path = pathOf(store);
-  std::error_code error;
-  if (fs::exists(path, error) || error) return;
+  const std::string path = pathOf(store);
+  if (platform::kindOf(path.c_str()) != platform::FileKind::missing) return;
   platform::makeDocumentsDirectory();
   platform::createFile(path, [&](const std::string& unfinished) {
     StoreFile file(unfinished);
@@ -91,7 +88,8 @@ void remove(const Table& table, std::string_view condition) {
 
 std::string pathOf(Store store) {
   std::string path = platform::documentsDirectory();
-  return path.append("/").append(store == Store::event ? DBFileName : HTTPDBFileName);
+  path.push_back(static_cast<char>(std::filesystem::path::preferred_separator));
+  return path.append(store == Store::event ? DBFileName : HTTPDBFileName);
 }
 
 void createStores() {

@@ -4,7 +4,7 @@
 #include <memory>
 #include <stdexcept>
 
-#include "Marbleway/platform/linux/services.h"
+#include "Marbleway/platform/services.h"
 #include "tools/common/database.h"
 
 namespace marbleway::testing {

@@ -7,8 +7,8 @@
 #include <climits>
 #include <string>
 
-#include "Marbleway/platform/linux/files.h"
-#include "Marbleway/platform/linux/services.h"
+#include "Marbleway/platform/linux/write_all.h"
+#include "Marbleway/platform/services.h"
 #include "Marbleway/platform/write_guard.h"
 
 namespace marbleway::platform {

@@ -17,8 +17,8 @@
 #include "Marbleway/platform/crash_file.h"
 #include "Marbleway/platform/guarded.h"
 #include "Marbleway/platform/linux/alternate_stack.h"
-#include "Marbleway/platform/linux/background_thread.h"
 #include "Marbleway/platform/linux/recoverable.h"
+#include "Marbleway/platform/linux/signals_blocked.h"
 
 namespace marbleway::platform {
 namespace {

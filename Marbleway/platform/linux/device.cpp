@@ -5,10 +5,8 @@
 #include <cstdlib>
 #include <fstream>
 
-#include "Marbleway/platform/fork.h"
-#include "Marbleway/platform/linux/services.h"
 #include "Marbleway/platform/linux/time_zone.h"
-#include "Marbleway/platform/platform.h"
+#include "Marbleway/platform/services.h"
 
 namespace marbleway::platform {
 namespace {
@@ -37,17 +35,7 @@ std::string distributionVersion() {
 
 class LinuxDevice final : public Device {
  public:
-  std::string vendorIdentifier() override {
-    constexpr std::string_view kKey = "Marbleway_VendorID";
-    const auto defaults = platform::current()->userDefaults;
-    if (auto stored = defaults->text(kKey)) return *stored;
-
-    const std::string created = newIdentifier();
-    defaults->setTextIfMissing(kKey, created);
-    defaults->synchronize();
-    return defaults->text(kKey).value_or(created);
-  }
-
+  std::string vendorIdentifier() override { return storedVendorIdentifier(*this); }
   std::string advertisingIdentifier() override { return {}; }
 
   std::string systemVersion() override {
@@ -78,15 +66,8 @@ class LinuxDevice final : public Device {
   }
 };
 
-class SystemClock final : public Clock {
- public:
-  std::chrono::system_clock::time_point now() override { return std::chrono::system_clock::now(); }
-};
-
 }  // namespace
 
-std::shared_ptr<Device> makeLinuxDevice() { return std::make_shared<LinuxDevice>(); }
-
-std::shared_ptr<Clock> makeSystemClock() { return std::make_shared<SystemClock>(); }
+std::shared_ptr<Device> makeDevice() { return std::make_shared<LinuxDevice>(); }
 
 }  // namespace marbleway::platform

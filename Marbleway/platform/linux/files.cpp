@@ -1,4 +1,4 @@
-#include "Marbleway/platform/linux/files.h"
+#include "Marbleway/platform/files.h"
 
 #include <fcntl.h>
 #include <sys/file.h>
@@ -7,10 +7,11 @@
 
 #include <array>
 #include <cerrno>
-#include <cstdio>
+#include <system_error>
 #include <thread>
 
 #include "Marbleway/platform/busy_budget.h"
+#include "Marbleway/platform/linux/write_all.h"
 #include "Marbleway/platform/paths.h"
 #include "Marbleway/platform/write_guard.h"
 
@@ -83,10 +84,10 @@ DirectoryLock::DirectoryLock(const std::filesystem::path& directory)
     : directory_(openDirectory(directory)), state_(lock(directory_)) {}
 
 // Tries again after each interval: a wait in the system would have no limit.
-DirectoryLock::State DirectoryLock::lock(int directory) {
+DirectoryLock::State DirectoryLock::lock(Handle directory) {
   if (directory < 0) return State::unsupported;
   const BusyBudget budget;
-  while (flock(directory, LOCK_EX | LOCK_NB) != 0) {
+  while (flock(static_cast<int>(directory), LOCK_EX | LOCK_NB) != 0) {
     if (errno == EINTR) continue;
     if (errno != EWOULDBLOCK) return State::unsupported;
     if (!BusyBudget::wait([](auto interval) { std::this_thread::sleep_for(interval); })) {
@@ -98,8 +99,8 @@ DirectoryLock::State DirectoryLock::lock(int directory) {
 
 DirectoryLock::~DirectoryLock() {
   // Closing is not enough: a child of a fork has the descriptor too.
-  if (isHeld()) flock(directory_, LOCK_UN);
-  if (directory_ >= 0) ::close(directory_);
+  if (isHeld()) flock(static_cast<int>(directory_), LOCK_UN);
+  if (directory_ >= 0) ::close(static_cast<int>(directory_));
 }
 
 bool replaceFile(const std::filesystem::path& file, std::string_view bytes) {
@@ -117,6 +118,13 @@ bool replaceFile(const std::filesystem::path& file, std::string_view bytes) {
   return syncDirectory(file.parent_path());
 }
 
+bool moveFile(const std::filesystem::path& from, const std::filesystem::path& to) noexcept {
+  return ::rename(from.c_str(), to.c_str()) == 0;
+}
+
+void clearFileError() noexcept { errno = 0; }
+std::string fileError() { return errno != 0 ? std::generic_category().message(errno) : ""; }
+
 FileKind kindOf(const char* name) noexcept {
   struct stat facts {};
   if (lstat(name, &facts) != 0) return FileKind::missing;
@@ -124,11 +132,11 @@ FileKind kindOf(const char* name) noexcept {
   return facts.st_size > 0 ? FileKind::filled : FileKind::empty;
 }
 
-void createFile(const std::filesystem::path& file,
+void createFile(const std::string& file,
                 const std::function<bool(const std::string& unfinished)>& fill) {
-  const DirectoryLock directory(file.parent_path());
+  const DirectoryLock directory(std::filesystem::path(file).parent_path());
   if (directory.isBusy() || kindOf(file.c_str()) != FileKind::missing) return;
-  const std::string unfinished = file.string() + "-new";
+  const std::string unfinished = file + "-new";
   const auto remove = [&] {
     for (const char* suffix : {"", "-journal"}) ::unlink((unfinished + suffix).c_str());
   };

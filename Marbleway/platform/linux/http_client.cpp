@@ -5,8 +5,8 @@
 #include <utility>
 
 #include "Marbleway/platform/linux/transfer_loop.h"
-#include "Marbleway/platform/linux/worker.h"
 #include "Marbleway/platform/platform.h"
+#include "Marbleway/platform/worker.h"
 
 namespace marbleway::platform {
 namespace {

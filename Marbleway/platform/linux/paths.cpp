@@ -34,6 +34,10 @@ std::filesystem::path homeOnRecord() {
 
 }  // namespace
 
+std::filesystem::path absolutePath(const std::filesystem::path& path) {
+  return std::filesystem::absolute(path);
+}
+
 const char* const kSQLiteFileSystem = "unix";
 
 std::string executableName() {

@@ -1,9 +1,9 @@
 #include "Marbleway/platform/platform.h"
 
+#include "Marbleway/platform/background_loop.h"
 #include "Marbleway/platform/linux/crash_hook.h"
 #include "Marbleway/platform/linux/http_client.h"
-#include "Marbleway/platform/linux/main_loop.h"
-#include "Marbleway/platform/linux/services.h"
+#include "Marbleway/platform/services.h"
 
 namespace marbleway::platform {
 
@@ -14,7 +14,7 @@ Platform makePlatform() {
       .mainLoop = makeBackgroundLoop(),
       .httpClient = makeCurlClient(),
       .userDefaults = makeFileDefaults(),
-      .device = makeLinuxDevice(),
+      .device = makeDevice(),
       .statusBar = makeNoStatusBar(),
       .userInterface = makeHeadlessInterface(),
       .locationService = makeNoLocation(),

@@ -10,7 +10,7 @@
 
 #include "Marbleway/platform/linux/http_client.h"
 #include "Marbleway/platform/linux/transfer.h"
-#include "Marbleway/platform/linux/worker.h"
+#include "Marbleway/platform/worker.h"
 
 namespace marbleway::platform {
 

@@ -2,6 +2,7 @@
 
 #include <filesystem>
 #include <memory>
+#include <string>
 
 #include "Marbleway/platform/clock.h"
 #include "Marbleway/platform/console.h"
@@ -13,10 +14,10 @@
 #include "Marbleway/platform/user_defaults.h"
 #include "Marbleway/platform/user_interface.h"
 
-// The small services of a Linux system, and the ones that it does not have.
+// What `makePlatform` is made from: services that all systems share, and each system's own.
 namespace marbleway::platform {
 
-/// Settings in a JSON file, mode 0600, replaced whole. An empty path stands for
+/// Settings in a JSON file, the user's alone, replaced whole. An empty path stands for
 /// "user-defaults.json" in the documents directory, resolved when the settings are first used.
 ///
 /// A file that holds no JSON object, or is larger than 1 MiB, is renamed to "<file>.unreadable".
@@ -28,9 +29,11 @@ namespace marbleway::platform {
 /// may wait, nothing is written and the changes stay in memory.
 std::shared_ptr<UserDefaults> makeFileDefaults(const std::filesystem::path& file = {});
 
-/// The vendor identifier is stored in the user defaults under "Marbleway_VendorID"; there is no
-/// advertising identifier.
-std::shared_ptr<Device> makeLinuxDevice();
+/// The system's own facts; there is no advertising identifier.
+std::shared_ptr<Device> makeDevice();
+/// The vendor identifier: created by `device`, and stored in the user defaults under
+/// "Marbleway_VendorID".
+std::string storedVendorIdentifier(Device& device);
 
 /// Each line goes to standard error, as it is when this is called, in one `write`. A line that
 /// would have to wait is lost; a line longer than the free space of a pipe may be cut. A closed

@@ -1,10 +1,10 @@
-#include "Marbleway/platform/linux/main_loop.h"
+#include "Marbleway/platform/background_loop.h"
 
 #include <utility>
 
 #include "Marbleway/platform/catch_all.h"
-#include "Marbleway/platform/linux/worker.h"
 #include "Marbleway/platform/manual_loop.h"
+#include "Marbleway/platform/worker.h"
 
 namespace marbleway::platform {
 namespace {

@@ -3,10 +3,7 @@
 #include <pthread.h>
 
 #include <csignal>
-#include <thread>
-#include <utility>
 
-#include "Marbleway/platform/linux/alternate_stack.h"
 #include "Marbleway/platform/linux/fatal_signals.h"
 
 namespace marbleway::platform {
@@ -28,16 +25,5 @@ class SignalsBlocked {
  private:
   sigset_t former_{};
 };
-
-/// Starts a thread that only fatal signals are delivered to: a host's handlers of the other signals
-/// run on the host's threads. Throws std::system_error when the system has no thread left.
-template <class Body>
-std::thread startBackgroundThread(Body&& body) {
-  const SignalsBlocked blocked;  // a thread inherits the mask of the one that starts it
-  return std::thread([body = std::forward<Body>(body)]() mutable {
-    giveAlternateStack();
-    body();
-  });
-}
 
 }  // namespace marbleway::platform

@@ -1,7 +1,13 @@
-#include "Marbleway/platform/linux/services.h"
+#include "Marbleway/platform/platform.h"
+#include "Marbleway/platform/services.h"
 
 namespace marbleway::platform {
 namespace {
+
+class SystemClock final : public Clock {
+ public:
+  std::chrono::system_clock::time_point now() override { return std::chrono::system_clock::now(); }
+};
 
 class NoStatusBar final : public StatusBar {
  public:
@@ -48,6 +54,19 @@ class NoCapture final : public NetworkCapture {
 };
 
 }  // namespace
+
+std::string storedVendorIdentifier(Device& device) {
+  constexpr std::string_view kKey = "Marbleway_VendorID";
+  const auto defaults = current()->userDefaults;
+  if (auto stored = defaults->text(kKey)) return *stored;
+
+  const std::string created = device.newIdentifier();
+  defaults->setTextIfMissing(kKey, created);
+  defaults->synchronize();
+  return defaults->text(kKey).value_or(created);
+}
+
+std::shared_ptr<Clock> makeSystemClock() { return std::make_shared<SystemClock>(); }
 
 std::shared_ptr<StatusBar> makeNoStatusBar() { return std::make_shared<NoStatusBar>(); }
 

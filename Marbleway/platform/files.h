@@ -1,14 +1,11 @@
 #pragma once
 
+#include <cstdint>
 #include <filesystem>
 #include <string>
 #include <string_view>
 
 namespace marbleway::platform {
-
-/// Writes all of `bytes` to `descriptor`, in one `write` where the system takes them at once.
-/// False when a part could not be written. Async-signal-safe.
-bool writeAll(int descriptor, std::string_view bytes) noexcept;
 
 /// The content of a regular file.
 struct FileContent {
@@ -36,15 +33,26 @@ class DirectoryLock {
 
  private:
   enum class State { held, busy, unsupported };
-  static State lock(int directory);
+  using Handle = std::intptr_t;  // the system's
+  static State lock(Handle directory);
 
-  const int directory_;
+  const Handle directory_;
   const State state_;
 };
 
-/// Replaces `file` by one of these bytes, mode 0600: a process killed meanwhile, or power lost,
-/// leaves the old file or the new one. False when that failed; then no temporary file is left.
-/// `file` is absolute, and the caller holds its directory's lock.
+/// Replaces `file` by one of these bytes, the user's alone: a process killed meanwhile, or power
+/// lost, leaves the old file or the new one. False when that failed; then no temporary file is
+/// left. `file` is absolute, and the caller holds its directory's lock.
 bool replaceFile(const std::filesystem::path& file, std::string_view bytes);
+
+/// Renames a file, in the place of what has the new name.
+bool moveFile(const std::filesystem::path& from, const std::filesystem::path& to) noexcept;
+
+///@{
+/// Why the system refused one of these functions on this thread since the last `clearFileError`;
+/// empty if it has not.
+void clearFileError() noexcept;
+std::string fileError();
+///@}
 
 }  // namespace marbleway::platform

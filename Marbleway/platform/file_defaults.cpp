@@ -1,14 +1,13 @@
-#include <cerrno>
-#include <cstdio>
 #include <map>
 #include <mutex>
-#include <system_error>
+#include <string>
 #include <utility>
 
+#include "Marbleway/platform/files.h"
 #include "Marbleway/platform/fork.h"
-#include "Marbleway/platform/linux/files.h"
-#include "Marbleway/platform/linux/services.h"
+#include "Marbleway/platform/paths.h"
 #include "Marbleway/platform/platform.h"
+#include "Marbleway/platform/services.h"
 #include "Marbleway/platform/settings_failure.h"
 #include "Marbleway/platform/value.h"
 
@@ -50,11 +49,10 @@ class FileDefaults final : public UserDefaults {
     if (!hasChanges()) return;
     if (isInDocuments_) makeDocumentsDirectory();
     const auto failed = settingsFailed.load();
-    errno = 0;
-    if (!writeLocked() && failed != nullptr) {
-      failed(errno != 0 ? std::generic_category().message(errno)
-                        : "the file is malformed, or another process holds it");
-    }
+    clearFileError();
+    if (writeLocked() || failed == nullptr) return;
+    const std::string reason = fileError();
+    failed(!reason.empty() ? reason : "the file is malformed, or another process holds it");
   }
 
  private:
@@ -70,7 +68,7 @@ class FileDefaults final : public UserDefaults {
   }
 
   void locate() {
-    if (file_.empty()) file_ = std::filesystem::path(documentsDirectory()) / "user-defaults.json";
+    if (file_.empty()) file_ = pathFrom(documentsDirectory()) / "user-defaults.json";
   }
 
   /// Reads the file once. A file that cannot be read now is tried again by the next call.
@@ -110,7 +108,7 @@ class FileDefaults final : public UserDefaults {
     if (refresh()) return true;
     if (!isMalformed_) return false;
     const std::filesystem::path aside = std::filesystem::path(file_) += ".unreadable";
-    return std::rename(file_.c_str(), aside.c_str()) == 0 && refresh();
+    return moveFile(file_, aside) && refresh();
   }
 
   /// Applies the changes of this process to what the file holds now.
@@ -166,7 +164,7 @@ class FileDefaults final : public UserDefaults {
 }  // namespace
 
 std::shared_ptr<UserDefaults> makeFileDefaults(const std::filesystem::path& file) {
-  return std::make_shared<FileDefaults>(file.empty() ? file : std::filesystem::absolute(file));
+  return std::make_shared<FileDefaults>(file.empty() ? file : absolutePath(file));
 }
 
 }  // namespace marbleway::platform

@@ -1,18 +1,14 @@
-#include "Marbleway/platform/linux/worker.h"
-
-#include <dlfcn.h>
-#include <link.h>
+#include "Marbleway/platform/worker.h"
 
 #include <mutex>
-#include <string_view>
 #include <thread>
 #include <utility>
 #include <vector>
 
+#include "Marbleway/platform/background_thread.h"
 #include "Marbleway/platform/catch_all.h"
 #include "Marbleway/platform/fork.h"
 #include "Marbleway/platform/guarded.h"
-#include "Marbleway/platform/linux/background_thread.h"
 #include "Marbleway/platform/platform.h"
 
 namespace marbleway::platform {
@@ -33,22 +29,6 @@ struct WorkerState {
 namespace {
 
 constinit Guarded<std::vector<std::weak_ptr<WorkerState>>> states;
-
-/// Leaves this code mapped from the first thread on: unloading a plugin without `shutdown` would
-/// unmap the code that the threads run.
-void pinModule() {
-  static constinit std::atomic<bool> isPinned{false};
-  Dl_info symbol{};
-  link_map* module = nullptr;
-  if (isPinned.exchange(true) || dladdr1(reinterpret_cast<void*>(&pinModule), &symbol,
-                                         reinterpret_cast<void**>(&module), RTLD_DL_LINKMAP) == 0) {
-    return;
-  }
-  const std::string_view name = module->l_name;
-  if (name.empty()) return;  // the program itself
-  void* handle = dlopen(module->l_name, RTLD_LAZY | RTLD_NOLOAD | RTLD_NODELETE);
-  if (handle != nullptr) dlclose(handle);
-}
 
 }  // namespace
 
