@@ -9,22 +9,26 @@
 
 namespace tools {
 
-Arguments::Arguments(std::span<const char* const> words,
-                     std::span<const std::string_view> options) {
+Arguments::Arguments(std::span<const char* const> words, std::span<const std::string_view> options,
+                     std::span<const std::string_view> switches) {
+  const auto isIn = [](std::span<const std::string_view> names, const std::string& name) {
+    return std::ranges::find(names, name) != names.end();
+  };
   for (std::size_t i = 0; i < words.size(); ++i) {
     const std::string word = words[i];
     if (word == "--help" || word == "-h") {
       help_ = true;
     } else if (word == "--version") {
       version_ = true;
+    } else if (isIn(switches, word)) {
+      values_[word].emplace_back();
     } else if (!word.starts_with("-")) {
       plain_.push_back(word);
     } else {
       const std::size_t equals = word.find('=');
       const std::string name = word.substr(0, equals);
-      if (std::ranges::find(options, name) == options.end()) {
-        throw UsageError("unknown option " + inQuotes(name));
-      }
+      if (isIn(switches, name)) throw UsageError(name + " takes no value");
+      if (!isIn(options, name)) throw UsageError("unknown option " + inQuotes(name));
       const bool isOneWord = equals != std::string::npos;
       if (!isOneWord && i + 1 == words.size()) throw UsageError(name + " needs a value");
       values_[name].push_back(isOneWord ? word.substr(equals + 1) : words[++i]);
