@@ -17,7 +17,7 @@ namespace {
 
 namespace fs = std::filesystem;
 using namespace std::string_literals;
-using ::testing::HasSubstr;
+using ::testing::HasSubstr, ::testing::MatchesRegex;
 
 class InspectTest : public MarblewayTest {
  protected:
@@ -31,6 +31,11 @@ class InspectTest : public MarblewayTest {
     return std::to_string(WEXITSTATUS(pclose(pipe))) + " " + printed;
   }
   std::string inspect(const std::string& arguments) const { return run(program + " " + arguments); }
+  /// What it prints on a terminal of 60 columns.
+  std::string onTerminal(const std::string& arguments) const {
+    return run("script -qec 'stty cols 60; " + program + " " + arguments +
+               "' /dev/null </dev/null");
+  }
   /// Expects the exit status that `expected` begins with, and the text that follows it.
   void expect(const std::string& arguments, const std::string& expected) const {
     const std::string outcome = inspect(arguments);
@@ -89,22 +94,27 @@ TEST_F(InspectTest, CommandsShowRowsAndChangeNothing) {
   const std::pair<std::string, std::string> cases[] = {
       {"stats", "0 \nmrbw_v2_users                      5    340  2026-01-02 00:00:00.000  2026"},
       {"stats", "0 mrbw-http-prod-220.sqlite          2  12288  2026-01-01 00:00:00.000  2026"},
+      {"stats --user ann", "0 \ntotal                        "},
       {"stats --format csv --user ann", R"(0 "mrbw_v2_network_requests",1,68,"2026-01-01 00:00)"},
-      {"stats --format ndjson", R"(0 {"Table":"mrbw_v2_ads","Rows":0,"Bytes":0,"Oldest":null,)"},
+      {"stats --all --format ndjson", R"(0 {"Table":"mrbw_v2_ads","Rows":0,"Bytes":0,"Oldest":null,)"},
       {"rows users", "0 id  SessionID                             UserID       TypeID  UTCTimeS"},
       {"rows", "0 \n(1 row)\n\nmrbw_v2_events\n"},
       {"rows mrbw_v2_events --format=ndjson", "0 \n{\"Table\":\"mrbw_v2_events\",\"id\":2,\"Sess"},
       {"rows messages --format csv --user ann", "0 \n1,\"m\",\"ann\",\"AAAAAAAA-0000-0000-0000"},
       {"rows events --format csv --user o\\'bob", "0 " + columns + "2,"},
+      {"rows events --format csv --limit 1", "0 " + columns + "2,"},
+      {"rows users --format csv --user ann --limit 2 | tail -n 3 | cut -c1-3", "0 id,\n1,\"\n2,\""},
       {"rows --user nobody", "0 no session names this user"},
       {"privacy", "0 identifier  mrbw_v2_users             UserID            -        5       3"},
       {"privacy --format csv", R"(0 "mrbw_v2_user_attributes","AttributeValue","Plan",1,1,0)"},
       {"privacy --format csv", "0 \"mrbw_v2_messages\",\"PlatformDeviceID\",,2,1,1\n"},
       {"privacy --format csv --user o\\'bob", R"(0 "mrbw_v2_users","UserID",,3,2,1)"},
       {"batch --user ann", R"(0 {"BatchData":{"NetworkRequests":[{"id":"1",)"},
-      {"--help", "0 usage: marbleway-inspect DIRECTORY COMMAND"},
+      {"--help", "0 usage: marbleway-inspect [DIRECTORY COMMAND]"},
       {"--version", "0 marbleway-inspect 2.2.0\n"},
-      {"stats >/dev/full", "1 "},
+      {"stats >/dev/full", "1 the output cannot be written: No space left on device"},
+      {"stats --follow", "2 --follow is no option of this command"},
+      {"rows --follow=1", "2 --follow takes no value"},
       {"", "2 no command is given"},
       {"\"$(printf '\\033[1m')\"", R"(2 unknown command "\u001b[1m")"},
       {"rows events users", "2 one word too many: \"users\""},
@@ -127,7 +137,8 @@ TEST_F(InspectTest, ValuesKeepTheirBytesAndControlNothing) {
   Marbleway::trackEvent("\x01\"\\\n\xF0\x9F\x98\x80\xFF");
   const std::string table = inspect("rows screen_views"), shown = inspect("batch");
   EXPECT_THAT(table, HasSubstr("\\u000d\\n\\u001b[31m\\u007f\\u009b\\u202e\xC3\xA4"));
-  EXPECT_THAT(table, HasSubstr("  " + std::string(45, 'x') + "...  "));
+  EXPECT_THAT(table, HasSubstr("  " + std::string(49, 'x') + "  -"));
+  EXPECT_THAT(onTerminal("rows screen_views"), HasSubstr("\n 2  00000000-...  xxxxxxxxx...  -  "));
   EXPECT_EQ(shown, sentDocument());
   deleteRows();
   expect("batch", "0 nothing would be sent");
@@ -146,6 +157,32 @@ TEST_F(InspectTest, PagesLeaveNoRowOutBesideAWriter) {
   EXPECT_EQ(std::ranges::count(rest(unread), '\n'), 1499);  // what was there at the start
   query(storePath(), "INSERT INTO mrbw_v2_events (id) VALUES (9223372036854775807)");
   EXPECT_EQ(std::ranges::count(inspect("rows events --format ndjson"), '\n'), 1520);
+}
+
+TEST_F(InspectTest, FollowShowsNewRowsUntilInterrupted) {
+  recordUsers();
+  tests::Child follower([&] {
+    tests::Child::exec("echo $$; exec env " + program +
+                       " rows events --follow --limit 1 --format ndjson");
+  });
+  const pid_t process = std::stoi(follower.reported(10, '\n'));
+  EXPECT_THAT(follower.reported(1000, '\n'), HasSubstr("Sell"));
+  for (const char* const name : {"first", "second"}) {
+    Marbleway::trackEvent(name);
+    EXPECT_THAT(follower.reported(1000, '\n'), HasSubstr(name));
+  }
+  ::kill(process, SIGINT);
+  EXPECT_EQ(follower.wait(), "");
+}
+
+TEST_F(InspectTest, ApplicationsHaveTheirBundlesName) {
+  recordUsers();
+  fs::create_directories(scratch.path() / "marbleway/none");
+  fs::create_directory_symlink(directory.path(), scratch.path() / "marbleway/app");
+  const std::string here = "cd /; XDG_DATA_HOME=" + scratch.path().string() + " " INSPECT_PROGRAM;
+  EXPECT_THAT(run(here + " --format csv"), MatchesRegex("0 Application.*\n\"app\",[^\n]*app\"\n"));
+  EXPECT_THAT(run(here + " app rows events --limit 1"), HasSubstr("(1 row)"));
+  EXPECT_THAT(run(here + " nobody stats"), HasSubstr("1 marbleway-inspect: \"nobody\" is neither"));
 }
 
 TEST_F(InspectTest, UnfinishedStoresAreReadAsAtNextStart) {
@@ -195,6 +232,10 @@ TEST_F(InspectTest, UnreadableStoresAreReportedAndUnchanged) {
       }},
       {"stats", "0 mrbw-analytics-prod-220.sqlite is missing", [&] { fs::remove(store); }},
       {"stats", "1 no stores here", [&] { fs::remove_all(directory.path()); }},
+      {"stats", "1 cannot be read: Too many levels", [&] {
+        fs::remove_all(directory.path());
+        fs::create_directory_symlink(directory.path(), directory.path());
+      }},
       {"stats", "1 database is locked", [&] {
         holder.emplace(store, SQLITE_OPEN_READWRITE).execute("BEGIN EXCLUSIVE");
       }},

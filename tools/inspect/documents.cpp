@@ -27,6 +27,14 @@ const char* nameOf(Store store) {
   return store == Store::event ? marbleway::DBFileName : marbleway::HTTPDBFileName;
 }
 
+/// What `path` is, in a directory that can be read.
+fs::file_type kindOf(const fs::path& path) {
+  std::error_code error;
+  const fs::file_type kind = fs::status(path, error).type();
+  if (kind != fs::file_type::none) return kind;
+  throw ReadError(path.parent_path().string() + " cannot be read: " + error.message());
+}
+
 /// The file beside a store without which it is not whole, and how many of its first bytes are the
 /// same as long as the store and this file belong together.
 struct Log {
@@ -115,8 +123,9 @@ Documents::Documents(const fs::path& directory) : directory_(fs::absolute(direct
   std::vector<std::pair<Store, std::optional<Log>>> found;
   for (const Store store : kStores) {
     const fs::path file = directory_ / nameOf(store);
-    if (!fs::exists(file)) continue;
-    if (!fs::is_regular_file(file)) throw ReadError(file.string() + ": not a regular file");
+    const fs::file_type kind = kindOf(file);
+    if (kind == fs::file_type::not_found) continue;
+    if (kind != fs::file_type::regular) throw ReadError(file.string() + ": not a regular file");
     found.emplace_back(store, logOf(file));
   }
   if (found.empty()) throw ReadError(directory_.string() + ": no stores here");

@@ -1,8 +1,11 @@
+#include <cerrno>
 #include <csignal>
 #include <exception>
 #include <iostream>
 #include <span>
+#include <system_error>
 
+#include "tools/common/output.h"
 #include "tools/common/text.h"
 #include "tools/inspect/arguments.h"
 #include "tools/inspect/commands.h"
@@ -11,11 +14,21 @@
 
 namespace {
 
-void run(const tools::Arguments& arguments) {
-  if (arguments.answer("marbleway-inspect", inspect::kUsage, std::cout)) return;
+void run(const tools::Arguments& arguments, std::ostream& out) {
+  if (arguments.answer("marbleway-inspect", inspect::usage(), out)) return;
   const inspect::Request request = inspect::requestFrom(arguments);
   inspect::openStoresForReadingOnly();
-  inspect::runCommand(request, std::cout, std::cerr);
+  inspect::runCommand(request, out, std::cerr);
+}
+
+/// The exit status. A reader of the output that has left knows that it has.
+int finish(std::ostream& out, const tools::Output& output) {
+  if (out.flush()) return 0;
+  if (output.error() != EPIPE) {
+    std::cerr << "marbleway-inspect: the output cannot be written: "
+              << std::generic_category().message(output.error()) << '\n';
+  }
+  return 1;
 }
 
 }  // namespace
@@ -25,10 +38,11 @@ void run(const tools::Arguments& arguments) {
 int main(int count, char** arguments) {
   // When the reader of the output leaves, the program still has to remove its copies.
   std::signal(SIGPIPE, SIG_IGN);
-  std::ios::sync_with_stdio(false);
+  tools::Output output;
+  std::ostream out(&output);
   try {
-    run(inspect::readArguments({arguments + 1, arguments + count}));
-    return std::cout.flush() ? 0 : 1;
+    run(inspect::readArguments({arguments + 1, arguments + count}), out);
+    return finish(out, output);
   } catch (const tools::UsageError& error) {
     std::cerr << "marbleway-inspect: " << error.what() << " (--help lists the options)\n";
     return 2;
