@@ -4,14 +4,16 @@
 
 #include "Marbleway/core/diagnostics.h"
 #include "Marbleway/core/state.h"
+#include "Marbleway/platform/catch_all.h"
 #include "Marbleway/platform/platform.h"
 
 namespace marbleway::console {
 namespace {
 
+// A line that cannot be written is lost, and nothing else.
 void write(std::string_view prefix, std::string_view text) {
   if (!isLoggingEnabled) return;
-  platform::current()->console->writeLine(std::string(prefix).append(text));
+  catchAll([&] { platform::current()->console->writeLine(std::string(prefix).append(text)); });
 }
 
 }  // namespace

@@ -15,6 +15,7 @@ namespace marbleway::platform {
 namespace {
 
 constexpr std::size_t kMaxFileBytes = 1 << 20;
+constexpr std::size_t kMaxTextBytes = kMaxFileBytes - 4096;  // as JSON, beside the other settings
 
 class FileDefaults final : public UserDefaults {
  public:
@@ -28,8 +29,11 @@ class FileDefaults final : public UserDefaults {
     const auto* text = value != nullptr ? value->as<std::string>() : nullptr;
     return text != nullptr ? std::optional(*text) : std::nullopt;
   }
+  /// A text that would make the file larger than is read is not stored.
   void setText(std::string_view key, std::string_view text) override {
-    set(key, {.value = Value(text)});
+    Value value(text);
+    const bool isStored = toJSON(value).value_or("").size() <= kMaxTextBytes;
+    isStored ? set(key, {.value = std::move(value)}) : remove(key);
   }
   void setFlag(std::string_view key, bool flag) override { set(key, {.value = Value(flag)}); }
   void remove(std::string_view key) override { set(key, {}); }

@@ -35,30 +35,22 @@ bool hasRow(const std::string& session, const std::string& time) {
   return statement.step();
 }
 
-// True when the crash has its row.
-bool insertCrash(const platform::Failure& failure, const std::string& session) {
-  const std::string time = failure.time ? timeStampOf(*failure.time) : getUTCTimeStamp();
-  // A process may end after the row's commit and before its record is marked.
-  if (failure.onRecorded && hasRow(session, time)) {
-    failure.onRecorded();
-    return true;
-  }
-  insertRow(
-      "insert into mrbw_v2_crashes (id, SessionID, CrashDetails, StackTrace, UTCTimeStamp) VALUES (?, ?, ?, ?, ?)",
-      {session, failure.description, failure.callStack, time});
-  if (failure.onRecorded) {
-    if (!hasRow(session, time)) return false;  // the record stays for the next start-up
-    failure.onRecorded();
-  }
-  console::message("Crash Tracked");
-  return true;
-}
+enum class Time { atCrash, atStartUp };
 
-void trackCrash(const platform::Failure& failure) {
+void trackCrash(const platform::Failure& failure, Time now) {
   const auto session = failure.sessionID ? failure.sessionID : admittedSession(guards::trackCrash);
   if (!session) return;
 
-  const bool isRecorded = insertCrash(failure, *session);
+  const std::string time = failure.time ? timeStampOf(*failure.time) : getUTCTimeStamp();
+  // A process may end after the row's commit and before its record is marked.
+  if (failure.onRecorded && hasRow(*session, time)) return failure.onRecorded();
+  insertRow(
+      "insert into mrbw_v2_crashes (id, SessionID, CrashDetails, StackTrace, UTCTimeStamp) VALUES (?, ?, ?, ?, ?)",
+      {session, failure.description, failure.callStack, time});
+  // Without its row, a record stays for the next start-up.
+  const bool isRecorded = !failure.onRecorded || hasRow(*session, time);
+  if (isRecorded && failure.onRecorded) failure.onRecorded();
+  if (isRecorded || now == Time::atCrash) console::message("Crash Tracked");
   if (!diagnostics::areOn()) return;
   diagnostics::report({.kind = Diagnostic::Kind::crash,
                        .isFailure = !isRecorded,
@@ -68,12 +60,14 @@ void trackCrash(const platform::Failure& failure) {
 }  // namespace
 
 void uncaughtExceptionHandler(const platform::Failure& failure) {
-  catchAll([&] { trackCrash(failure); });
+  catchAll([&] { trackCrash(failure, Time::atCrash); });
 }
 
 void recordEarlierCrashes() {
-  platform::current()->crashHook->useRecords(platform::documentsDirectory(), sessionOfCrash,
-                                             uncaughtExceptionHandler);
+  platform::current()->crashHook->useRecords(
+      platform::documentsDirectory(), sessionOfCrash, [](const platform::Failure& failure) {
+        catchAll([&] { trackCrash(failure, Time::atStartUp); });
+      });
 }
 
 void setCrashSession(const std::string& identifier) {

@@ -148,6 +148,10 @@ bool StoreFile::execute(const char* sql) {
          sqlite3_exec(connection_, sql, nullptr, nullptr, nullptr) == SQLITE_OK;
 }
 
+bool StoreFile::isBusy() const {
+  return connection_ != nullptr ? sqlite3_errcode(connection_) == SQLITE_BUSY : !isCounted_;
+}
+
 Statement::Statement(const std::string& path, const char* sql, Journal journal)
     : file_(path, StoreFile::kUnlimited), sql_(sql), journal_(journal) {
   if (journal == Journal::persistent) {

@@ -33,6 +33,8 @@ class StoreFile {
 
   /// Runs `sql` to its end; false when any of it failed.
   bool execute(const char* sql);
+  /// Whether what has just failed did so because another connection held the store.
+  bool isBusy() const;
 
   /// Sleeps until the connections that wait have had the store, 50 ms at most. `minIntervals`, in
   /// milliseconds, leaves time to those of other processes, which are not counted.
@@ -79,6 +81,7 @@ class Statement {
   bool step();
   bool isDone() const { return isDone_; }
   bool isOverdue() const { return isOverdue_; }
+  bool isBusy() const { return !isDone_ && file_.isBusy(); }
   /// How long a statement with a limit has held the store, its commit included, at the end.
   std::chrono::steady_clock::duration held() const { return held_; }
   /// Column `index` of the row (from 0), "" for NULL; valid until the next step.
@@ -120,6 +123,7 @@ class LongRow {
   ~LongRow() = default;
 
   bool exists() const { return exists_; }
+  bool isBusy() const { return !exists_ && file_.isBusy(); }
   std::int64_t id() const { return id_; }
   /// Calls `use` with each piece of a column's text, which ends between two characters; not at all
   /// for NULL. False when the column cannot be read.

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cassert>
 #include <chrono>
+#include <cstdint>
 #include <filesystem>
 #include <string>
 
@@ -60,9 +61,11 @@ Range idsOf(const Table& table) {
 // Deletes range after range, as wide as one slice allows. Rows recorded meanwhile have greater
 // numbers and stay, as they would after one statement.
 void removeInSlices(const Table& table, const std::string& sql) {
+  constexpr std::int64_t kMaxWidth = std::int64_t{1} << 61;
   auto [first, last] = idsOf(table);
   for (std::int64_t width = 4096; first <= last;) {
-    const std::int64_t end = first + std::min(last - first, width - 1);
+    const auto others = static_cast<std::uint64_t>(last) - static_cast<std::uint64_t>(first);
+    const std::int64_t end = others < static_cast<std::uint64_t>(width) ? last : first + width - 1;
     const std::string slice =
         sql + " AND id BETWEEN " + std::to_string(first) + " AND " + std::to_string(end);
     const auto limit = width > 1 ? kSlice : StoreFile::kUnlimited;
@@ -70,10 +73,12 @@ void removeInSlices(const Table& table, const std::string& sql) {
     if (removal == Removal::failed) return;
     if (removal == Removal::overdue) {
       width /= 2;
+    } else if (end == last) {
+      return;
     } else {
       first = end + 1;
     }
-    if (removal == Removal::quick) width *= 2;
+    if (removal == Removal::quick) width = std::min(width, kMaxWidth) * 2;
     StoreFile::pauseForOthers(kPauseIntervals);
   }
 }

@@ -4,6 +4,7 @@
 #include "Marbleway/core/console.h"
 #include "Marbleway/core/conversions.h"
 #include "Marbleway/core/operation.h"
+#include "Marbleway/platform/catch_all.h"
 #include "Marbleway/platform/platform.h"
 #include "Marbleway/store/store.h"
 #include "Marbleway/store/timestamp.h"
@@ -48,13 +49,15 @@ void Marbleway::trackPushNotification(const Dictionary& userInfo) noexcept {
     const auto services = platform::current();
     const std::string timeStamp = getUTCTimeStamp();
     if (!messageID.isMissing()) {
-      insertRow(
-          "insert into mrbw_v2_messages (id, MessageID, UserID, PlatformDeviceID, OperatingSystem, UTCTimeStamp) VALUES (?, ?, ?, ?, ?, ?)",
-          {messageID, textIn(*aps, "mrbw_userID"), services->device->vendorIdentifier(), "iOS",
-           timeStamp});
+      catchAll([&] {
+        insertRow(
+            "insert into mrbw_v2_messages (id, MessageID, UserID, PlatformDeviceID, OperatingSystem, UTCTimeStamp) VALUES (?, ?, ?, ?, ?, ?)",
+            {messageID, textIn(*aps, "mrbw_userID"), services->device->vendorIdentifier(), "iOS",
+             timeStamp});
+      });
     }
     console::message("Push Notification Tracked");  // also without a row
-    services->userInterface->setBadgeNumber(0);
+    catchAll([&] { services->userInterface->setBadgeNumber(0); });
     const bool opensLink = action.view() == "LaunchDeepLink" || action.view() == "LaunchWebURL";
     if (opensLink && isAbsoluteURL(link)) services->userInterface->openURL(link.view());
   });

@@ -38,9 +38,11 @@ constexpr IdentifierType kIdentifierTypes[] = {
 };
 
 void persistUser(const Text& identifier) {
-  const auto defaults = platform::current()->userDefaults;
-  defaults->setText("Marbleway_UserID", identifier.view());
-  defaults->synchronize();
+  catchAll([&] {
+    const auto defaults = platform::current()->userDefaults;
+    defaults->setText("Marbleway_UserID", identifier.view());
+    defaults->synchronize();
+  });
 }
 
 }  // namespace

@@ -50,11 +50,13 @@ class TableReader {
     }
   }
 
-  void readAll() {
+  // False when another connection held the store amid the table, so that rows are missing.
+  bool readAll() {
     document_.beginArray(table_);
     while (readRows() && readLongRow()) {
     }
     document_.endArray();
+    return !isCutShort_;
   }
 
  private:
@@ -76,6 +78,7 @@ class TableReader {
         }
         isInTime = std::chrono::steady_clock::now() < end;
       }
+      isCutShort_ = latest_ != kNone && row.isBusy();
       if (isInTime) return row.isRowTooLong();
     }
   }
@@ -83,6 +86,7 @@ class TableReader {
   // False when the row cannot be read.
   bool readLongRow() {
     LongRow row(path_, table_, latest_);
+    isCutShort_ = row.isBusy();
     if (!row.exists()) return false;
     latest_ = row.id();
     return isDropped(row) || document_.addRow(table_, row);
@@ -103,6 +107,7 @@ class TableReader {
   const std::string path_;
   std::vector<std::string> blacklist_;  // for network requests
   std::int64_t latest_ = kNone;         // the id of the row read last
+  bool isCutShort_ = false;
 };
 
 // What keeps a batch from being begun; null: nothing.
@@ -129,7 +134,7 @@ void batchData() {
   Document document;
   CutOffs cutOffs;
   for (std::size_t i = 0; i < std::size(kTables); ++i) {
-    TableReader(kTables[i], document).readAll();
+    if (!TableReader(kTables[i], document).readAll()) return reportNotBegun("the store is busy");
     cutOffs.at(i) = getUTCTimeStamp();
   }
   const std::size_t rows = document.rows();

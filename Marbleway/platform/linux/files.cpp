@@ -148,9 +148,12 @@ void createFile(const std::string& file,
     if (!created.isOpen()) return;
     (void)fchmod(created.number(), S_IRUSR | S_IWUSR);  // the umask may have taken more away
   }
-  // Neither replaces a file; the second is for file systems without links.
-  if (fill(unfinished) && ::link(unfinished.c_str(), file.c_str()) != 0) {
-    (void)renameat2(AT_FDCWD, unfinished.c_str(), AT_FDCWD, file.c_str(), RENAME_NOREPLACE);
+  // Neither replaces a file; the second is for file systems without links. The third is for those
+  // without such a renaming: the lock keeps other processes of this library away.
+  if (fill(unfinished) && ::link(unfinished.c_str(), file.c_str()) != 0 &&
+      renameat2(AT_FDCWD, unfinished.c_str(), AT_FDCWD, file.c_str(), RENAME_NOREPLACE) != 0 &&
+      directory.isHeld() && kindOf(file.c_str()) == FileKind::missing) {
+    (void)moveFile(unfinished, file);
   }
   remove();
 }
