@@ -142,7 +142,8 @@ TEST_F(CollectorPageTest, AnswersNoOtherSite) {
   settings.allowedHosts = {"collector"};
   start();
   const std::string port = std::to_string(server->port()), cookie = "collector_" + port + "=";
-  EXPECT_THAT(log_.str(), HasSubstr("page at http://0.0.0.0:" + port + "/?token=secret\n"));
+  EXPECT_THAT(log_.str(), HasSubstr("page at http://127.0.0.1:" + port + "/?token=secret\n"));
+  EXPECT_THAT(log_.str(), HasSubstr("/v2/ and http://" + machineName() + ":" + port + "/?token=secret\n"));
   const std::pair<const std::string, std::string> bearer{"Authorization", "Bearer secret"};
   const std::string needed = "401 the page's token is needed", rows = "GET /api/rows";
   const std::string foreign = "403 the request comes from another site";
@@ -155,6 +156,8 @@ TEST_F(CollectorPageTest, AnswersNoOtherSite) {
       {rows, "200 ", "", {bearer, {"Host", "localhost:1"}}},
       {rows, "200 ", "", {bearer, {"Host", "192.0.2.1"}}},
       {rows, "200 ", "", {bearer, {"Host", "collector:80"}}},
+      {rows, "200 ", "", {bearer, {"Host", machineName()}}},
+      {rows, foreign, "", {bearer, {"Origin", "http://other"}}},
       {rows, "403 the header \"Host\" names another", "", {bearer, {"Host", "rebound.example"}}},
       {kReset, "204 ", "", {bearer, {"Origin", "http://127.0.0.1:" + port}}},
       {kReset, foreign, "", {bearer, {"Origin", "http://other"}}},

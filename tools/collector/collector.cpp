@@ -130,14 +130,25 @@ Collector::Collector(const Settings& settings, std::ostream& log)
       failuresLeft_(settings.failBatches),
       log_(log) {
   port_ = server_.listenOn(settings.host, settings.port);
-  const std::string url = "http://" + settings.host + ":" + std::to_string(port_);
   const std::string token = pageTokenOf(settings);
-  page_.emplace(records_, PageGuard(settings.host, token, settings.allowedHosts), url + "/v2/",
-                tokens_);
+  page_.emplace(records_, PageGuard(settings.host, token, settings.allowedHosts), tokens_);
   route();
   server_.start();
-  print("listening on " + url + "/v2/");
-  print("page at " + url + "/" + (token.empty() ? "" : "?token=" + token));
+  printAddresses(settings.host, token.empty() ? "" : "?token=" + token);
+}
+
+/// The addresses for a program and a browser on this machine; where every address is listened on,
+/// also those for other machines, by this machine's name.
+void Collector::printAddresses(const std::string& host, const std::string& query) {
+  const auto url = [&](const std::string& name) {
+    return "http://" + authority(name, port_) + "/";
+  };
+  const std::string own = host == "0.0.0.0" ? "127.0.0.1" : host == "::" ? "::1" : host;
+  print("listening on " + url(own) + "v2/");
+  print("page at " + url(own) + query);
+  if (!isEveryAddress(host)) return;
+  const std::string fromElsewhere = url(machineName());
+  print("from other machines " + fromElsewhere + "v2/ and " + fromElsewhere + query);
 }
 
 Collector::~Collector() {

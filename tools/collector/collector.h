@@ -24,7 +24,8 @@ namespace collector {
 class Collector {
  public:
   /// Returns when requests are taken; the first line of `log` has the address, the second the
-  /// page's. Throws std::runtime_error when a file or the port cannot be used.
+  /// page's, a third those for other machines. Throws std::runtime_error when a file or the port
+  /// cannot be used.
   Collector(const Settings& settings, std::ostream& log);
   /// Answers the requests that have arrived and takes no more. Streams and waits end.
   ~Collector();
@@ -60,6 +61,7 @@ class Collector {
   static bool isKnown(const httplib::Request& request);
   void reject(const httplib::Request& request, httplib::Response& response);
   void conclude(const Entry& entry, httplib::Response& response, const std::string& body);
+  void printAddresses(const std::string& host, const std::string& query);
   void print(const std::string& line);
 
   const std::vector<std::string> tokens_;

@@ -72,12 +72,8 @@ Range rangeOf(const Parameters& parameters) {
 
 }  // namespace
 
-PageApi::PageApi(Records& records, PageGuard guard, std::string url,
-                 std::vector<std::string> tokens)
-    : records_(records),
-      guard_(std::move(guard)),
-      url_(std::move(url)),
-      tokens_(std::move(tokens)) {}
+PageApi::PageApi(Records& records, PageGuard guard, std::vector<std::string> tokens)
+    : records_(records), guard_(std::move(guard)), tokens_(std::move(tokens)) {}
 
 void PageApi::route(httplib::Server& server) {
   constexpr std::array<std::pair<const char*, Answer>, 12> kReadings{{
@@ -149,7 +145,6 @@ void PageApi::summary(const httplib::Request& /*request*/, httplib::Response& re
     tools::member(writer, "invalidBatches", batches.faulty);
     tools::member(writer, "handshakes", handshakes.all);
     tools::member(writer, "refusedHandshakes", handshakes.faulty);
-    tools::member(writer, "url", url_);
     tools::member(writer, "needsToken", guard_.needsToken());
     tools::put(writer, "tokens");
     writer.StartArray();

@@ -19,7 +19,7 @@ namespace collector {
 /// Each answer reads the data file over a connection of its own. Thread: those of the server.
 class PageApi {
  public:
-  PageApi(Records& records, PageGuard guard, std::string url, std::vector<std::string> tokens);
+  PageApi(Records& records, PageGuard guard, std::vector<std::string> tokens);
 
   void route(httplib::Server& server);
 
@@ -49,7 +49,6 @@ class PageApi {
 
   Records& records_;
   const PageGuard guard_;
-  const std::string url_;
   const std::vector<std::string> tokens_;
   Slots streams_{24}, waits_{16};  // an export takes the slot of a wait
 };

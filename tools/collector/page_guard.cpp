@@ -1,9 +1,11 @@
 #include "tools/collector/page_guard.h"
 
 #include <arpa/inet.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <array>
+#include <cctype>
 #include <string_view>
 #include <utility>
 
@@ -55,6 +57,21 @@ bool isLoopback(const std::string& host) {
   return host == "localhost" || host == "::1" || (host.starts_with("127.") && isAddress(host));
 }
 
+bool isEveryAddress(const std::string& host) { return host == "0.0.0.0" || host == "::"; }
+
+std::string machineName() {
+  std::array<char, 256> name{};
+  gethostname(name.data(), name.size() - 1);
+  std::string text = name.data();
+  for (char& c : text) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+  return text;
+}
+
+std::string authority(const std::string& host, int port) {
+  const std::string suffix = ":" + std::to_string(port);
+  return host.find(':') == host.npos ? host + suffix : "[" + host + "]" + suffix;
+}
+
 void refuse(httplib::Response& response, int status, const std::string& fault) {
   response.status = status;
   response.set_content(errorBody(fault), "application/json");
@@ -69,8 +86,7 @@ bool PageGuard::admits(const httplib::Request& request, httplib::Response& respo
     return false;
   }
   const std::string origin = request.get_header_value("Origin");
-  if (request.method == "POST" && request.has_header("Origin") &&
-      origin != "http://" + request.get_header_value("Host")) {
+  if (request.has_header("Origin") && origin != "http://" + request.get_header_value("Host")) {
     refuse(response, 403, "the request comes from another site");
     return false;
   }
@@ -81,13 +97,14 @@ bool PageGuard::admits(const httplib::Request& request, httplib::Response& respo
 }
 
 /// A name that resolves to this machine is not its own, since any site can make one. Where every
-/// address is listened on, each address is its own.
+/// address is listened on, each address is its own, and so is the name that the machine gives
+/// itself.
 bool PageGuard::isOwnHost(const httplib::Request& request) const {
   if (request.get_header_value_count("Host") != 1) return false;
   const std::string host = hostOf(request.get_header_value("Host"));
   if (isLoopback(host) || host == host_) return true;
   if (std::ranges::find(names_, host) != names_.end()) return true;
-  return (host_ == "0.0.0.0" || host_ == "::") && isAddress(host);
+  return isEveryAddress(host_) && (isAddress(host) || host == machineName_);
 }
 
 bool PageGuard::knowsToken(const httplib::Request& request, httplib::Response& response) const {

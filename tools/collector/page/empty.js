@@ -1,7 +1,7 @@
 // What the first view shows until a row arrives: a sample, and how far an application has come.
 
 function snippet() {
-  const url = summary.url.replace(/\/?(v2\/?)?$/, "/v2/");
+  const url = `${location.origin}/v2/`;
   return `#include <Marbleway/Host.h>
 #include <Marbleway/Marbleway.h>
 
