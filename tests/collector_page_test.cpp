@@ -11,6 +11,7 @@ using testing::Not;
 constexpr auto kReset = "POST /api/reset";
 constexpr auto kBehaviour = "POST /api/behaviour";
 constexpr auto kBatches = "GET /api/batches";
+constexpr auto kLater = "2026-01-02 00:00:00.006";
 
 std::string view(const std::string& id, const std::string& session) {
   return row("ScreenViews", {{"id", id}, {"SessionID", session}, {"ScreenName", "main"}});
@@ -32,7 +33,8 @@ class CollectorPageTest : public CollectorTest {
 
   void sendFourEvents() const {
     talk({{kBatch, "200 ", batch("Events", event("1", "opened") + "," + event("2", "closed"))},
-          {kBatch, "200 ", batch("Events", event("2", "closed") + "," + event("3", "opened"))}});
+          {kBatch, "200 ",
+           batch("Events", event("3", "opened", kLater) + "," + event("2", "closed"))}});
   }
 };
 

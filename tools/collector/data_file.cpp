@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <utility>
 
 #include "tools/common/json_text.h"
@@ -140,9 +141,17 @@ void DataFile::Batch::add(const Kind& kind, std::span<const std::string_view> te
   ++tally_.counts[positionOf(kind)];
   if (isNew) ++tally_.newRows;
   const std::string_view session = kind.hasSession() ? texts[1] : std::string_view();
-  file_.insertArrival_.bindAll(received_, kind.name(), row, session, origin_.token, origin_.number,
-                               std::string_view(isNew ? "new" : "again"));
-  file_.insertArrival_.run();
+  arrivals_.push_back({&kind, texts.back(), session, row, isNew});
+}
+
+/// A batch has its rows table by table; rows of one time stay in that order.
+void DataFile::Batch::insertArrivals() {
+  std::ranges::stable_sort(arrivals_, {}, &Arrival::time);
+  for (const auto& [kind, time, session, row, isNew] : arrivals_) {
+    file_.insertArrival_.bindAll(received_, kind->name(), row, session, origin_.token,
+                                 origin_.number, std::string_view(isNew ? "new" : "again"));
+    file_.insertArrival_.run();
+  }
 }
 
 std::pair<long long, bool> DataFile::Batch::insertOrCount(const Kind& kind,
@@ -164,6 +173,7 @@ std::pair<long long, bool> DataFile::Batch::insertOrCount(const Kind& kind,
 }
 
 Tally DataFile::Batch::commit() {
+  insertArrivals();
   for (const Kind& kind : kKinds) {
     tools::Statement& markGaps = file_.statements_[positionOf(kind)].markGaps;
     if (tally_.counts[positionOf(kind)] == 0 || !kind.hasSession()) continue;

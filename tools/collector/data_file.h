@@ -7,6 +7,7 @@
 #include <string>
 #include <string_view>
 #include <utility>
+#include <vector>
 
 #include "tools/collector/kinds.h"
 #include "tools/common/database.h"
@@ -35,8 +36,8 @@ struct Entry {
 };
 
 /// The SQLite file of all that arrives, made with mode 0600: a table a kind, with a row's texts as
-/// sent and TimesReceived; the table Arrivals, with one line each time that a row arrives, in that
-/// order; and the table Requests.
+/// sent and TimesReceived; the table Arrivals, with one line each time that a row arrives, batch by
+/// batch and within one by the device's time; and the table Requests.
 ///
 /// A row equal in every member to a stored one is the same row, sent again: it is counted, not
 /// stored twice.
@@ -82,10 +83,19 @@ class DataFile::Batch {
   Batch(const Batch&) = delete;
   Batch& operator=(const Batch&) = delete;
 
+  /// The texts must live until the commit.
   void add(const Kind& kind, std::span<const std::string_view> texts);
   Tally commit();
 
  private:
+  struct Arrival {
+    const Kind* kind;
+    std::string_view time, session;
+    long long row;  // the rowid in its kind's table
+    bool isNew;
+  };
+
+  void insertArrivals();
   /// The rowid of the row in its kind's table, and whether it was there before.
   std::pair<long long, bool> insertOrCount(const Kind& kind,
                                            std::span<const std::string_view> texts);
@@ -96,6 +106,7 @@ class DataFile::Batch {
   const long long received_;  // milliseconds since 1970, UTC
   bool committed_ = false;
   Tally tally_;
+  std::vector<Arrival> arrivals_;
 };
 
 }  // namespace collector
