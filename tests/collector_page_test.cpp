@@ -55,6 +55,7 @@ TEST_F(CollectorPageTest, FindsRowsByWhatTheyHold) {
       {"GET /api/rows?token=T-1", R"(200 {"rows":[],"total":0})"},
       {"GET /api/summary", R"(200 "rows":5,"again":1,"gaps":0,"sessions":2,"batches":3)"},
       {"GET /api/summary", R"(200 "needsToken":false,"tokens":["T-1","T-2"])"},
+      {"GET /api/sessions", R"(200 "user":"","begin":"2026-01-02 00:00:00.005","end":"2026-01-02 00:00:00.006","crashes":0)"},
       {"GET /api/rows?table=events", R"(400 "events" is not a table)"},
       {"GET /api/rows?EventNam=x", R"(400 no table has the column "EventNam")"},
       {"GET /api/rows?limit=-1", R"(400 "limit" is not a number from 0 to 10000)"},

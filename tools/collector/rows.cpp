@@ -18,6 +18,22 @@ constexpr auto kSessions =
     "SELECT SessionID, max(n) AS newest, count(*), min(Received), max(Received), max(Token) "
     "FROM Arrivals WHERE SessionID <> '' GROUP BY SessionID ORDER BY newest DESC LIMIT 200";
 
+/// The first and the last time of a session and its crashes. A device numbers its rows in the order
+/// of time, so that the first and last row of each table answer, which the index finds.
+std::string outlineText() {
+  std::string times;
+  for (const Kind& kind : kKinds) {
+    if (!kind.hasSession()) continue;
+    for (const char* order : {"", " DESC"}) {
+      times += times.empty() ? "" : " UNION ALL ";
+      times.append("SELECT * FROM (SELECT UTCTimeStamp AS Time FROM ").append(kind.name());
+      times.append(" WHERE SessionID = ?1 ORDER BY id").append(order).append(" LIMIT 1)");
+    }
+  }
+  return "SELECT min(Time), max(Time), (SELECT count(*) FROM Crashes WHERE SessionID = ?1) FROM (" +
+         times + ") WHERE Time <> ''";
+}
+
 std::size_t sizeOf(const Row& row) {
   std::size_t size = 0;
   for (const std::string& text : row.texts) size += text.size();
@@ -172,6 +188,7 @@ void RowReader::putSummary(tools::JsonWriter& writer) {
 
 void RowReader::putSessions(tools::JsonWriter& writer) {
   tools::Statement sessions = database_.prepare(kSessions);
+  tools::Statement outline = database_.prepare(outlineText());
   writer.StartArray();
   while (sessions.step()) {
     writer.StartObject();
@@ -180,10 +197,25 @@ void RowReader::putSessions(tools::JsonWriter& writer) {
     tools::member(writer, "first", tools::isoTime(sessions.number(3)));
     tools::member(writer, "last", tools::isoTime(sessions.number(4)));
     tools::member(writer, "token", sessions.text(5));
+    putOutline(writer, outline, sessions.text(0));
     putProfile(writer, sessions.text(0));
     writer.EndObject();
   }
   writer.EndArray();
+}
+
+void RowReader::putOutline(tools::JsonWriter& writer, tools::Statement& outline,
+                           std::string_view session) {
+  constexpr std::string_view kAnyTime = "9999";
+  user_.bindAll(session, kAnyTime);
+  tools::member(writer, "user", user_.step() ? user_.text(0) : std::string_view());
+  user_.reset();
+  outline.bindAll(session);
+  outline.step();
+  tools::member(writer, "begin", outline.text(0));
+  tools::member(writer, "end", outline.text(1));
+  tools::member(writer, "crashes", outline.number(2));
+  outline.reset();
 }
 
 void RowReader::putProfile(tools::JsonWriter& writer, std::string_view session) {

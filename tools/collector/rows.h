@@ -62,6 +62,7 @@ class RowReader {
   void addTexts(Row& row, long long place);
   void addUser(Row& row);
   void putProfile(tools::JsonWriter& writer, std::string_view session);
+  void putOutline(tools::JsonWriter& writer, tools::Statement& outline, std::string_view session);
 
   tools::Database database_;
   std::array<std::optional<tools::Statement>, kKinds.size()> texts_;  // prepared when first needed
