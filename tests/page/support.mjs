@@ -76,7 +76,7 @@ export async function eventually(probe, expected) {
 /** The texts of one column, of the rows in sight. */
 export const column = (page, name) => page.evaluate((cell) =>
   [...document.querySelectorAll("#spacer .row:not([hidden])")].sort((a, b) => a.ariaRowIndex - b.ariaRowIndex)
-    .map((row) => row.querySelector(cell).textContent), `.cell-${name}`);
+    .map((row) => (row.querySelector(`${cell} b`) ?? row.querySelector(cell)).textContent), `.cell-${name}`);
 export const countRows = (page, expected) => eventually(async () => (await column(page, "name")).length, expected);
 
 /** Posts a request of the protocol; resolves to the status. */

@@ -3,7 +3,7 @@
 const batchesView = {id: "batches", items: [], chosen: null, key: (b) => b.n,
   none: "No batch has arrived since the collector's start.",
   label: (b) => [`#${b.n} `, statusText(b), el("small", {},
-    `${localTime(b.received)} · ${plural(b.rows, "row")}, ${b.newRows} new · ${plural(b.bytes, "byte")}`)],
+    `${timeText(b.received)} · ${plural(b.rows, "row")}, ${b.newRows} new · ${plural(b.bytes, "byte")}`)],
   detail: batchDetail};
 
 function batchDetail(batch) {
@@ -13,7 +13,7 @@ function batchDetail(batch) {
     raw.replaceChildren(copyButton("Copy", () => text), longText(text, "pre"));
   }}, "Show the raw body"));
   return [el("h2", {}, `Batch #${batch.n}`),
-    pairs([["Received", timeAndDate(batch.received)], ["Token", batch.token], ["Size", plural(batch.bytes, "byte")],
+    pairs([["Received", withZone(batch.received)], ["Token", batch.token], ["Size", plural(batch.bytes, "byte")],
       ["Rows", `${batch.rows}, ${batch.newRows} of them new`], ["Status", String(batch.status || "no answer")],
       ["Answer", batch.answer]]),
     el("h3", {}, "Strict check"),

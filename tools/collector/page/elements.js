@@ -1,4 +1,4 @@
-// Elements of the document, texts and times as all views show them. What applications sent only ever
+// Elements of the document and texts as all views show them. What applications sent only ever
 // becomes text nodes: nothing is parsed as HTML, no text becomes an attribute that acts.
 
 const byId = (id) => document.getElementById(id);
@@ -28,23 +28,13 @@ function textNodes(text) {
 const visible = (text) => text.replace(new RegExp(UNSEEN.source, "g"), nameOfUnseen);
 
 const clip = (text, length) => (text.length > length ? text.slice(0, length) + "…" : text);
-const plural = (count, word) => `${count.toLocaleString("en")} ${word}${count === 1 ? "" : "s"}`;
-const two = (number) => String(number).padStart(2, "0");
-const clockOf = (date) => `${two(date.getHours())}:${two(date.getMinutes())}:${two(date.getSeconds())}`;
-/** The collector's times are shown in this computer's time zone, the device's as they were sent. */
-function localTime(iso) {
-  const date = new Date(iso);
-  return `${clockOf(date)}.${String(date.getMilliseconds()).padStart(3, "0")}`;
-}
-const timeAndDate = (iso) => `${localTime(iso)} (${iso})`;
-
-function lagText(ms) {
-  if (ms == null) return "";
-  const size = Math.abs(ms);
-  if (size < 1000) return `${ms} ms`;
-  if (size < 120e3) return `${(ms / 1000).toFixed(1)} s`;
-  if (size < 7200e3) return `${Math.round(ms / 60e3)} min`;
-  return size < 172800e3 ? `${Math.round(ms / 3600e3)} h` : `${Math.round(ms / 86400e3)} d`;
+const plural = (count, word, ending = "s") => `${count.toLocaleString("en")} ${word}${count === 1 ? "" : ending}`;
+/** The neighbour that an arrow key means, in a row or column of controls. */
+function moveAmong(controls, key) {
+  const step = {ArrowDown: 1, ArrowRight: 1, ArrowUp: -1, ArrowLeft: -1}[key];
+  const next = step && controls[controls.indexOf(document.activeElement) + step];
+  if (next) next.focus();
+  return next;
 }
 
 /** Runs `task` before the next frame, once, however often it is asked for. */

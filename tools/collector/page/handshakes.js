@@ -2,12 +2,12 @@
 
 const handshakesView = {id: "handshakes", items: [], chosen: null, key: (h) => h.n,
   none: "No handshake has arrived since the collector's start.",
-  label: (h) => [`#${h.n} `, statusText(h), el("small", {}, localTime(h.received))], detail: handshakeDetail};
+  label: (h) => [`#${h.n} `, statusText(h), el("small", {}, timeText(h.received))], detail: handshakeDetail};
 
 function handshakeDetail(handshake) {
   return [el("h2", {}, `Handshake #${handshake.n}`),
-    pairs([["Received", timeAndDate(handshake.received)], ["Token", handshake.token],
+    pairs([["Received", withZone(handshake.received)], ["Token", handshake.token],
       ["Status", String(handshake.status || "no answer")]]),
     el("h3", {}, "Request"), headerTable(handshake.headers), bodyBox(handshake.request),
-    el("h3", {}, "Answer"), bodyBox(handshake.answer)];
+    fixedNote(Object.entries(parseJSON(handshake.request) ?? {})), el("h3", {}, "Answer"), bodyBox(handshake.answer)];
 }

@@ -4,11 +4,14 @@ let gaps = new Map();   // "device\ntable" -> rows that came after a gap
 let again = new Map();  // the same -> arrivals of rows that were here before
 
 function forgetHealth() {
+  crashes = new Map();
   gaps = new Map();
   again = new Map();
 }
 
-function noteHealth({device, table, state}) {
+function noteHealth(row) {
+  noteCrash(row);
+  const {device, table, state} = row;
   const map = {gap: gaps, again}[state];
   const key = `${device}\n${table}`;
   map?.set(key, (map.get(key) ?? 0) + 1);
@@ -40,7 +43,7 @@ function showHealth() {
     el("div", {class: "figures"}, figure("rows arrived", summary.rows), figure("↻ rows sent again", summary.again),
       figure("⚠ gaps in ids", summary.gaps, true), figure("✗ invalid batches", summary.invalidBatches, true),
       figure("✗ refused handshakes", summary.refusedHandshakes, true)),
-    el("div", {class: "columns"}, healthTables(), healthDevices()),
+    el("div", {class: "columns"}, healthTables(), healthDevices()), crashCard(),
     el("p", {class: "apart"}, el("button", {click: forgetAll}, "Forget everything…"),
       " Empties the collector: rows, batches and handshakes."));
 }

@@ -1,28 +1,48 @@
 // All of one row, beside any view.
 
-let openedFrom = null;
+const panel = {row: null, n: 0, openedFrom: null};  // `n`: of the row, also while it is being fetched
 
 function openPanel(row, takesFocus = true) {
-  const panel = byId("panel");
-  if (panel.hidden) openedFrom = document.activeElement;
-  panel.hidden = false;
-  panel.replaceChildren(
-    el("div", {class: "top"}, el("h2", {}, textNodes(clip(row.name || row.table, 300))),
+  const box = byId("panel");
+  if (box.hidden) panel.openedFrom = document.activeElement;
+  Object.assign(panel, {row, n: row.n});
+  box.hidden = false;
+  const title = el("h2");
+  showName(title, row);
+  box.replaceChildren(
+    el("div", {class: "top"}, title,
       copyButton("Copy JSON", () => JSON.stringify(Object.fromEntries(row.fields), null, 2)),
       el("button", {click: closePanel, "aria-label": "Close", title: "Escape"}, "✕")),
     pairs([["Table", row.table], ["State", stateText(row)], ["Number", String(row.n)],
-      ["Received", timeAndDate(row.received)], ["Lag", lagText(row.lagMs)], ["User", row.user],
-      ["Device", row.device], ["Token", row.token], ["Batch", String(row.batch ?? "")]]),
+      ["Received", withZone(row.received)], ["Device time", withZone(isoOf(row.time))],
+      ["Lag", durationText(row.lagMs)], ["User", row.user], ["Device", row.device], ["Token", row.token],
+      ["Batch", String(row.batch ?? "")], ["First frame", row.table === "Crashes" ? crashText(row) : ""]]),
+    fixedNote(row.fields),
     el("h3", {}, "Fields, in the order as sent"),
     ...row.fields.map(([name, value]) => fieldOf(name, value)));
-  panel.scrollTop = 0;
-  if (takesFocus) panel.focus();
+  box.scrollTop = 0;
+  if (takesFocus) box.focus();
   invalidate(showList);
+  noteAddress(takesFocus);  // moving from row to row by arrow keys is no step
+}
+
+/** Opens row number `n`, which the page may not hold. */
+async function openNumber(n) {
+  panel.n = n;
+  const {rows} = await get(`/api/rows?after=${n - 1}&limit=1`).catch(() => ({rows: []}));
+  if (panel.n !== n) return;  // another was opened meanwhile
+  const [row] = rows;
+  if (row?.n !== n) { panel.n = 0; return noteAddress(false); }
+  openPanel(row, false);
+  choose(row);
 }
 
 function closePanel() {
-  if (byId("panel").hidden) return;
+  panel.n = 0;
+  if (!panel.row) return;
+  panel.row = null;
   byId("panel").hidden = true;
-  openedFrom?.focus?.();
+  panel.openedFrom?.focus?.();
   invalidate(showList);
+  noteAddress();
 }

@@ -10,6 +10,12 @@ function addTo(view, item) {
   soon(view.show ??= () => showSplit(view), 200);
 }
 
+function chooseEntry(view, key) {
+  view.chosen = key;
+  view.shownKey = null;
+  showSplit(view);
+}
+
 /** Shows a view's list, and the chosen item if it is not shown already. */
 function showSplit(view) {
   const section = byId(view.id);
@@ -22,7 +28,7 @@ function showSplit(view) {
   const focused = choices.contains(document.activeElement) ? document.activeElement.dataset.key : null;
   choices.replaceChildren(...view.items.map((item) => el("button", {
     "data-key": view.key(item), "aria-current": String(view.key(item) === view.chosen),
-    click: () => { view.chosen = view.key(item); view.shownKey = null; showSplit(view); },
+    click: () => { chooseEntry(view, view.key(item)); noteAddress(); },
   }, view.label(item))));
   if (focused !== null) [...choices.children].find((button) => button.dataset.key === focused)?.focus();
   const item = view.items.find((one) => view.key(one) === view.chosen) ?? view.items[0];

@@ -1,48 +1,21 @@
 // The rows that the page holds, and the filter that chooses those shown.
 
-/** Rows by falling number. Arrivals are added at the front, pages from the past at the end, at no cost. */
-class Deck {
-  newer = [];  // rising
-  older = [];  // falling
-
-  get length() { return this.newer.length + this.older.length; }
-
-  at(index) {
-    const {newer, older} = this;
-    return index < newer.length ? newer[newer.length - 1 - index] : older[index - newer.length];
-  }
-
-  /** Where row number `n` is, or -1. */
-  indexOf(n) {
-    let low = 0, high = this.length;
-    while (low < high) {
-      const middle = (low + high) >> 1;
-      if (this.at(middle).n > n) low = middle + 1; else high = middle;
-    }
-    return low < this.length && this.at(low).n === n ? low : -1;
-  }
-
-  /** Forgets the rows before number `n`. */
-  dropBefore(n) {
-    const {newer, older} = this;
-    while (older.length && older[older.length - 1].n < n) older.pop();
-    if (older.length) return;
-    let count = 0;
-    while (count < newer.length && newer[count].n < n) ++count;
-    newer.splice(0, count);
-  }
-}
-
 const KEPT = 100000;  // rows that the page holds; the collector holds all
 let store = new Deck();
-let shown = new Deck();  // those of the store that pass the filter
+let shown = new Deck();  // those of the store that pass the filter, in the chosen order
 let lastN = 0;           // the newest row that was taken into the store
 let receivedN = 0;       // the same, with those that are held
 let held = null;         // while paused: what arrived meanwhile
 let summary = null;
 let counts = new Map();    // rows by table, since the collector's start or the last clearing
 let minutes = new Map();   // minute since 1970 -> table -> rows
-const filter = {table: "", session: "", token: "", text: "", minute: null, pattern: null};
+const NO_FILTER = {table: "", session: "", token: "", text: "", minute: null};
+const filter = {...NO_FILTER, pattern: null};
+const BY_ARRIVAL = {column: "received", isFalling: true};
+let order = BY_ARRIVAL;
+
+const isFiltered = () => Object.keys(NO_FILTER).some((key) => filter[key] !== NO_FILTER[key]);
+const isByArrival = () => order.column === BY_ARRIVAL.column && order.isFalling;
 
 function matches(row) {
   if (filter.table && row.table !== filter.table) return false;
@@ -75,10 +48,8 @@ function arrive(rows) {
     countInChart(row);
     counts.set(row.table, (counts.get(row.table) ?? 0) + 1);
     noteHealth(row);
-    store.newer.push(row);
-    if (!matches(row)) continue;
-    shown.newer.push(row);
-    ++list.addedOnTop;
+    store.addNewer(row);
+    if (matches(row)) shown.addNewer(row);
   }
   forgetOldest();
   refreshAfterRows(rows);
@@ -102,15 +73,16 @@ function refreshAfterRows(rows) {
   if (rows.some((row) => row.session === sessionsView.chosen)) soon(showTimeLine, 1000);
 }
 
-// A changed filter looks through the store newest first, in slices, so that keys and frames get their turn.
+// A changed filter or order looks through the store newest first, in slices, so that keys and frames get their turn.
 let scan = null;
 let scanTimer = 0;
+const SORTED_AT_ONCE = 4096;  // rows, a few milliseconds
 
 function refilter() {
   clearTimeout(scanTimer);
   filter.pattern = filter.text ? new RegExp(filter.text.replace(/[\\^$.*+?()[\]{}|]/g, "\\$&"), "iu") : null;
-  shown = new Deck();
-  list.addedOnTop = 0;
+  shown = isByArrival() ? new Deck() : new SortedDeck(order);
+  list.top = null;
   byId("scroller").scrollTop = 0;
   scan = {newer: store.newer.length, at: 0};
   scanOn();
@@ -119,12 +91,14 @@ function refilter() {
 
 function scanOn() {
   const until = performance.now() + 8;
+  const end = scan.at + (isByArrival() ? Infinity : SORTED_AT_ONCE);
   const {newer, older} = store;
   while (scan.at < scan.newer + older.length) {
     const row = scan.at < scan.newer ? newer[scan.newer - 1 - scan.at] : older[scan.at - scan.newer];
     ++scan.at;
-    if (matches(row)) shown.older.push(row);
-    if (scan.at % 64 === 0 && performance.now() > until) {
+    if (matches(row)) shown.addOlder(row);
+    if (scan.at >= end || (scan.at % 64 === 0 && performance.now() > until)) {
+      shown.at(0);  // sorts
       scanTimer = setTimeout(scanOn);
       return invalidate(showList);
     }
@@ -133,7 +107,17 @@ function scanOn() {
   invalidate(showList);
 }
 
-function setFilter(change) {
+/** A change that is a step can be gone back from. */
+function setFilter(change, isStep = true) {
   Object.assign(filter, change);
+  if (byId("search").value !== filter.text) byId("search").value = filter.text;
   refilter();
+  noteAddress(isStep);
+}
+
+function sortBy(column) {
+  const isFalling = order.column === column ? !order.isFalling : column === BY_ARRIVAL.column;
+  order = {column, isFalling};
+  refilter();
+  noteAddress();
 }

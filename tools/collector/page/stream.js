@@ -18,7 +18,8 @@ async function post(path, body) {
 
 function showConnection(isOpen) {
   byId("connection").className = isOpen ? "good" : "bad";
-  byId("connection").textContent = isOpen ? "● connected" : "○ not connected, trying again";
+  byId("connection").replaceChildren(isOpen ? "● " : "○ ",
+    el("span", {class: "long"}, isOpen ? "connected" : "not connected, trying again"));
 }
 
 /** The first connection and every later one: what there is, then what comes. */
@@ -85,8 +86,8 @@ function takeOlder(rows) {
   for (let i = rows.length - 1; i >= 0; --i) {
     countInChart(rows[i]);
     noteHealth(rows[i]);
-    store.older.push(rows[i]);
-    if (!scan && matches(rows[i])) shown.older.push(rows[i]);
+    store.addOlder(rows[i]);
+    if (!scan && matches(rows[i])) shown.addOlder(rows[i]);
   }
   invalidate(showList);
   soon(showChart);
