@@ -25,16 +25,16 @@ struct Coordinate {
   double longitude = 0;  ///< East of Greenwich.
 };
 
-/// One thing that happened inside the library, for developers. It holds names, such as an event's
-/// or an attribute's, and never a value.
+/// An event inside the library, for developers. It holds names, such as those of events and
+/// attributes, and never a value.
 struct Diagnostic {
   /// What it is about.
   enum class Kind {
     handshake,  ///< A start's request ended.
     batch,      ///< An upload's request ended, or was not begun.
-    store,      ///< A statement failed; without a row that an operation recorded: "row lost".
+    store,      ///< A statement failed. "row lost": it was the row of an operation.
     settings,   ///< The settings could not be written.
-    crash,      ///< The row of a crash was made, or not.
+    crash,      ///< The row of a crash was written, or not.
     refusal     ///< A call was refused, or one of its values; `outcome` is the reason.
   };
   Kind kind = Kind::handshake;  ///< What it is about.
@@ -42,27 +42,27 @@ struct Diagnostic {
   /// "accepted", "rejected" (a status other than 200), "no response", "not begun", "row lost",
   /// "statement failed", "not written", "recorded", "not recorded", or the reason of a refusal.
   std::string outcome{};
-  std::string error{};    ///< Why, in the words of the network, the store or the file system.
+  std::string error{};    ///< The reason, as the network, the store or the file system states it.
   long httpStatus = 0;    ///< The response's; 0 without one.
   std::string url{};      ///< The request's, without a user's name and password.
   std::size_t rows = 0;   ///< In the batch.
   std::size_t bytes = 0;  ///< In the request's body.
   std::chrono::milliseconds duration{0};         ///< From the request to its end.
-  std::string operation{};                       ///< Of the host's call, such as "linkUser".
-  std::string key{};                             ///< What it names: an attribute, an event, a type.
+  std::string operation{};                       ///< That the host called, such as "linkUser".
+  std::string key{};                             ///< Its attribute, event, screen, error or type.
   std::chrono::system_clock::time_point time{};  ///< When it happened.
 };
 
 /// "handshake", "batch", "store", "settings", "crash" or "refusal".
 MARBLEWAY_EXPORT const char* nameOf(Diagnostic::Kind kind) noexcept;
 
-/// One line, such as a log takes: what `MARBLEWAY_DIAGNOSTICS=1` in the environment has printed to
-/// standard error.
+/// The diagnostic as one line of text. With `MARBLEWAY_DIAGNOSTICS=1` in the environment the
+/// library prints this line to standard error.
 MARBLEWAY_EXPORT std::string lineOf(const Diagnostic& diagnostic);
 
 /// What a host configures: its directory, its servers, its name and version.
 struct Configuration {
-  /// The directory of both stores and of the settings; created with mode 0700 when missing. A
+  /// The directory of all files of the library; created with mode 0700 when missing. A
   /// relative path is resolved against the working directory of the call. Empty: $XDG_DATA_HOME or
   /// ~/.local/share, then "marbleway"/bundleIdentifier.
   std::filesystem::path documentsDirectory{};
@@ -75,13 +75,14 @@ struct Configuration {
   std::string bundleIdentifier{};        ///< Empty: the executable's file name.
   std::string appVersion{};              ///< Empty: "1.0".
   std::array<Coordinate, 3> sites = {};  ///< Centres A, B and C of the fixed regions.
-  /// Begins an upload as soon as the server has accepted the start, so that even a short launch
-  /// sends what the one before recorded, its crash included. Its 200 deletes rows that are
-  /// recorded while it is in flight: call `waitUntilIdle` after the start if these must arrive.
+  /// Begins an upload as soon as the server has answered the start with 200, so that even a short
+  /// launch sends the rows of the one before, its crash included. The upload's 200 deletes rows
+  /// that are recorded while it is in flight: call `waitUntilIdle` after the start if these must
+  /// arrive.
   bool uploadOnStart = false;
-  /// Receives what happens, for developers; empty: nothing is gathered. Called on the main loop,
-  /// one call at a time, in order, also for what other threads do; it should return soon. What it
-  /// throws, and diagnostics of what it calls itself, are dropped.
+  /// Receives diagnostics, for developers. Called on the main loop, one call at a time, in order,
+  /// also for other threads' events; it should return soon. What it throws, and the diagnostics of
+  /// its own calls, are dropped.
   std::function<void(const Diagnostic&)> diagnostics{};
 };
 
@@ -91,25 +92,25 @@ struct Configuration {
 /// host and a path ending in "/v2/", and for a relative directory without a working directory.
 MARBLEWAY_EXPORT void configure(Configuration configuration);
 
-/// Waits until no request is in flight, every answer has been applied, and everything posted to the
-/// main loop before then has run, or until `atMost` has passed. True when idle.
+/// Waits until no request is in flight, every answer has been applied and every diagnostic has been
+/// delivered, or until `atMost` has passed. True when idle.
 ///
-/// A short-lived process calls it before it ends. The main loop does not run while its own thread
-/// waits here: a host that pumps the loop pumps, then asks with a time of 0. Thread: any.
+/// Call it before a short-lived process ends. The main loop does not run while its own thread waits
+/// here: a host that pumps the loop pumps it, then calls this with a time of 0. Thread: any.
 MARBLEWAY_EXPORT bool waitUntilIdle(std::chrono::milliseconds atMost) noexcept;
 
 /// Begins an upload if its conditions hold (see `Marbleway::stopSession`); the session goes on.
 /// Reads the stores on the calling thread and does not wait for the server. Thread: any.
 MARBLEWAY_EXPORT void uploadNow() noexcept;
 
-/// What `status` counts.
+/// Whether `status` counts the pending rows.
 enum class Count { nothing, rows };
 
 /// The rows of one table that are pending.
 struct PendingRows {
-  std::string table{};    ///< Its name.
-  std::size_t rows = 0;   ///< How many.
-  std::size_t bytes = 0;  ///< In their texts.
+  std::string table{};    ///< The table's name.
+  std::size_t rows = 0;   ///< The number of rows.
+  std::size_t bytes = 0;  ///< The size of their texts.
 };
 
 /// The state of the library, as an application may want to show it.
@@ -121,23 +122,23 @@ struct Status {
   bool isTracking = false;                ///< Tracking is on.
   bool isUploading = false;               ///< Uploading is on.
   std::optional<std::string> session{};   ///< The valid session's identifier.
-  std::optional<Diagnostic> handshake{};  ///< The one that ended last since the start.
-  std::optional<Diagnostic> batch{};      ///< The one that ended last since the start.
+  std::optional<Diagnostic> handshake{};  ///< The latest that has ended since the first start.
+  std::optional<Diagnostic> batch{};      ///< The latest that has ended since the first start.
   std::vector<PendingRows> pending{};     ///< The tables with rows, if they were counted.
 };
 
-/// The state at this moment. With `Count::rows` it reads every pending row, on the calling thread;
-/// a store that is held is waited for, two seconds at most. Without memory it is as before the
-/// start. Thread: any.
+/// The present state. With `Count::rows` it reads every pending row, on the calling thread, and
+/// waits for stores that others hold, two seconds at most. Without memory the result is that from
+/// before the start. Thread: any.
 MARBLEWAY_EXPORT Status status(Count count = Count::nothing) noexcept;
 
 /// Ends what the library does in this process: stops and joins its threads, ends its timers and its
 /// requests in flight, and gives signal handlers back. Rows that were not sent stay in the stores.
 /// Afterwards the library is as before its first start; `initMarbleway` starts it again.
 ///
-/// For plugins that are unloaded and for leak checkers. Call it on a thread of the host's, while no
-/// other thread is in an operation. What a host's own main loop and HTTP client still hold has no
-/// effect any more.
+/// For plugins that are unloaded and for leak checkers. Call it on a thread of the host, while no
+/// other thread is in an operation. Tasks and answers that the host's own main loop and HTTP client
+/// deliver later have no effect.
 MARBLEWAY_EXPORT void shutdown() noexcept;
 
 /// Makes the report for `Marbleway::logError` from an exception of any type: its type, its `what()`

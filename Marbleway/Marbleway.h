@@ -17,8 +17,9 @@
 /// Analytics and attribution: each operation writes what happened in the application as a row to a
 /// store on the device. The rows are uploaded to the collection server and deleted after its 200.
 ///
-/// No operation throws or returns a result. While logging is on, a console line reports the outcome
-/// of a call. When a call returns, its row is on disk or lost. Thread: any.
+/// No operation throws or reports a failure. While logging is on, a console line reports the
+/// outcome of a call. When a call returns, its row is on disk or lost. Thread: any; the services of
+/// the host are called on the thread of the operation.
 ///
 /// The operations for users, companies, ads and errors are refused before start-up, after the
 /// server has refused the project, with tracking off and without a valid session; those for users
@@ -32,32 +33,34 @@ class MARBLEWAY_EXPORT Marbleway {
   ///
   /// Logging, tracking, uploading and performance monitoring are on, privacy mode and network
   /// monitoring are off. Rows are uploaded every 30 s to the production server. A session ends
-  /// after 300 s of inactivity. Otherwise like the other form.
+  /// after 300 s of inactivity. Otherwise like the second form.
   static void initMarbleway(marbleway::Text projectToken) noexcept;
 
   /// Starts the library: creates the stores, deletes rows older than thirty days, reads `options`,
-  /// and asks the server for the project's configuration. The answer starts the session.
+  /// and asks the server for the project's configuration. A 200, or no answer at all, starts the
+  /// session; any other answer refuses the project.
   ///
   /// A missing option takes its own default: privacy mode and network monitoring are then ON. The
   /// README lists the ten options. A further call starts again; if the earlier start was answered,
-  /// it uploads pending rows at once, with the new token. Reads and writes files on the calling
-  /// thread, and does not wait for the server.
+  /// it uploads pending rows at once, with the new token and to the new server. Reads and writes
+  /// files on the calling thread, and does not wait for the server.
   static void initMarbleway(marbleway::Text projectToken,
                             const marbleway::Dictionary& options) noexcept;
 
   /// Starts a session: writes a row in `mrbw_v2_sessions` with the device's profile and one in
   /// `mrbw_v2_users`, and starts the timers of upload and expiry.
   ///
-  /// In a valid session it writes two more rows and starts two more timers, beside the earlier
-  /// ones. Does nothing before start-up, after a refusal by the server, or with tracking off. The
+  /// In a valid session it writes two more rows and starts two more timers; the earlier timers go
+  /// on. Does nothing before start-up, after a refusal by the server, or with tracking off. The
   /// library calls it after the handshake, and for an event or screen view without a session.
   static void startSession() noexcept;
 
   /// Ends the session: begins an upload, stops the latest two timers, clears the session.
   ///
   /// Nothing refuses it, but the upload has its own conditions: the latest handshake was answered,
-  /// the project is not refused, a session is valid, tracking and uploading are on. Timers of an
-  /// earlier `startSession` go on; without a session they upload nothing.
+  /// the project is not refused, a session is valid, tracking and uploading are on, fewer than four
+  /// uploads are in flight, and there is a row. Timers of an earlier `startSession` go on; without
+  /// a session they upload nothing.
   static void stopSession() noexcept;
 
   /// Links the app's user: writes a row in `mrbw_v2_users`.
@@ -186,11 +189,11 @@ class MARBLEWAY_EXPORT Marbleway {
 
   /// Starts location updates, the monitoring of the configured sites, and beacon ranging.
   ///
-  /// Does nothing for false: what was started runs until the process ends. Works before start-up
-  /// too. Calls the host's location manager on the calling thread.
+  /// Does nothing for false: monitoring ends with the process or with `marbleway::shutdown`. Works
+  /// before start-up too. Calls the host's location manager on the calling thread.
   static void setLocationMonitoringEnabled(bool enabled) noexcept;
 
-  /// A callback of the location manager, like the three below; it does nothing. The others call the
+  /// A callback of the location manager, like the next three. It does nothing; the others call the
   /// host's user interface on the calling thread.
   static void didUpdateLocations(
       marbleway::platform::LocationManager& manager,

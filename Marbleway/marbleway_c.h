@@ -4,7 +4,7 @@
 /// The library for C, and for every language that calls C.
 ///
 /// The functions are the operations of `Marbleway` and of Marbleway/Host.h under C names. Those
-/// headers describe what each writes and what refuses it; this one describes what differs.
+/// headers describe what each writes and what refuses it; this one describes the differences.
 ///
 /// A text is UTF-8 and ends with a NUL; a null pointer is an absent text. A dictionary or a value
 /// is a JSON text; a null pointer, or the JSON text `null`, is an absent one. Arguments are read
@@ -16,8 +16,8 @@
 /// function. Thread: any.
 ///
 /// There are no callbacks of a location manager, and no part of the platform can be replaced: both
-/// are C++ interfaces. A process uses either this library or the C++ one, unless this one was built
-/// upon the shared C++ library.
+/// are C++ interfaces. A process uses either this library or the C++ one, unless both were built
+/// with `BUILD_SHARED_LIBS=ON`.
 ///
 /// A runtime that recovers from faults (null checks by SIGSEGV, as virtual machines make them)
 /// installs its handlers before the library starts: a fault from which they recover is no crash.
@@ -45,27 +45,29 @@ const char* marbleway_version(void);
 /// member takes its default.
 ///
 /// Call it before `marbleway_init`. Returns MARBLEWAY_REFUSED for an unknown key, a value of
-/// another kind, or a URL that is not http or https with a host and a path ending in "/v2/".
+/// another kind, a URL that is not http or https with a host and a path ending in "/v2/", and a
+/// relative directory without a working directory.
 int marbleway_configure(const char* configuration_json);
 
 /// Receives a diagnostic, a dictionary with "kind" ("handshake", "batch", "store", "settings",
 /// "crash" or "refusal"), "isFailure", "outcome", "error", "httpStatus", "url", "rows", "bytes",
-/// "milliseconds", "operation", "key", "time" (seconds since 1970) and "line", all that as one
-/// line. `Diagnostic` in Marbleway/Host.h describes each. The text is valid during the call.
+/// "milliseconds", "operation", "key", "time" (seconds since 1970) and "line", the diagnostic as
+/// one line. `Diagnostic` in Marbleway/Host.h describes each. The text is valid during the call.
 // NOLINTNEXTLINE(modernize-use-using): C has no other
 typedef void (*marbleway_diagnostics)(const char* diagnostic_json, void* context);
 
-/// `marbleway_configure` with a function for diagnostics, which gets `context` with each: on one of
-/// the library's threads, one call at a time. A null pointer: nothing is gathered.
+/// `marbleway_configure` with a function for diagnostics. It is called on the library's main loop,
+/// one call at a time, and gets `context` with each. A null pointer: no function.
 int marbleway_configure_with_diagnostics(const char* configuration_json,
                                          marbleway_diagnostics function, void* context);
 
 /// Writes the library's state to `json`, which has room for `size` bytes, as a dictionary of the
-/// members of `Status` in Marbleway/Host.h. With `count_rows` (any number but 0) it has "pending",
-/// an array of dictionaries of "table", "rows" and "bytes".
+/// members of `Status` in Marbleway/Host.h; absent ones are null. "pending" is an array of
+/// dictionaries of "table", "rows" and "bytes", which is empty unless `count_rows` is another
+/// number than 0.
 ///
-/// Returns the length of the text without its NUL, 0 without memory. Where it is `size` or more,
-/// nothing but an empty text has been written.
+/// Returns the length of the text without its NUL, 0 without memory. If that is `size` or more,
+/// only an empty text has been written.
 size_t marbleway_get_status(int count_rows, char* json, size_t size);
 
 /// Waits until nothing is in flight, at most `milliseconds`. 1 when idle, else 0.
