@@ -12,7 +12,7 @@
 
 namespace marbleway::platform {
 
-/// A response with a longer body than this is none.
+/// A response with a longer body than this counts as no response.
 inline constexpr std::size_t kMaxResponseBytes = 1U << 20U;
 
 /// One POST.
@@ -22,14 +22,14 @@ struct HttpRequest {
   Buffer body;                                               ///< What is posted.
   /// Bytes of the response's body that are wanted; the rest is received and dropped.
   std::size_t maxResponseBytes = kMaxResponseBytes;
-  /// Where the client writes, before `done` runs, why no response came; null: nobody asks.
+  /// Where the client writes, before `done` runs, why no response came; null: not wanted.
   std::shared_ptr<std::string> error{};
 };
 
 /// A response whose transfer is complete.
 struct HttpResponse {
   long status = 0;   ///< The HTTP status.
-  std::string body;  ///< As much as was wanted.
+  std::string body;  ///< Its first `maxResponseBytes`.
 };
 
 /// The network. It verifies certificates and host names, follows no redirect and sends no "Expect".

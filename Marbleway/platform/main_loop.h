@@ -13,7 +13,7 @@ class MARBLEWAY_EXPORT Timer {
  public:
   virtual ~Timer() = default;
   /// No firing begins after this returns, but for one that the loop's thread is about to begin.
-  /// Twice is harmless. Thread: any.
+  /// A second call does nothing. Thread: any.
   virtual void invalidate() = 0;
 };
 

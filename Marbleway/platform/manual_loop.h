@@ -15,21 +15,21 @@ namespace marbleway::platform {
 /// one thread at a time. An exception that leaves a task is dropped.
 class MARBLEWAY_EXPORT ManualLoop : public MainLoop {
  public:
-  /// What timers go by.
+  /// A time at which a timer fires.
   using Time = std::chrono::steady_clock::time_point;
 
-  /// `now` is the time that timers go by; another clock than the steady one makes it virtual.
+  /// `now` returns the time for timers; another clock than the steady one makes it virtual.
   explicit ManualLoop(std::function<Time()> now = std::chrono::steady_clock::now);
 
   void post(std::function<void()> task) override;
   std::shared_ptr<Timer> repeat(std::chrono::nanoseconds period,
                                 std::function<void()> task) override;
 
-  /// Runs everything posted, what that posts in turn included, and each timer due now: what was
-  /// posted or due first runs first. Returns how many tasks ran.
+  /// Runs every posted task, also those that these post, and each timer due now, in the order in
+  /// which they were posted or due. Returns the number of tasks that ran.
   std::size_t runDue();
 
-  /// When there is something to run: now, if anything is posted; absent if there never will be.
+  /// The time of the next task or firing: now, if a task is posted; absent if there is none.
   std::optional<Time> nextDue();
 
   /// Runs what is due and waits for more until `atMost` of real time has passed. True if a task

@@ -4,12 +4,12 @@
 
 namespace marbleway::platform {
 
-/// Captures the network requests of the host. The library calls it when a session starts and stops;
-/// the implementation decides what to capture and writes the rows.
+/// Captures the network requests of the host, with network monitoring on. The library calls it when
+/// a session starts and stops; the implementation selects the requests and writes the rows.
 class MARBLEWAY_EXPORT NetworkCapture {
  public:
   virtual ~NetworkCapture() = default;
-  /// First of the three calls at a session's start, with network monitoring on.
+  /// The first of three calls at a session's start.
   virtual void defaultConfiguration() = 0;
   /// The second.
   virtual void load() = 0;

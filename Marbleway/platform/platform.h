@@ -38,8 +38,8 @@ struct Platform {
 /// `initMarbleway`. Thread: any; work in flight goes on with the services that it began with.
 MARBLEWAY_EXPORT void install(Platform replacement);
 
-/// The services in force: this system's own where the host has installed none. Never torn down.
-/// Thread: any.
+/// The services that the library uses: this system's own where the host has installed none. Never
+/// destroyed. Thread: any.
 MARBLEWAY_EXPORT std::shared_ptr<const Platform> current();
 
 /// This system's own console, whatever the host has installed. Thread: any.
