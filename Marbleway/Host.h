@@ -113,7 +113,7 @@ struct PendingRows {
   std::size_t bytes = 0;  ///< The size of their texts.
 };
 
-/// The state of the library, as an application may want to show it.
+/// The state of the library, for an application that shows it.
 struct Status {
   bool isStarted = false;                 ///< `initMarbleway` has been called.
   bool isRefused = false;                 ///< The server has refused the project.

@@ -20,11 +20,11 @@ class MARBLEWAY_EXPORT UserDefaults {
   virtual void setFlag(std::string_view key, bool flag) = 0;
   /// Removes what was there.
   virtual void remove(std::string_view key) = 0;
-  /// Writes out what has changed, if anything has; a failure is silent and leaves it to be written
-  /// by the next call.
+  /// Writes the changes, if there are any. A failure is silent; the next call writes them again.
   virtual void synchronize() = 0;
-  /// Stores a text unless there is one. Where processes share the settings, `synchronize` gives up
-  /// this text for one that another process has stored first; the default does not look for one.
+  /// Stores a text unless there is one. If processes share the settings and another one has stored
+  /// a text first, `synchronize` replaces this text by that one; the default implementation does
+  /// not.
   virtual void setTextIfMissing(std::string_view key, std::string_view value) {
     if (!text(key)) setText(key, value);
   }
