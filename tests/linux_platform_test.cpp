@@ -20,10 +20,10 @@
 #include <utility>
 
 #include "Marbleway/platform/busy_budget.h"
-#include "Marbleway/platform/services.h"
 #include "Marbleway/platform/linux/time_zone.h"
 #include "Marbleway/platform/paths.h"
 #include "Marbleway/platform/platform.h"
+#include "Marbleway/platform/services.h"
 #include "tests/support/fixture.h"
 #include "tests/support/shortage.h"
 
@@ -79,6 +79,18 @@ TEST_F(FileDefaultsTest, SetsAMalformedOrLargeFileAside) {
     defaults->setText("a", "2");
     defaults->synchronize();
     EXPECT_EQ(read(file), R"({"a":"2"})");
+  }
+}
+
+TEST_F(FileDefaultsTest, ATextTooLongForTheFileIsNotStored) {
+  const std::string longest((1 << 20) - 4096 - 2, 'x');
+  for (const auto& [text, stored] : {std::pair(longest, longest), {longest + 'x', std::string()}}) {
+    const auto defaults = makeFileDefaults(file);
+    defaults->setText("a", text);
+    defaults->setText("b", "2");
+    defaults->synchronize();
+    EXPECT_TRUE(makeFileDefaults(file)->text("a").value_or("") == stored);
+    EXPECT_THAT(makeFileDefaults(file)->text("b"), Optional(std::string("2")));
   }
 }
 

@@ -170,7 +170,7 @@ TEST_F(ServiceTest, NoOperationLetsAnExceptionOut) {
   platform::install({.console = none, .httpClient = none, .userDefaults = none, .statusBar = none});
   isValidSession = false;
   Marbleway::linkCompany("refused");
-  Marbleway::trackEvent("e");
+  Marbleway::trackEvent("e", {{"Value", "x"}});
   Marbleway::startSession();
   Marbleway::linkUser("u", "id");
   Marbleway::setUserAttribute("Phone", "x");
@@ -182,6 +182,8 @@ TEST_F(ServiceTest, NoOperationLetsAnExceptionOut) {
   Marbleway::unlinkUser();
   EXPECT_FALSE(TimerTask.load() || sessionID.load());
   EXPECT_THAT(rows("mrbw_v2_deep_links"), SizeIs(1));
+  EXPECT_THAT(rows("mrbw_v2_events"), SizeIs(1));  // its line was lost, and so were the settings
+  EXPECT_THAT(query(storePath(), "SELECT UserID FROM mrbw_v2_users"), ::testing::Contains("u"));
 }
 
 TEST_F(ServiceTest, RefusedMemberIsNamedAndNothingChanges) {

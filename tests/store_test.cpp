@@ -151,6 +151,17 @@ TEST_F(StoreTest, RemovesInSlicesWhileOthersWrite) {
   EXPECT_THAT(rows("mrbw_v2_companies"), SizeIs(11));  // ten of the next day and the new one
 }
 
+TEST_F(StoreTest, ARemovalEndsWithTheLargestId) {
+  createStores();
+  query(storePath(),
+        "WITH RECURSIVE n(i) AS (SELECT 1 UNION ALL SELECT i + 1 FROM n WHERE i < 100000) "
+        "INSERT INTO mrbw_v2_companies (id, UTCTimeStamp) "
+        "SELECT iif(i = 1, 9223372036854775807, i), '2026-01-02' FROM n");
+  const tests::FailingVfs vfs;  // its sleeps take no time
+  removeUpTo(kTables[4], "2026-01-02 12:00:00.000");
+  EXPECT_THAT(rows("mrbw_v2_companies"), SizeIs(0));
+}
+
 TEST_F(StoreTest, StartUpRemovesRowsOlderThanThirtyDays) {
   using namespace std::chrono;
   const std::pair<sys_time<milliseconds>, std::string> cases[] = {
