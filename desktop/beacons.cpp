@@ -18,7 +18,8 @@ constexpr const char* kAdapter = "org.bluez.Adapter1";
 constexpr const char* kDevice = "org.bluez.Device1";
 constexpr std::chrono::milliseconds kRangingPeriod{1'000};
 constexpr std::chrono::seconds kExitDelay{30};
-constexpr std::size_t kMaxHeard = 256;  // devices; anyone may advertise under any number of names
+// Devices. Anyone may advertise under any number of names.
+constexpr std::size_t kMaxObservations = 256;
 
 // The layout: company, then type and length of what follows: UUID, major, minor, power.
 constexpr std::uint16_t kCompany = 0x004C;
@@ -42,7 +43,7 @@ Beacons::Beacons(Bus& system, sd_event* event, Receiver& receiver)
       service_(
           system, event, "org.bluez", Peer::Activation::none, [this] { search(); },
           [this] {
-            heard_.clear();
+            observations_.clear();
             adapters_.clear();
           }) {}
 
@@ -65,7 +66,7 @@ void Beacons::stop() {
     service_.call(adapter.c_str(), kAdapter, "StopDiscovery", ignore);
   }
   adapters_.clear();
-  heard_.clear();
+  observations_.clear();
   ranged_.clear();
   monitored_.clear();
   timer_.stop();
@@ -85,7 +86,7 @@ void Beacons::search() {
       [this](sd_bus_message* signal) {
         const char* path = nullptr;
         if (sd_bus_message_read(signal, "o", &path) <= 0) return;
-        heard_.erase(path);
+        observations_.erase(path);
         std::erase(adapters_, path);
       });
   service_.subscribe(
@@ -147,22 +148,23 @@ bool Beacons::readDevice(sd_bus_message* message, const std::string& path) {
     rssi = strength;
     return true;
   });
-  const auto known = heard_.find(path);
-  if (beacon && isWanted(*beacon) && (known != heard_.end() || heard_.size() < kMaxHeard)) {
-    heard_[path].beacon = *beacon;
+  const auto known = observations_.find(path);
+  if (beacon && isWanted(*beacon) &&
+      (known != observations_.end() || observations_.size() < kMaxObservations)) {
+    observations_[path].beacon = *beacon;
   }
-  if (rssi || beacon) hear(path, rssi);
+  if (rssi || beacon) recordSignal(path, rssi);
   return isRead;
 }
 
-void Beacons::hear(const std::string& path, std::optional<int> rssi) {
-  const auto known = heard_.find(path);
-  if (known == heard_.end()) return;
-  Heard& heard = known->second;
-  if (rssi) heard.rssi = rssi;
-  if (!heard.rssi) return;
-  heard.isUnreported = true;
-  see(heard.beacon);
+void Beacons::recordSignal(const std::string& path, std::optional<int> rssi) {
+  const auto known = observations_.find(path);
+  if (known == observations_.end()) return;
+  Observation& observation = known->second;
+  if (rssi) observation.rssi = rssi;
+  if (!observation.rssi) return;
+  observation.isUnreported = true;
+  markSeen(observation.beacon);
 }
 
 /// Reads a variant with a dictionary of companies and their bytes.
@@ -212,7 +214,7 @@ bool Beacons::isWanted(const Advertised& beacon) const {
                              [&](const auto& each) { return isOf(beacon, each.region); });
 }
 
-void Beacons::see(const Advertised& beacon) {
+void Beacons::markSeen(const Advertised& beacon) {
   for (Monitored& each : monitored_) {
     if (!isOf(beacon, each.region)) continue;
     if (!std::exchange(each.lastSeen, steady_clock::now())) {
@@ -224,20 +226,20 @@ void Beacons::see(const Advertised& beacon) {
 
 void Beacons::report() {
   for (const auto& region : ranged_) reportRanged(region);
-  for (auto& [path, heard] : heard_) heard.isUnreported = false;
+  for (auto& [path, observation] : observations_) observation.isUnreported = false;
   isReportDue_ = false;
   leaveRegions(steady_clock::now());
 }
 
 void Beacons::reportRanged(const platform::BeaconRegion& region) const {
   std::vector<platform::Beacon> beacons;
-  for (const auto& [path, heard] : heard_) {
-    if (!heard.isUnreported || !isOf(heard.beacon, region)) continue;
-    const auto& [uuid, major, minor] = heard.beacon;
+  for (const auto& [path, observation] : observations_) {
+    if (!observation.isUnreported || !isOf(observation.beacon, region)) continue;
+    const auto& [uuid, major, minor] = observation.beacon;
     std::array<char, 128> text{};
     std::snprintf(text.data(), text.size(), "uuid:%s, major:%d, minor:%d, rssi:%d", uuid.c_str(),
-                  major, minor, *heard.rssi);
-    beacons.push_back({text.data(), major, minor, *heard.rssi});
+                  major, minor, *observation.rssi);
+    beacons.push_back({text.data(), major, minor, *observation.rssi});
   }
   if (beacons.empty()) return;
   receiver_.report([region, beacons](auto& manager, auto& delegate) {

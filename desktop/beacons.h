@@ -31,7 +31,7 @@ class Beacons {
     std::string proximityUUID;
     std::uint16_t major = 0, minor = 0;
   };
-  struct Heard {
+  struct Observation {
     Advertised beacon;
     std::optional<int> rssi;    // the last one, dBm; absent: never heard
     bool isUnreported = false;  // heard since the last report
@@ -52,8 +52,8 @@ class Beacons {
   bool readInterfaces(sd_bus_message* message, const std::string& path);
   bool readAdapter(sd_bus_message* message, const std::string& path);
   bool readDevice(sd_bus_message* message, const std::string& path);
-  void hear(const std::string& path, std::optional<int> rssi);
-  void see(const Advertised& beacon);
+  void recordSignal(const std::string& path, std::optional<int> rssi);
+  void markSeen(const Advertised& beacon);
   void report();
   void reportRanged(const platform::BeaconRegion& region) const;
   void leaveRegions(Time now);
@@ -61,9 +61,9 @@ class Beacons {
   Receiver& receiver_;
   std::vector<platform::BeaconRegion> ranged_;
   std::vector<Monitored> monitored_;
-  std::map<std::string, Heard, std::less<>> heard_;  // by the device's path
-  std::vector<std::string> adapters_;                // that search
-  bool isReportDue_ = false;                         // within a second
+  std::map<std::string, Observation, std::less<>> observations_;  // by the device's path
+  std::vector<std::string> adapters_;                             // that search
+  bool isReportDue_ = false;                                      // within a second
   Timer timer_;
   Peer service_;
 };

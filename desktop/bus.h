@@ -61,7 +61,7 @@ class Bus {
     }
   }
 
-  /// Has `onSignal` run for the signals of `rule` until the slot is destroyed; null: in vain.
+  /// Has `onSignal` run for the signals of `rule` until the slot is destroyed; null on failure.
   Slot subscribe(const std::string& rule, Handler onSignal);
 
   /// Stays connected until the bus goes away.

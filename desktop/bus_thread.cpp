@@ -6,7 +6,7 @@
 #include <csignal>
 #include <utility>
 
-#include "desktop/served.h"
+#include "desktop/bus_services.h"
 
 namespace marbleway::desktop {
 namespace {
@@ -61,15 +61,15 @@ void BusThread::start() {
 void BusThread::run() {
   bool hasEnded = false;
   catchAll([&] {
-    Served served(setting_, wakeUp_);
+    BusServices services(setting_, wakeUp_);
     while (true) {
-      const auto tasks = takeTasks(served.isNeeded());
+      const auto tasks = takeTasks(services.isNeeded());
       hasEnded = !tasks;
       if (hasEnded) return;
-      for (const Task& task : *tasks) catchAll([&] { task(served); });
-      served.maintain();
-      if (served.isNeeded() && sd_event_run(served.event.get(), UINT64_MAX) < 0) return;
-      served.maintain();
+      for (const Task& task : *tasks) catchAll([&] { task(services); });
+      services.maintain();
+      if (services.isNeeded() && sd_event_run(services.event.get(), UINT64_MAX) < 0) return;
+      services.maintain();
     }
   });
   if (hasEnded) return;  // `mutex_` may be held by who waits for this thread

@@ -15,7 +15,7 @@
 
 namespace marbleway::desktop {
 
-struct Served;
+struct BusServices;
 
 /// What the services are configured with; read once, when they are installed.
 struct Setting {
@@ -27,7 +27,7 @@ struct Setting {
 /// is watched. Thread: any.
 class BusThread {
  public:
-  using Task = std::function<void(Served&)>;
+  using Task = std::function<void(BusServices&)>;
 
   explicit BusThread(Setting setting);
   BusThread(const BusThread&) = delete;

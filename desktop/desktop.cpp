@@ -11,8 +11,8 @@
 #include <utility>
 
 #include "Marbleway/platform/platform.h"
+#include "desktop/bus_services.h"
 #include "desktop/location_manager.h"
-#include "desktop/served.h"
 #include "desktop/status_bar.h"
 #include "desktop/user_interface.h"
 
@@ -70,7 +70,7 @@ Setting readSetting(std::string_view desktopEntry) {
 }
 
 /// The services of this process, made with the first call and the first after `shutdown`.
-Component& made(std::string_view desktopEntry) {
+Component& currentComponent(std::string_view desktopEntry) {
   static constinit std::atomic<bool> isRegistered{false};
   Component* former = component;
   if (former != nullptr && former->thread.isInThisProcess() && !former->isOver) return *former;
@@ -93,14 +93,14 @@ std::shared_ptr<Service> unowned(Service& service) {
 
 void install(std::string_view desktopEntry) noexcept {
   catchAll([&] {
-    Component& services = made(desktopEntry);
+    Component& services = currentComponent(desktopEntry);
     platform::Platform replacement;
     replacement.statusBar = unowned(services.statusBar);
     replacement.userInterface = unowned(services.userInterface);
     replacement.locationService = unowned(services.locationService);
     platform::install(std::move(replacement));
     if (services.thread.setting().systemAddress.empty()) return;
-    services.thread.post([](Served& served) { served.network.start(); });
+    services.thread.post([](BusServices& busServices) { busServices.network.start(); });
   });
 }
 

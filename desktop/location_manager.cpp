@@ -3,7 +3,7 @@
 #include <utility>
 
 #include "Marbleway/platform/platform.h"
-#include "desktop/served.h"
+#include "desktop/bus_services.h"
 
 namespace marbleway::desktop {
 
@@ -23,45 +23,46 @@ void Receiver::reportCrossing(const platform::Region& region, bool isInside) con
 }
 
 LocationManager::~LocationManager() {
-  thread_.post([](Served& served) {
-    if (!served.receiver.isGone()) return;
-    served.places.stop();
-    served.beacons.stop();
+  thread_.post([](BusServices& services) {
+    if (!services.receiver.isGone()) return;
+    services.places.stop();
+    services.beacons.stop();
   });
 }
 
 void LocationManager::setDesiredAccuracyBest() {
-  thread_.post([](Served& served) { served.places.setAccuracyBest(); });
+  thread_.post([](BusServices& services) { services.places.setAccuracyBest(); });
 }
 
 void LocationManager::setDistanceFilter(double metres) {
-  thread_.post([metres](Served& served) { served.places.setDistanceFilter(metres); });
+  thread_.post([metres](BusServices& services) { services.places.setDistanceFilter(metres); });
 }
 
 void LocationManager::startUpdatingLocation() {
-  thread_.post([](Served& served) { served.places.start(); });
+  thread_.post([](BusServices& services) { services.places.start(); });
 }
 
 void LocationManager::startMonitoring(const platform::CircularRegion& region) {
-  thread_.post([region](Served& served) { served.places.watch(region); });
+  thread_.post([region](BusServices& services) { services.places.watch(region); });
 }
 
 void LocationManager::startMonitoring(const platform::BeaconRegion& region) {
-  thread_.post([region](Served& served) { served.beacons.monitor(region); });
+  thread_.post([region](BusServices& services) { services.beacons.monitor(region); });
 }
 
 /// An adapter may be plugged in at any time; without a bus there will be none.
 bool LocationManager::isRangingAvailable() { return !thread_.setting().systemAddress.empty(); }
 
 void LocationManager::startRangingBeacons(const platform::BeaconRegion& region) {
-  thread_.post([region](Served& served) { served.beacons.range(region); });
+  thread_.post([region](BusServices& services) { services.beacons.range(region); });
 }
 
 std::shared_ptr<platform::LocationManager> LocationService::makeManager() {
   if (thread_.setting().systemAddress.empty()) return nullptr;
   auto manager = std::make_shared<LocationManager>(thread_);
-  thread_.post(
-      [receiver = std::weak_ptr(manager)](Served& served) { served.receiver.set(receiver); });
+  thread_.post([receiver = std::weak_ptr(manager)](BusServices& services) {
+    services.receiver.set(receiver);
+  });
   return manager;
 }
 

@@ -21,24 +21,24 @@ Peer::Peer(Bus& bus, sd_event* event, const char* name, Activation activation,
       activation_(activation),
       onAppear_(std::move(onAppear)),
       onVanish_(std::move(onVanish)),
-      again_(event, [this] { look(); }) {
+      restartTimer_(event, [this] { findOwner(); }) {
   bus.add(*this);
 }
 
 void Peer::start() {
   if (std::exchange(isStarted_, true)) return;
-  look();
+  findOwner();
 }
 
 void Peer::stop() {
   isStarted_ = wasThere_ = false;
-  again_.stop();
+  restartTimer_.stop();
   owner_.clear();
   subscriptions_.clear();
   ownerWatch_.reset();
 }
 
-void Peer::look() {
+void Peer::findOwner() {
   ownerWatch_ = bus_.subscribe(
       "type='signal',sender='org.freedesktop.DBus',path='/org/freedesktop/DBus',"
       "interface='org.freedesktop.DBus',member='NameOwnerChanged',arg0='" +
@@ -71,10 +71,10 @@ void Peer::setOwner(const std::string& owner) {
   owner_ = owner;
   if (isThere()) {
     wasThere_ = true;
-    again_.stop();
+    restartTimer_.stop();
     onAppear_();
   } else if (activation_ == Activation::byBus) {
-    again_.start(kRestartDelay);
+    restartTimer_.start(kRestartDelay);
   }
 }
 
@@ -87,12 +87,12 @@ void Peer::onBusLost() {
   if (!isStarted_) return;
   if (!wasThere_) return stop();
   setOwner({});
-  again_.stop();
+  restartTimer_.stop();
   ownerWatch_.reset();
 }
 
 void Peer::onBusReturned() {
-  if (isStarted_) look();
+  if (isStarted_) findOwner();
 }
 
 }  // namespace marbleway::desktop

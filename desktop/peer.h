@@ -15,7 +15,7 @@ class Peer {
  public:
   enum class Activation { none, byBus };
 
-  /// `onAppear` runs when the peer is there, for each of its lives; `onVanish` when it is gone.
+  /// `onAppear` runs when the peer is there, each time; `onVanish` when it is gone.
   Peer(Bus& bus, sd_event* event, const char* name, Activation activation,
        std::function<void()> onAppear, std::function<void()> onVanish);
   Peer(const Peer&) = delete;
@@ -41,7 +41,7 @@ class Peer {
   void onBusReturned();
 
  private:
-  void look();
+  void findOwner();
   void askOwner();
   void setOwner(const std::string& owner);
 
@@ -49,7 +49,7 @@ class Peer {
   const std::string name_;
   const Activation activation_;
   const std::function<void()> onAppear_, onVanish_;
-  Timer again_;
+  Timer restartTimer_;
   bool isStarted_ = false;
   bool wasThere_ = false;
   std::string owner_;  // its unique name: signals of others are not heard

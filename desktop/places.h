@@ -28,7 +28,8 @@ class Places {
   /// Watches a circle, in place of one with the same identifier.
   void watch(const platform::CircularRegion& region);
   /// Reports the fix, and the circles that it leaves or enters for certain: those whose edge is
-  /// further away than the accuracy. In between nothing changes, so that no circle flaps.
+  /// further away than the accuracy. In between nothing changes, so that an inexact fix causes no
+  /// alternation.
   void update(const Fix& fix);
 
  private:

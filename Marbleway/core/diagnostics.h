@@ -16,7 +16,7 @@ inline constinit std::atomic<State> state{State::unread};
 /// Reads the environment, once.
 bool readState();
 
-/// Whether anyone asks: one relaxed load when nobody does.
+/// Whether diagnostics are on. One relaxed load.
 inline bool areOn() { return state.load(std::memory_order_relaxed) != State::off && readState(); }
 
 /// Called when the host has configured the library anew.

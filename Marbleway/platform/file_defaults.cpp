@@ -44,8 +44,9 @@ class FileDefaults final : public UserDefaults {
     const Value* value = find(key);
     if (value != nullptr && value->as<std::string>() != nullptr) return;
     // A key that this process has removed is missing, whatever the file holds.
-    const bool yields = !changes_.contains(key);
-    changes_.insert_or_assign(std::string(key), Change{.value = Value(text), .yields = yields});
+    const bool keepsExisting = !changes_.contains(key);
+    changes_.insert_or_assign(std::string(key),
+                              Change{.value = Value(text), .keepsExisting = keepsExisting});
   }
 
   void synchronize() override {
@@ -62,7 +63,7 @@ class FileDefaults final : public UserDefaults {
  private:
   struct Change {
     std::optional<Value> value{};  // absent: removed
-    bool yields = false;           // dropped if the file holds a text
+    bool keepsExisting = false;    // dropped if the file holds a text
   };
 
   bool hasChanges() {
@@ -98,10 +99,10 @@ class FileDefaults final : public UserDefaults {
       if (isMalformed_) return false;
       stored_ = *members;
     }
-    isThere_ = content.state == FileContent::State::read;
+    exists_ = content.state == FileContent::State::read;
     isLoaded_ = true;
     std::erase_if(changes_, [this](const auto& change) {
-      const Value* found = change.second.yields ? stored_.find(change.first) : nullptr;
+      const Value* found = change.second.keepsExisting ? stored_.find(change.first) : nullptr;
       return found != nullptr && found->template as<std::string>() != nullptr;
     });
     return true;
@@ -122,7 +123,7 @@ class FileDefaults final : public UserDefaults {
     const std::scoped_lock lock(mutex_);
     if (!refreshLocked()) return false;
     Dictionary settings = present();
-    const bool isSame = settings == (isThere_ ? stored_ : Dictionary());
+    const bool isSame = settings == (exists_ ? stored_ : Dictionary());
     if (!isSame && !replaceFile(file_, toJSON(settings).value())) return false;
     stored_ = std::move(settings);
     changes_.clear();
@@ -159,7 +160,7 @@ class FileDefaults final : public UserDefaults {
   ForkSafeMutex mutex_;  // guards what follows; held while the file is read and written
   std::filesystem::path file_;
   bool isLoaded_ = false;
-  bool isThere_ = false;                                // the file, when it was last read
+  bool exists_ = false;                                 // the file, when it was last read
   bool isMalformed_ = false;                            // no JSON object, or too large
   Dictionary stored_;                                   // what the file held when it was last read
   std::map<std::string, Change, std::less<>> changes_;  // what this process has changed since

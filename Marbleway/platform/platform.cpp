@@ -70,15 +70,15 @@ std::shared_ptr<Console> systemConsole() {
 }
 
 namespace {
-constinit Guarded<std::optional<std::string>> chosenDocuments, usualDocuments;
+constinit Guarded<std::optional<std::string>> chosenDocuments, defaultDocuments;
 }
 
 std::string documentsDirectory() {
   if (auto chosen = chosenDocuments.load()) return std::move(*chosen);
-  if (auto usual = usualDocuments.load()) return std::move(*usual);
+  if (auto usual = defaultDocuments.load()) return std::move(*usual);
   std::string usual =
       utf8Of(absolutePath(defaultDataDirectory() / "marbleway" / pathFrom(executableName())));
-  usualDocuments.store(usual);  // a later change of the environment changes nothing
+  defaultDocuments.store(usual);  // a later change of the environment changes nothing
   return usual;
 }
 

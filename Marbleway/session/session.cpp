@@ -60,7 +60,7 @@ void stopCapture() {
   if (isNetworkMonitoringEnabled) platform::current()->networkCapture->unregisterProtocol();
 }
 
-void watchSession() {
+void startMonitoring() {
   if (isPerformanceMonitoringEnabled) {
     platform::current()->crashHook->install(uncaughtExceptionHandler);
   }
@@ -79,7 +79,7 @@ void insertUser(const std::string& session) {
 }
 
 // Writes the user's row and completes the profile. False when a part of the profile is missing.
-bool identify(const std::string& session, Profile& profile) {
+bool recordUser(const std::string& session, Profile& profile) {
   const bool isPrivate = isPrivacyMode;
   const bool hasDevice =
       !isPrivate || catchAll([&] { profile.PlatformDeviceID = genericDeviceIdentifier(); });
@@ -138,8 +138,8 @@ std::optional<std::string> openSession() {
   const bool isGathered = catchAll([&] { profile = gatherProfile(); });
   catchAll(updateSessionTimeout);
   catchAll([&] { startTime = SessionStartTime.load(); });
-  catchAll(watchSession);
-  if (identify(session, profile) && isGathered) insertSession(session, profile, startTime);
+  catchAll(startMonitoring);
+  if (recordUser(session, profile) && isGathered) insertSession(session, profile, startTime);
   return session;
 }
 

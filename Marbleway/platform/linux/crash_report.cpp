@@ -50,7 +50,7 @@ constinit std::atomic<pid_t> reportingThread{0};
 
 // Makes this thread the one whose failure is recorded. False when another's is final, or when this
 // one's is recorded already: a handler that aborts after a fault.
-bool takeRecord() {
+bool claimRecord() {
   const auto until = steady_clock::now() + kReportTimeout;
   for (;;) {
     Phase present = phase;
@@ -154,7 +154,7 @@ void endReport() {
   for (;;) pause();  // until they have ended the process
 }
 
-void* standBy(void* /*unused*/) {
+void* runReporter(void* /*unused*/) {
   giveAlternateStack();
   while (sem_wait(&begun) != 0) {
   }
@@ -177,7 +177,7 @@ bool startThread() {
   if (pthread_attr_init(&attributes) != 0) return false;
   pthread_attr_setstacksize(&attributes, kStackSize);
   const SignalsBlocked blocked;  // a thread inherits the mask of the one that starts it
-  const bool isStarted = pthread_create(&thread, &attributes, standBy, nullptr) == 0;
+  const bool isStarted = pthread_create(&thread, &attributes, runReporter, nullptr) == 0;
   pthread_attr_destroy(&attributes);
   return isStarted;
 }
@@ -228,7 +228,7 @@ bool isReporting() { return process == getpid(); }
 void report(const Cause& cause, const Place& place, Outcome outcome) {
   if (!isReporting()) return;
   if (reportingThread == gettid()) return endReport();
-  if (takeRecord()) {
+  if (claimRecord()) {
     recordFailure(cause, place);
     phase = Phase::recorded;
   }

@@ -90,7 +90,7 @@ Chain* chainOfMarker(const siginfo_t& info) {
 
 // The former handler has returned and the thread goes on. A handler that has installed another
 // action, such as SIG_DFL, means that to take the signal.
-void goOnCapturing(Chain& chain) {
+void resumeCapture(Chain& chain) {
   const int number = kFatalSignals[static_cast<std::size_t>(&chain - chains.data())];
   withdrawReport();
   Action now{};
@@ -123,7 +123,7 @@ void onSignal(int number, siginfo_t* info, void* context) {
   recover();
   const int error = errno;
   if (Chain* const chain = chainOfMarker(*info)) {
-    goOnCapturing(*chain);
+    resumeCapture(*chain);
   } else {
     const Action& former = chainOf(number).former;
     const bool wasSent = info->si_code <= 0;  // rather than raised by an instruction

@@ -23,7 +23,7 @@ class CurlClient : public HttpClient {
     std::list<Transfer> one;
     one.emplace_back(std::move(request), std::move(done));
     try {
-      std::static_pointer_cast<TransferLoop>(worker_.running())->take(std::move(one));
+      std::static_pointer_cast<TransferLoop>(worker_.running())->enqueue(std::move(one));
     } catch (const std::system_error&) {  // no thread
       const auto unsent = std::make_shared<std::list<Transfer>>(std::move(one));
       current()->mainLoop->post([unsent] { unsent->front().complete(); });

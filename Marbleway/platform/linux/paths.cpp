@@ -22,7 +22,7 @@ std::filesystem::path absolutePathIn(const char* name) {
 }
 
 /// The home directory in the user database; "/" when the user has none.
-std::filesystem::path homeOnRecord() {
+std::filesystem::path homeFromUserDatabase() {
   std::vector<char> buffer(1024);
   passwd entry{};
   passwd* found = nullptr;
@@ -58,7 +58,7 @@ std::string_view environment(const char* name) {
 std::filesystem::path defaultDataDirectory() {
   if (auto data = absolutePathIn("XDG_DATA_HOME"); !data.empty()) return data;
   const auto home = absolutePathIn("HOME");
-  return (home.empty() ? homeOnRecord() : home) / ".local/share";
+  return (home.empty() ? homeFromUserDatabase() : home) / ".local/share";
 }
 
 void makeDocumentsDirectory() {

@@ -64,7 +64,7 @@ void TransferLoop::run() {
   endAll();
 }
 
-void TransferLoop::take(Transfers one) {
+void TransferLoop::enqueue(Transfers one) {
   const std::scoped_lock lock(mutex_);
   pending_.splice(pending_.end(), one);
   wake();
@@ -89,17 +89,17 @@ bool TransferLoop::awaitWork() {
 
 /// One step of every exchange and, unless one is over by then, a wait for what the next step needs.
 void TransferLoop::step() {
-  Transfers over;
+  Transfers finished;
   const auto until = inCurl([&] {
     openMulti();
-    admit(over);
+    admit(finished);
     int running = 0;
-    if (multi_ && curl_multi_perform(multi_.get(), &running) == CURLM_OK) return collect(over);
-    while (!active_.empty()) finish(active_.begin(), kNoHandle, over);
+    if (multi_ && curl_multi_perform(multi_.get(), &running) == CURLM_OK) return collect(finished);
+    while (!active_.empty()) finish(active_.begin(), kNoHandle, finished);
     return Transfer::Time::max();
   });
-  if (over.empty()) awaitBytes(until);
-  for (Transfer& transfer : over) transfer.complete();
+  if (finished.empty()) awaitBytes(until);
+  for (Transfer& transfer : finished) transfer.complete();
 }
 
 /// Without descriptors there is none; the next request tries again.
@@ -113,7 +113,7 @@ void TransferLoop::openMulti() {
   multi_ = std::move(made);
 }
 
-void TransferLoop::admit(Transfers& over) {
+void TransferLoop::admit(Transfers& finished) {
   Transfers arrived;
   {
     const std::scoped_lock lock(mutex_);
@@ -123,19 +123,19 @@ void TransferLoop::admit(Transfers& over) {
     active_.splice(active_.end(), arrived, arrived.begin());
     const bool hasBegun =
         multi_ && active_.back().begin(multi_.get(), options_, Transfer::Clock::now());
-    if (!hasBegun) finish(std::prev(active_.end()), kNoHandle, over);
+    if (!hasBegun) finish(std::prev(active_.end()), kNoHandle, finished);
   }
 }
 
-/// Moves what is complete, has failed or is out of time to `over`. Returns when the next exchange
-/// is out of time.
-Transfer::Time TransferLoop::collect(Transfers& over) {
+/// Moves what is complete, has failed or is out of time to `finished`. Returns when the next
+/// exchange is out of time.
+Transfer::Time TransferLoop::collect(Transfers& finished) {
   int left = 0;
   while (const CURLMsg* message = curl_multi_info_read(multi_.get(), &left)) {
     const auto transfer = std::ranges::find_if(
         active_, [&](const Transfer& each) { return each.uses(message->easy_handle); });
     const CURLcode result = message->data.result;
-    finish(transfer, result == CURLE_OK ? nullptr : curl_easy_strerror(result), over);
+    finish(transfer, result == CURLE_OK ? nullptr : curl_easy_strerror(result), finished);
   }
   Transfer::Time earliest = Transfer::Time::max();
   const Transfer::Time now = Transfer::Clock::now();
@@ -143,7 +143,7 @@ Transfer::Time TransferLoop::collect(Transfers& over) {
     const auto transfer = next++;
     const Transfer::Time deadline = transfer->deadline(options_, now);
     earliest = std::min(earliest, deadline);
-    if (deadline <= now) finish(transfer, "timed out", over);
+    if (deadline <= now) finish(transfer, "timed out", finished);
   }
   return earliest;
 }
@@ -159,19 +159,19 @@ void TransferLoop::awaitBytes(Transfer::Time until) {
 }
 
 void TransferLoop::endAll() {
-  Transfers over;
+  Transfers finished;
   inCurl([&] {
-    while (!active_.empty()) finish(active_.begin(), "ended", over);
+    while (!active_.empty()) finish(active_.begin(), "ended", finished);
     const std::scoped_lock lock(mutex_);
     if (isStopping_) multi_.reset();
-    over.splice(over.end(), pending_);
+    finished.splice(finished.end(), pending_);
   });
-  for (Transfer& transfer : over) transfer.complete();
+  for (Transfer& transfer : finished) transfer.complete();
 }
 
-void TransferLoop::finish(Transfers::iterator transfer, const char* failure, Transfers& over) {
+void TransferLoop::finish(Transfers::iterator transfer, const char* failure, Transfers& finished) {
   transfer->end(failure);
-  over.splice(over.end(), active_, transfer);
+  finished.splice(finished.end(), active_, transfer);
 }
 
 }  // namespace marbleway::platform

@@ -25,7 +25,7 @@ class TransferLoop : public Work {
   /// Lets `run` end every exchange as no response, and return.
   void stop() noexcept override;
   /// Begins the one exchange of the list.
-  void take(std::list<Transfer> one);
+  void enqueue(std::list<Transfer> one);
 
  private:
   using Transfers = std::list<Transfer>;
@@ -34,11 +34,11 @@ class TransferLoop : public Work {
   bool awaitWork();
   void step();
   void openMulti();
-  void admit(Transfers& over);
-  Transfer::Time collect(Transfers& over);
+  void admit(Transfers& finished);
+  Transfer::Time collect(Transfers& finished);
   void awaitBytes(Transfer::Time until);
   void endAll();
-  void finish(Transfers::iterator transfer, const char* failure, Transfers& over);
+  void finish(Transfers::iterator transfer, const char* failure, Transfers& finished);
 
   const HttpOptions options_;
 

@@ -37,7 +37,7 @@ constinit CrashFile file;
 
 // Makes this thread the one whose failure is recorded. False when another's is final, or when this
 // one's is recorded already: a handler that aborts after a fault.
-bool takeRecord() {
+bool claimRecord() {
   const ULONGLONG until = GetTickCount64() + kReportTimeout;
   for (;;) {
     Phase present = phase;
@@ -74,7 +74,7 @@ void endReport() {
   Sleep(INFINITE);
 }
 
-unsigned __stdcall standBy(void* /*unused*/) {
+unsigned __stdcall runReporter(void* /*unused*/) {
   guaranteeStack();
   WaitForSingleObject(begun, INFINITE);
   if (isStopping) return 0;
@@ -116,7 +116,7 @@ bool startReporter(FailureHandler handler) {
   isStopping = false;
   begun = CreateEventW(nullptr, FALSE, FALSE, nullptr);
   done = CreateEventW(nullptr, TRUE, FALSE, nullptr);  // all failing threads wait for it
-  thread = reinterpret_cast<HANDLE>(_beginthreadex(nullptr, kStackSize, standBy, nullptr,
+  thread = reinterpret_cast<HANDLE>(_beginthreadex(nullptr, kStackSize, runReporter, nullptr,
                                                    STACK_SIZE_PARAM_IS_A_RESERVATION, nullptr));
   isCapturing = true;
   return true;
@@ -136,7 +136,7 @@ bool isReporting() { return isCapturing; }
 void recordFailure(const Cause& cause) {
   if (!isCapturing) return;
   if (reportingThread == GetCurrentThreadId()) return endReport();
-  if (!takeRecord()) return;
+  if (!claimRecord()) return;
   clear(record);
   record.signal = cause.code;
   record.code = cause.access;

@@ -1,4 +1,4 @@
-#include "desktop/served.h"
+#include "desktop/bus_services.h"
 
 #include <sys/epoll.h>
 #include <sys/eventfd.h>
@@ -28,7 +28,7 @@ Source watch(sd_event* event, int wakeUp) {
 
 }  // namespace
 
-Served::Served(const Setting& setting, int descriptor)
+BusServices::BusServices(const Setting& setting, int descriptor)
     : event(makeEvent()),
       wakeUp(watch(event.get(), descriptor)),
       system(event.get(), setting.systemAddress),
@@ -37,7 +37,7 @@ Served::Served(const Setting& setting, int descriptor)
       places(system, event.get(), receiver, setting.desktopEntry),
       beacons(system, event.get(), receiver) {}
 
-void Served::maintain() {
+void BusServices::maintain() {
   system.maintain();
   session.maintain();
 }

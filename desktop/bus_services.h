@@ -11,10 +11,10 @@
 
 namespace marbleway::desktop {
 
-/// What lives on the bus thread, from its start to its end.
-struct Served {
+/// The objects of the bus thread. It makes them at its start and destroys them at its end.
+struct BusServices {
   /// Throws std::bad_alloc without an event loop. `wakeUp` is an eventfd that ends a wait.
-  Served(const Setting& setting, int wakeUp);
+  BusServices(const Setting& setting, int wakeUp);
 
   bool isNeeded() const { return system.isNeeded() || session.isNeeded(); }
   /// Between two waits.
