@@ -1,5 +1,7 @@
 #pragma once
 
+#include <system_mutex.h>  // of this system
+
 #include <memory>
 #include <mutex>
 
@@ -28,7 +30,7 @@ class ForkSafeMutex {
   void unlock();
 
  private:
-  std::mutex mutex_;
+  SystemMutex mutex_;
 };
 
 /// How many forks lie between the program's first process and this one.

@@ -1,0 +1,6 @@
+# What the library needs of a Windows system, and how it is linked there.
+set(system_libraries winhttp bcrypt ole32 shell32 user32 advapi32 dbghelp ntdll uuid ssp)
+set(system_hardening -fcf-protection)
+set(MARBLEWAY_DESKTOP OFF)
+# Windows 10, and UTF-16 names throughout.
+set(system_definitions _WIN32_WINNT=0x0A00 UNICODE _UNICODE NOMINMAX WIN32_LEAN_AND_MEAN)
