@@ -1,30 +1,15 @@
 #include "examples/todo/list.h"
 
-#include <unistd.h>
-
 #include <algorithm>
-#include <cstdio>
-#include <cstdlib>
 #include <fstream>
-#include <memory>
+#include <system_error>
+
+#include "examples/todo/system.h"
 
 namespace todo {
 namespace {
 
 constexpr std::string_view kOpen = "- [ ] ", kDone = "- [x] ";
-
-struct Close {
-  void operator()(std::FILE* file) const { std::fclose(file); }
-};
-
-/// Writes a new file. `mkstemp` replaces the last six letters of `name`. False on failure.
-bool writeNew(std::string& name, std::string_view content) {
-  const int descriptor = mkstemp(name.data());
-  if (descriptor < 0) return false;
-  const std::unique_ptr<std::FILE, Close> file(fdopen(descriptor, "w"));
-  return file && std::fwrite(content.data(), 1, content.size(), file.get()) == content.size() &&
-         std::fflush(file.get()) == 0 && fsync(descriptor) == 0;
-}
 
 }  // namespace
 
@@ -69,9 +54,7 @@ void writeList(const std::filesystem::path& file, const List& list) {
   std::error_code ignored;  // a failure here leads to one below
   const auto target = std::filesystem::weakly_canonical(file, ignored);  // keeps symbolic links
   std::filesystem::create_directories(target.parent_path(), ignored);
-  std::string fresh = target.string() + ".XXXXXX";
-  if (writeNew(fresh, content) && std::rename(fresh.c_str(), target.c_str()) == 0) return;
-  std::remove(fresh.c_str());
+  if (system::replaceFile(target, content)) return;
   throw Problem("the list cannot be written and stays as it was");
 }
 

@@ -1,5 +1,3 @@
-#include <unistd.h>
-
 #include <csignal>
 #include <cstdlib>
 #include <iostream>
@@ -12,6 +10,7 @@
 #include "examples/todo/analytics.h"
 #include "examples/todo/app.h"
 #include "examples/todo/list.h"
+#include "examples/todo/system.h"
 
 namespace {
 
@@ -19,7 +18,7 @@ constexpr auto kUsage = R"(usage: todo [options] [command]
 A to-do list: one command, or a prompt for many; "todo help" shows the commands.
 
   --file FILE          the list; "todo.md" in the data directory by default
-  --data DIRECTORY     ~/.local/share/todo by default
+  --data DIRECTORY     "todo" in ~/.local/share or %LOCALAPPDATA%
   --open LINK          opens a link first, such as "todo://list?mrbw_dlid=spring"
   --notification FILE  receives a push message first, a JSON file
   --collector URL      records how the program is used and sends it there, such as
@@ -45,8 +44,7 @@ std::string variable(const char* name, const std::string& otherwise) {
 }
 
 std::string dataDirectory() {
-  const std::string home = variable("HOME", "");
-  const std::string data = variable("XDG_DATA_HOME", home.empty() ? "" : home + "/.local/share");
+  const std::string data = todo::system::dataDirectory();
   if (data.empty()) throw UsageError("there is no home directory; use --data");
   return data + "/todo";
 }
@@ -78,18 +76,9 @@ Arguments readArguments(std::span<char* const> words) {
 
 volatile std::sig_atomic_t endingSignal = 0;
 
-/// The first signal ends the prompt, so that the session ends properly; a second one ends the
-/// program.
-void installSignalHandlers() {
-  struct sigaction action {};
-  action.sa_handler = [](int signal) { endingSignal = signal; };
-  action.sa_flags = static_cast<int>(SA_RESETHAND);  // no SA_RESTART: interrupts reading a line
-  for (const int signal : {SIGINT, SIGTERM, SIGHUP}) sigaction(signal, &action, nullptr);
-}
-
 /// Runs commands until the input ends. Commands that do not come from a keyboard are printed.
 void prompt(todo::App& app) {
-  const bool isKeyboard = isatty(STDIN_FILENO) == 1;
+  const bool isKeyboard = todo::system::isKeyboard();
   std::string line;
   while (!app.isOver && endingSignal == 0) {
     if (isKeyboard) std::cout << "todo> ";
@@ -124,7 +113,9 @@ int main(int count, char** words) {
     std::cout << kUsage;
     return 0;
   }
-  installSignalHandlers();
+  // The first signal ends the prompt, so that the session ends properly; a second one ends the
+  // program.
+  todo::system::onEnd([](int signal) { endingSignal = signal; });
   todo::App app{arguments.file};
   try {
     todo::analytics::start({arguments.collector, arguments.token, arguments.data + "/analytics"},

@@ -1,34 +1,83 @@
 #include <windows.h>
 
-#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <mutex>
 #include <string>
+#include <system_error>
 
+#include "Marbleway/platform/background_thread.h"
 #include "Marbleway/platform/services.h"
 #include "Marbleway/platform/windows/text.h"
 
 namespace marbleway::platform {
 namespace {
 
-/// Writes what a pipe takes at once; a line that would have to wait is lost.
-void writeToPipe(HANDLE pipe, const std::string& line) {
-  // Whoever asked for the pipe to wait still has it wait: the state is that of this end alone.
-  DWORD former = 0;
-  if (GetNamedPipeHandleStateW(pipe, &former, nullptr, nullptr, nullptr, nullptr, 0) == 0) return;
-  DWORD withoutWaiting = (former & PIPE_READMODE_MESSAGE) | PIPE_NOWAIT;
-  if (SetNamedPipeHandleState(pipe, &withoutWaiting, nullptr, nullptr) == 0) return;
+/// How long a caller waits for its line. The first line that takes longer is still written once the
+/// reader reads; those that come meanwhile are lost.
+constexpr std::chrono::milliseconds kLineTimeout{20};
+
+void write(HANDLE file, const std::string& line) {
   DWORD written = 0;
-  (void)WriteFile(pipe, line.data(), static_cast<DWORD>(line.size()), &written, nullptr);
-  former &= PIPE_READMODE_MESSAGE | PIPE_NOWAIT;
-  (void)SetNamedPipeHandleState(pipe, &former, nullptr, nullptr);
+  if (DWORD mode = 0; GetConsoleMode(file, &mode) != 0) {
+    const std::wstring text = wide(line);
+    (void)WriteConsoleW(file, text.data(), static_cast<DWORD>(text.size()), &written, nullptr);
+  } else {
+    (void)WriteFile(file, line.data(), static_cast<DWORD>(line.size()), &written, nullptr);
+  }
 }
+
+/// Writes to what may have no room: a pipe, or a console in which a person selects text. There is
+/// no write that returns at once, so a thread writes. It is not joined: a write has no end while
+/// nobody reads.
+class LineWriter : public std::enable_shared_from_this<LineWriter> {
+ public:
+  explicit LineWriter(HANDLE file) : file_(file) {}
+
+  void take(std::string line) {
+    std::unique_lock lock(mutex_);
+    if (!isStarted_) start();
+    if (isBusy_ && isStalled_) return;
+    const auto isIdle = [this] { return !isBusy_; };
+    if (changed_.wait_for(lock, kLineTimeout, isIdle)) {
+      line_ = std::move(line);
+      isBusy_ = true;
+      changed_.notify_all();
+    }
+    isStalled_ = !changed_.wait_for(lock, kLineTimeout, isIdle);
+  }
+
+ private:
+  /// `mutex_` is held. Throws std::system_error when the system has no thread left.
+  void start() {
+    pinModule();
+    startBackgroundThread([self = shared_from_this()] { self->run(); }).detach();
+    isStarted_ = true;
+  }
+
+  [[noreturn]] void run() {
+    std::unique_lock lock(mutex_);
+    for (;;) {
+      changed_.wait(lock, [this] { return isBusy_; });
+      lock.unlock();
+      write(file_, line_);
+      lock.lock();
+      isBusy_ = false;
+      changed_.notify_all();
+    }
+  }
+
+  const HANDLE file_;
+  std::mutex mutex_;  // guards the rest; `line_` is the thread's while `isBusy_`
+  std::condition_variable changed_;
+  std::string line_;
+  bool isStarted_ = false;
+  bool isBusy_ = false;
+  bool isStalled_ = false;  // nobody has read for as long as a caller waits
+};
 
 class StandardError final : public Console {
  public:
-  StandardError()
-      : handle_(GetStdHandle(STD_ERROR_HANDLE)),
-        type_(handle_ != nullptr && handle_ != INVALID_HANDLE_VALUE ? GetFileType(handle_)
-                                                                    : FILE_TYPE_UNKNOWN) {}
-
   void writeLine(std::string_view line) override {
     // One block, so that lines of several threads and processes stay whole.
     std::string whole;
@@ -37,21 +86,14 @@ class StandardError final : public Console {
     if (type_ == FILE_TYPE_UNKNOWN) return OutputDebugStringW(wide(whole).c_str());
     // The number of a handle that the host has closed may be that of another object.
     if (GetStdHandle(STD_ERROR_HANDLE) != handle_ || GetFileType(handle_) != type_) return;
-
-    DWORD written = 0;
-    if (DWORD mode = 0; GetConsoleMode(handle_, &mode) != 0) {
-      const std::wstring text = wide(whole);
-      (void)WriteConsoleW(handle_, text.data(), static_cast<DWORD>(text.size()), &written, nullptr);
-    } else if (type_ == FILE_TYPE_PIPE) {
-      writeToPipe(handle_, whole);
-    } else {
-      (void)WriteFile(handle_, whole.data(), static_cast<DWORD>(whole.size()), &written, nullptr);
-    }
+    if (type_ == FILE_TYPE_DISK) return write(handle_, whole);
+    writer_->take(std::move(whole));
   }
 
  private:
-  const HANDLE handle_;
-  const DWORD type_;
+  const HANDLE handle_ = GetStdHandle(STD_ERROR_HANDLE);
+  const DWORD type_ = handle_ != nullptr ? GetFileType(handle_) : FILE_TYPE_UNKNOWN;
+  const std::shared_ptr<LineWriter> writer_ = std::make_shared<LineWriter>(handle_);
 };
 
 }  // namespace
