@@ -1,8 +1,5 @@
 #include "tools/common/terminal.h"
 
-#include <sys/ioctl.h>
-#include <unistd.h>
-
 #include <algorithm>
 #include <csignal>
 #include <cstdlib>
@@ -24,9 +21,9 @@ void interrupt(int signal) {
 }  // namespace
 
 std::optional<std::size_t> terminalWidth() {
-  if (isatty(STDOUT_FILENO) == 0) return std::nullopt;
-  winsize size{};
-  int width = ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) == 0 ? size.ws_col : 0;
+  const auto known = terminalColumns();
+  if (!known) return std::nullopt;
+  int width = *known;
   const char* const columns = std::getenv("COLUMNS");
   if (width <= 0 && columns != nullptr) width = std::atoi(columns);
   if (width <= 0) width = kDefaultWidth;

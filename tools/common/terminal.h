@@ -10,6 +10,10 @@ namespace tools {
 /// The terminal's own size comes first, then COLUMNS, then 80.
 std::optional<std::size_t> terminalWidth();
 
+/// The width that the terminal gives itself, 0 if it gives none; absent for a file or a pipe. By
+/// each system.
+std::optional<int> terminalColumns();
+
 /// From here on the first interrupt (Ctrl-C) does not end the program; a second one does.
 void catchInterrupt();
 

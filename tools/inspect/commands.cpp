@@ -94,7 +94,7 @@ void batch(const Inspection& inspection) {
   for (const Table& table : kTables) {
     document.beginArray(table);
     eachRange(inspection, table, kMinId, [&](const IdRange& range) {
-      const SignalBlock stops{SIGTSTP, SIGTTIN, SIGTTOU};
+      const SignalBlock stops(SignalBlock::Kind::stops);
       marbleway::Statement row(inspection.documents.pathOf(table.store).string(),
                                inspection.select(table, range, "*").c_str());
       const auto& parameter = inspection.selection.parameter(table);

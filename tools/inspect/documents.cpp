@@ -1,14 +1,11 @@
 #include "tools/inspect/documents.h"
 
-#include <fcntl.h>
-#include <unistd.h>
-
 #include <algorithm>
-#include <cstdlib>
 #include <fstream>
 #include <utility>
 #include <vector>
 
+#include "Marbleway/platform/paths.h"
 #include "Marbleway/platform/utf8.h"
 #include "tools/inspect/read_only.h"
 
@@ -58,26 +55,6 @@ std::optional<Log> logOf(const fs::path& store) {
   }
 }
 
-/// Holds SQLite's shared lock on a store, under which no writer that closes its connection empties
-/// and removes the write-ahead log.
-class SharedLock {
- public:
-  explicit SharedLock(const fs::path& store) : file_(open(store.c_str(), O_RDONLY | O_CLOEXEC)) {
-    struct flock lock {};
-    lock.l_type = F_RDLCK;
-    lock.l_whence = SEEK_SET;
-    lock.l_start = 0x40000002;  // the bytes that SQLite's file format keeps for shared locks
-    lock.l_len = 510;
-    fcntl(file_, F_OFD_SETLK, &lock);
-  }
-  SharedLock(const SharedLock&) = delete;
-  SharedLock& operator=(const SharedLock&) = delete;
-  ~SharedLock() { close(file_); }
-
- private:
-  int file_;
-};
-
 /// Copies a store with its log and merges them in the copy, which is then read like any store.
 void copyWithLog(const fs::path& store, const fs::path& copy, const Log& log) {
   std::optional<SharedLock> lock;
@@ -89,7 +66,8 @@ void copyWithLog(const fs::path& store, const fs::path& copy, const Log& log) {
     const std::string after = bytesOf(logFile);
     if (after.substr(0, log.identity) != before) continue;
     std::ofstream(fs::path(copy).concat(log.suffix), std::ios::binary) << after;
-    tools::Database whole(copy.string(), SQLITE_OPEN_READWRITE, writableFiles());
+    tools::Database whole(marbleway::platform::utf8Of(copy), SQLITE_OPEN_READWRITE,
+                          writableFiles());
     return whole.execute(std::string("PRAGMA journal_mode=DELETE; ") + kReadSchema);
   }
   throw ReadError(store.string() + ": changes too fast to be copied");
@@ -108,11 +86,7 @@ std::string bytesOf(const fs::path& file, std::size_t maxBytes) {
   return bytes;
 }
 
-PrivateFolder::PrivateFolder() : ends_{SIGINT, SIGTERM, SIGHUP, SIGQUIT} {
-  std::string name = (fs::temp_directory_path() / "marbleway-inspect-XXXXXX").string();
-  if (mkdtemp(name.data()) == nullptr) throw ReadError(name + ": cannot be made for a copy");
-  path_ = name;
-}
+PrivateFolder::PrivateFolder() : ends_(SignalBlock::Kind::ends), path_(makePrivateFolder()) {}
 
 PrivateFolder::~PrivateFolder() {
   std::error_code error;

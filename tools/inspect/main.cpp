@@ -1,5 +1,4 @@
 #include <cerrno>
-#include <csignal>
 #include <exception>
 #include <iostream>
 #include <span>
@@ -36,8 +35,7 @@ int finish(std::ostream& out, const tools::Output& output) {
 /// Ends with 2 for arguments that make no sense, with 1 when there is no store, one cannot be read
 /// or the output cannot be written.
 int main(int count, char** arguments) {
-  // When the reader of the output leaves, the program still has to remove its copies.
-  std::signal(SIGPIPE, SIG_IGN);
+  inspect::ignoreBrokenPipes();
   tools::Output output;
   std::ostream out(&output);
   try {

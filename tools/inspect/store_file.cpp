@@ -3,6 +3,8 @@
 #include <chrono>
 #include <utility>
 
+#include "Marbleway/platform/paths.h"
+
 namespace inspect {
 namespace {
 
@@ -35,18 +37,9 @@ int progressHandler(void* /*unused*/) { return steady_clock::now() >= statementE
 
 }  // namespace
 
-SignalBlock::SignalBlock(std::initializer_list<int> signals) {
-  sigset_t blocked;
-  sigemptyset(&blocked);
-  for (const int signal : signals) sigaddset(&blocked, signal);
-  pthread_sigmask(SIG_BLOCK, &blocked, &former_);
-}
-
-SignalBlock::~SignalBlock() { pthread_sigmask(SIG_SETMASK, &former_, nullptr); }
-
 std::unique_ptr<tools::Database> openStore(const std::filesystem::path& store) {
-  auto database =
-      std::make_unique<tools::Database>(store.string(), SQLITE_OPEN_READONLY | SQLITE_OPEN_NOMUTEX);
+  auto database = std::make_unique<tools::Database>(marbleway::platform::utf8Of(store),
+                                                    SQLITE_OPEN_READONLY | SQLITE_OPEN_NOMUTEX);
   sqlite3* const handle = database->handle();
   for (const auto& [limit, value] : kLimits) sqlite3_limit(handle, limit, value);
   sqlite3_db_config(handle, SQLITE_DBCONFIG_DEFENSIVE, 1, nullptr);
@@ -70,7 +63,7 @@ void requireTable(const tools::Database& store, std::string_view table) {
 
 Query::Query(const tools::Database& store, const std::string& sql,
              const std::optional<std::string>& parameter)
-    : stops_{SIGTSTP, SIGTTIN, SIGTTOU} {
+    : stops_(SignalBlock::Kind::stops) {
   statementEnd = steady_clock::now() + kBusyTimeout + kMaxStatement;
   statement_ = store.prepare(sql);
   if (parameter && sql.find("?1") != std::string::npos) statement_.bind(1, *parameter);

@@ -1,9 +1,7 @@
 #pragma once
 
-#include <csignal>
 #include <cstdint>
 #include <filesystem>
-#include <initializer_list>
 #include <memory>
 #include <optional>
 #include <stdexcept>
@@ -11,24 +9,13 @@
 #include <string_view>
 
 #include "tools/common/database.h"
+#include "tools/inspect/system.h"
 
 namespace inspect {
 
 /// What cannot be read; what() names the file and says why.
 struct ReadError : std::runtime_error {
   using std::runtime_error::runtime_error;
-};
-
-/// Blocks `signals` in this thread until it is destroyed; they arrive then.
-class SignalBlock {
- public:
-  SignalBlock(std::initializer_list<int> signals);
-  SignalBlock(const SignalBlock&) = delete;
-  SignalBlock& operator=(const SignalBlock&) = delete;
-  ~SignalBlock();
-
- private:
-  sigset_t former_{};
 };
 
 /// A read-only connection to a store, which may have been made by anybody: nothing in its schema is
