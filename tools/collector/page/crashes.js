@@ -17,6 +17,7 @@ function noteCrash(row) {
   if (row.table !== "Crashes" || row.state === "again") return;
   const frame = firstFrame(row);
   const {count, newest} = crashes.get(frame) ?? {count: 0, newest: row};
+  ++list.version;
   crashes.set(frame, {count: count + 1, newest: row.n > newest.n ? row : newest});
 }
 

@@ -1,7 +1,8 @@
 // The list of rows of the view Live.
 
 // Only the rows in sight are in the document: a spacer has the height of all, and a few elements move over it.
-const list = {pool: [], chosen: 0, top: null, topIndex: 0};  // `top`: the number of the first row in sight
+// `top` is the number of the first row in sight. `version` changes when rows that did not change read otherwise.
+const list = {pool: [], chosen: 0, top: null, topIndex: 0, version: 0};
 const narrow = matchMedia("(max-width: 700px)");
 const rowHeight = () => (narrow.matches ? 46 : 28);
 
@@ -36,12 +37,15 @@ function stateText(row) {
   return (STATES[row.state] ?? row.state) + (row.times > 1 ? ` ×${row.times}` : "");
 }
 
-function fillRow(element, row, index) {
-  element.row = row;
-  element.id = `row-${row.n}`;
+function placeRow(element, row, index, height) {
+  if (element.row !== row || element.version !== list.version) fillRow(element, row);
   element.setAttribute("aria-rowindex", index + 2);
   element.setAttribute("aria-selected", String(row.n === list.chosen));
-  element.style.transform = `translateY(${index * rowHeight()}px)`;
+  element.style.transform = `translateY(${index * height}px)`;
+}
+
+function fillRow(element, row) {
+  Object.assign(element, {row, version: list.version, id: `row-${row.n}`});
   const [received, table, name, session, user, time, lag, state] = element.children;
   received.textContent = timeText(row.received);
   table.firstChild.firstChild.setAttribute("fill", fillOf(row.table));
@@ -50,8 +54,8 @@ function fillRow(element, row, index) {
   name.lastChild.textContent = visible(previewOf(row));
   session.textContent = visible(clip(row.session, 40));
   user.textContent = visible(clip(row.user, 80));
-  time.textContent = timeText(isoOf(row.time));
-  time.title = withZone(isoOf(row.time));
+  time.title = dateAndTime(isoOf(row.time));
+  time.textContent = time.title.slice(11);
   lag.textContent = durationText(row.lagMs);
   state.textContent = stateText(row);
   state.className = `cell-state state-${row.state}`;
@@ -75,9 +79,11 @@ function showList() {
   const first = Math.max(0, Math.floor(scroller.scrollTop / height) - 3);
   const last = Math.min(shown.length, first + Math.ceil(scroller.clientHeight / height) + 7);
   while (list.pool.length < last - first) list.pool.push(makeRowElement());
-  list.pool.forEach((element, i) => {
-    element.hidden = first + i >= last;
-    if (!element.hidden) fillRow(element, shown.at(first + i), first + i);
+  const size = list.pool.length;
+  list.pool.forEach((element, place) => {  // a row that stays in sight stays in its element
+    const index = first + ((place - (first % size) + size) % size);
+    element.hidden = index >= last;
+    if (!element.hidden) placeRow(element, shown.at(index), index, height);
   });
   const grid = byId("grid");
   grid.setAttribute("aria-rowcount", shown.length + 1);

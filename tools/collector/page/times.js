@@ -44,6 +44,7 @@ function chooseZone(event) {
   try {
     localStorage.setItem(ZONE_KEY, event.target.value);
   } catch { /* nothing is stored */ }
+  ++list.version;
   for (const view of Object.values(SPLITS)) view.shownKey = null;
   showAll();
   if (panel.row) openPanel(panel.row, false);
