@@ -15,6 +15,7 @@
 #include "Marbleway/upload/batch.h"
 #include "tests/support/child.h"
 #include "tests/support/fixture.h"
+#include "tests/support/library.h"
 #include "tests/support/loopback_server.h"
 
 namespace marbleway::tests {

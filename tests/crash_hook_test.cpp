@@ -7,6 +7,7 @@
 #include "tests/support/child.h"
 #include "tests/support/crashes.h"
 #include "tests/support/fixture.h"
+#include "tests/support/library.h"
 
 namespace marbleway::tests {
 namespace {

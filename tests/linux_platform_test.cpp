@@ -8,7 +8,9 @@
 #include <sys/utsname.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
+#include <atomic>
 #include <chrono>
 #include <csignal>
 #include <cstdlib>
@@ -19,12 +21,15 @@
 #include <string>
 #include <utility>
 
+#include "Marbleway/platform/background_loop.h"
 #include "Marbleway/platform/busy_budget.h"
+#include "Marbleway/platform/linux/fatal_signals.h"
 #include "Marbleway/platform/linux/time_zone.h"
 #include "Marbleway/platform/paths.h"
 #include "Marbleway/platform/platform.h"
 #include "Marbleway/platform/services.h"
 #include "tests/support/fixture.h"
+#include "tests/support/main_loop.h"
 #include "tests/support/shortage.h"
 
 namespace marbleway::platform {
@@ -235,6 +240,32 @@ TEST(TimeZoneTest, ComesFromTheVariableThenTheLinkThenTheFile) {
     fs::remove(etc / "localtime");
     fs::create_symlink(link, etc / "localtime");
     EXPECT_EQ(timeZoneName(variable, root.path()), name);
+  }
+}
+
+TEST(MainLoopTest, WithoutAThreadATaskIsDropped) {
+  const auto loop = makeBackgroundLoop();
+  std::atomic<bool> ran = false;
+  {
+    const marbleway::testing::NoThreads none;
+    loop->post([&] { ran = true; });
+    loop->repeat({}, [&] { ran = true; })->invalidate();
+  }
+  EXPECT_TRUE(fires(*loop, 3));
+  EXPECT_FALSE(ran);
+}
+
+TEST(MainLoopTest, BlocksAllButFatalSignals) {
+  sigset_t before, after, inLoop;
+  pthread_sigmask(SIG_SETMASK, nullptr, &before);
+  const auto loop = makeBackgroundLoop();
+  loop->post([&] { pthread_sigmask(SIG_SETMASK, nullptr, &inLoop); });
+  ASSERT_TRUE(runsPosted(*loop));
+  pthread_sigmask(SIG_SETMASK, nullptr, &after);
+  for (int signal = 1; signal < 32; ++signal) {
+    EXPECT_EQ(sigismember(&before, signal), sigismember(&after, signal)) << signal;
+    if (signal == SIGKILL || signal == SIGSTOP) continue;
+    EXPECT_NE(sigismember(&inLoop, signal) == 1, std::ranges::count(kFatalSignals, signal) > 0);
   }
 }
 

@@ -1,19 +1,15 @@
-#include "Marbleway/platform/background_loop.h"
+#include "tests/support/main_loop.h"
 
 #include <gtest/gtest.h>
-#include <pthread.h>
 
 #include <algorithm>
 #include <atomic>
-#include <csignal>
-#include <future>
 #include <stdexcept>
 #include <thread>
 #include <vector>
 
-#include "Marbleway/platform/linux/fatal_signals.h"
+#include "Marbleway/platform/background_loop.h"
 #include "Marbleway/platform/manual_loop.h"
-#include "tests/support/shortage.h"
 
 namespace marbleway::platform {
 namespace {
@@ -21,28 +17,6 @@ namespace {
 using namespace std::chrono_literals;
 using std::chrono::nanoseconds;
 using std::chrono::steady_clock;
-
-bool comes(std::promise<void>& promise) {
-  return promise.get_future().wait_for(30s) == std::future_status::ready;
-}
-
-/// True once everything posted to `loop` before has run.
-bool runsPosted(MainLoop& loop) {
-  const auto reached = std::make_shared<std::promise<void>>();
-  loop.post([reached] { reached->set_value(); });
-  return comes(*reached);
-}
-
-/// True once a timer of that period has fired `times` times.
-bool fires(MainLoop& loop, int times, nanoseconds period = 0ns) {
-  const auto reached = std::make_shared<std::promise<void>>();
-  const auto timer = loop.repeat(period, [reached, times, count = 0]() mutable {
-    if (++count == times) reached->set_value();
-  });
-  const bool isEnough = comes(*reached);
-  timer->invalidate();
-  return isEnough;
-}
 
 TEST(MainLoopTest, RunsPostedTasksInOrderOnOneThread) {
   const auto loop = makeBackgroundLoop();
@@ -92,18 +66,6 @@ TEST(MainLoopTest, MayBeDestroyedByItsOwnTask) {
   EXPECT_FALSE(ran);
 }
 
-TEST(MainLoopTest, WithoutAThreadATaskIsDropped) {
-  const auto loop = makeBackgroundLoop();
-  std::atomic<bool> ran = false;
-  {
-    const marbleway::testing::NoThreads none;
-    loop->post([&] { ran = true; });
-    loop->repeat(0ns, [&] { ran = true; })->invalidate();
-  }
-  EXPECT_TRUE(fires(*loop, 3));
-  EXPECT_FALSE(ran);
-}
-
 TEST(ManualLoopTest, TimersKeepTheirGridUntilInvalidated) {
   steady_clock::time_point now{1h};
   const auto start = now;
@@ -134,20 +96,6 @@ TEST(ManualLoopTest, TimersKeepTheirGridUntilInvalidated) {
   EXPECT_EQ(loop.nextDue(), now);
   EXPECT_EQ(loop.runDue(), 2U);
   EXPECT_EQ(count, 3);
-}
-
-TEST(MainLoopTest, BlocksAllButFatalSignals) {
-  sigset_t before, after, inLoop;
-  pthread_sigmask(SIG_SETMASK, nullptr, &before);
-  const auto loop = makeBackgroundLoop();
-  loop->post([&] { pthread_sigmask(SIG_SETMASK, nullptr, &inLoop); });
-  ASSERT_TRUE(runsPosted(*loop));
-  pthread_sigmask(SIG_SETMASK, nullptr, &after);
-  for (int signal = 1; signal < 32; ++signal) {
-    EXPECT_EQ(sigismember(&before, signal), sigismember(&after, signal)) << signal;
-    if (signal == SIGKILL || signal == SIGSTOP) continue;
-    EXPECT_NE(sigismember(&inLoop, signal) == 1, std::ranges::count(kFatalSignals, signal) > 0);
-  }
 }
 
 }  // namespace

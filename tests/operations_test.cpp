@@ -196,7 +196,8 @@ TEST_F(ServiceTest, RefusedMemberIsNamedAndNothingChanges) {
 
 TEST_F(ServiceTest, WhatTheHostLeavesOutIsFilledIn) {
   configure({.documentsDirectory = directory.path()});
-  const std::string program = std::filesystem::read_symlink("/proc/self/exe").filename();
+  const std::string program =
+      std::filesystem::path(::testing::internal::GetArgvs()[0]).filename().string();
   beginSession();
   EXPECT_THAT(query(storePath(), "SELECT BundleID, AppVersion FROM mrbw_v2_sessions"),
               ElementsAre(program + "|1.0"));

@@ -9,12 +9,13 @@
 #include <set>
 #include <thread>
 
-#include "Marbleway/platform/linux/http_client.h"
 #include "Marbleway/platform/background_loop.h"
+#include "Marbleway/platform/linux/http_client.h"
 #include "Marbleway/upload/batch.h"
 #include "tests/support/child.h"
 #include "tests/support/failing_vfs.h"
 #include "tests/support/fixture.h"
+#include "tests/support/library.h"
 #include "tests/support/loopback_server.h"
 #include "tests/support/shortage.h"
 

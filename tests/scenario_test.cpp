@@ -117,7 +117,9 @@ class Runner {
  public:
   explicit Runner(Interface interface) : interface_(interface) {}
 
-  void run(const Lines& lines) { run(lines, {{"$documents", world_.directory.path()}}); }
+  void run(const Lines& lines) {
+    run(lines, {{"$documents", world_.directory.path().generic_string()}});
+  }
 
  private:
   // An "each" runs what follows it once a row.

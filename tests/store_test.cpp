@@ -1,16 +1,13 @@
 #include "Marbleway/store/store.h"
 
 #include <sqlite3.h>
-#include <sys/stat.h>
 
 #include <fstream>
 #include <limits>
-#include <map>
 #include <optional>
 #include <thread>
 #include <tuple>
 
-#include "Marbleway/platform/services.h"
 #include "Marbleway/store/timestamp.h"
 #include "tests/support/failing_vfs.h"
 #include "tests/support/fixture.h"
@@ -24,9 +21,7 @@ using namespace std::chrono_literals;
 using std::chrono::sys_days;
 using ::testing::Contains;
 using ::testing::ElementsAre;
-using ::testing::Pair;
 using ::testing::SizeIs;
-using ::testing::UnorderedElementsAre;
 
 constexpr const char* kCompany =
     "INSERT INTO mrbw_v2_companies (UTCTimeStamp) VALUES ('2026-01-02 00:00:00.000')";
@@ -39,26 +34,6 @@ class StoreTest : public MarblewayTest {
         {"S", name, "2026-01-02 00:00:00.000"});
   }
 };
-
-TEST_F(StoreTest, DirectoriesAndFilesBelongToTheirOwnerAloneWhateverTheUmask) {
-  for (const mode_t mask : {0U, 022U, 0277U, 0777U}) {
-    SCOPED_TRACE(mask);
-    const fs::path top = directory.path() / std::to_string(mask);
-    configure({.documentsDirectory = top / "deep"});
-    platform::install({.userDefaults = platform::makeFileDefaults()});
-    const mode_t former = umask(mask);
-    beginSession();  // leaves a journal
-    umask(former);
-    std::map<std::string, int> modes{{"", static_cast<int>(fs::status(top).permissions())}};
-    for (const auto& entry : fs::recursive_directory_iterator(top)) {
-      modes[entry.path().filename()] = static_cast<int>(entry.status().permissions());
-    }
-    EXPECT_THAT(modes, UnorderedElementsAre(Pair("", 0700), Pair("deep", 0700),
-                                            Pair(DBFileName, 0600), Pair(HTTPDBFileName, 0600),
-                                            Pair(std::string(DBFileName) + "-journal", 0600),
-                                            Pair("user-defaults.json", 0600)));
-  }
-}
 
 // An empty file is in the way as well; it gets no tables.
 TEST_F(StoreTest, LeavesWhatHasAStoresNameAndRecordsOnceItIsGone) {
@@ -83,8 +58,6 @@ TEST_F(StoreTest, LeavesWhatHasAStoresNameAndRecordsOnceItIsGone) {
       for (const Store each : {Store::event, Store::network}) fs::remove(storePath(each));
     }
   }
-  platform::setDocumentsDirectory("/proc/none");
-  EXPECT_THAT(linesOf("lost"), SizeIs(2));
 }
 
 TEST_F(StoreTest, ThreadsMakeStoresWhateverAKilledStartLeft) {
@@ -117,13 +90,8 @@ TEST_F(StoreTest, ThreadsRecordWithoutSQLitesMutexes) {
 }
 
 // A host may set the mode, or the default file system, for files of its own.
-// No row waits for a pipe in the journal's place.
 TEST_F(StoreTest, RecordsWhateverModeTheStoreIsIn) {
   createStores();
-  const fs::path journal = storePath().concat("-journal");
-  ASSERT_EQ(mkfifo(journal.c_str(), S_IRUSR | S_IWUSR), 0);
-  insertCompany("lost");
-  fs::remove(journal);
   for (const char* mode : {"WAL", "TRUNCATE", "DELETE"}) {
     query(storePath(), std::string("PRAGMA journal_mode=") + mode);
     insertCompany(mode);

@@ -15,7 +15,6 @@
 namespace marbleway::tests {
 namespace {
 
-using ::testing::Not;
 int reportsToParent = -1;  // a child's
 
 }  // namespace
@@ -69,27 +68,6 @@ std::string Child::wait() {
   if (process_ > 0) waitpid(std::exchange(process_, -1), &status, 0);
   if (WIFSIGNALED(status)) return "ended by signal " + std::to_string(WTERMSIG(status));
   return status == 0 ? "" : "ended with " + std::to_string(WEXITSTATUS(status));
-}
-
-void startLibrary(const std::filesystem::path& directory, const std::string& url) {
-  configure({.documentsDirectory = directory, .developmentURL = url});
-  Marbleway::initMarbleway(
-      "token", {{"LoggingEnabled", false}, {"SDKEnvironment", 1}, {"PrivacyMode", false}});
-}
-
-std::vector<std::string> eventsIn(const std::filesystem::path& directory) {
-  return testing::query(directory / DBFileName, "SELECT EventName FROM mrbw_v2_events ORDER BY id");
-}
-
-void expectSoundStores(const std::filesystem::path& directory) {
-  for (const Table& table : kTables) {
-    const auto store = directory / (table.store == Store::event ? DBFileName : HTTPDBFileName);
-    EXPECT_NO_THROW(testing::query(store, std::string("SELECT 1 FROM ").append(table.name)));
-    EXPECT_EQ(testing::query(store, "PRAGMA integrity_check"), std::vector<std::string>{"ok"});
-  }
-  for (const auto& file : std::filesystem::directory_iterator(directory)) {
-    EXPECT_THAT(file.path().string(), Not(::testing::EndsWith("-new")));
-  }
 }
 
 }  // namespace marbleway::tests

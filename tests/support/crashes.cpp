@@ -26,7 +26,7 @@
 #include "Marbleway/Marbleway.h"
 #include "Marbleway/platform/platform.h"
 #include "Marbleway/store/schema.h"
-#include "tests/support/child.h"
+#include "tests/support/library.h"
 
 // Functions that a call stack can name.
 namespace failing {

@@ -49,4 +49,10 @@ struct FailingVfs {
 /// Counts a call of the calling thread; true when it fails.
 bool fails(Call call);
 
+/// The calling thread's object; null: none.
+FailingVfs* currentVfs();
+
+/// Has the file calls of SQLite fail as the object says, where the system allows it.
+void interceptCalls();
+
 }  // namespace marbleway::tests

@@ -1,9 +1,11 @@
 #include "tests/support/fixture.h"
 
+#include <array>
 #include <cstdlib>
 #include <memory>
-#include <stdexcept>
+#include <random>
 
+#include "Marbleway/platform/paths.h"
 #include "Marbleway/platform/services.h"
 #include "tools/common/database.h"
 
@@ -17,14 +19,16 @@ class NoCrashHook : public platform::CrashHook {
 };
 
 // 14 hours ahead: no day but UTC's counts.
-[[maybe_unused]] const bool isFarFromUTC = setenv("TZ", "Pacific/Kiritimati", 1) == 0;
+std::array<char, 32> zone{"TZ=Pacific/Kiritimati"};  // the environment's from then on
+[[maybe_unused]] const bool isFarFromUTC = putenv(zone.data()) == 0;
 
 }  // namespace
 
 TemporaryDirectory::TemporaryDirectory(const std::filesystem::path& parent) {
-  std::string name = (parent / "marbleway-test-XXXXXX").string();
-  if (mkdtemp(name.data()) == nullptr) throw std::runtime_error("no temporary directory");
-  path_ = name;
+  std::random_device random;
+  do {
+    path_ = parent / ("marbleway-test-" + std::to_string(random()));
+  } while (!std::filesystem::create_directory(path_));
 }
 
 TemporaryDirectory::~TemporaryDirectory() {
@@ -33,7 +37,7 @@ TemporaryDirectory::~TemporaryDirectory() {
 }
 
 std::vector<std::string> query(const std::filesystem::path& path, const std::string& sql) {
-  const tools::Database database(path.string(), SQLITE_OPEN_READWRITE);
+  const tools::Database database(platform::utf8Of(path), SQLITE_OPEN_READWRITE);
   tools::Statement statement = database.prepare(sql);
   std::vector<std::string> rows;
   while (statement.step()) {

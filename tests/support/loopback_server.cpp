@@ -1,11 +1,5 @@
 #include "tests/support/loopback_server.h"
 
-#include <netinet/in.h>
-#include <poll.h>
-#include <sys/socket.h>
-#include <unistd.h>
-
-#include <cerrno>
 #include <stdexcept>
 #include <utility>
 
@@ -15,7 +9,7 @@ namespace {
 using namespace std::chrono_literals;
 
 /// False when no whole request comes.
-bool receive(int socket, Received& request) {
+bool receive(Socket socket, Received& request) {
   constexpr std::string_view kLength = "Content-Length: ";
   auto& [head, body] = request;
   for (char next = 0; !head.ends_with("\r\n\r\n"); head += next) {
@@ -26,11 +20,11 @@ bool receive(int socket, Received& request) {
   return body.empty() || recv(socket, body.data(), body.size(), MSG_WAITALL) == std::ssize(body);
 }
 
-bool sendAll(int socket, std::string_view bytes) {
+bool sendAll(Socket socket, std::string_view bytes) {
   return send(socket, bytes.data(), bytes.size(), MSG_NOSIGNAL) == std::ssize(bytes);
 }
 
-void sendAnswer(int socket, const Answer& answer) {
+void sendAnswer(Socket socket, const Answer& answer) {
   const std::string head = "HTTP/1.1 " + std::to_string(answer.status) +
                            " Scripted\r\nContent-Length: " + std::to_string(answer.body.size());
   const std::string bytes = answer.raw.empty() ? head + "\r\n\r\n" + answer.body : answer.raw;
@@ -85,7 +79,7 @@ LoopbackServer::~LoopbackServer() {
   shutdown(socket_, SHUT_RDWR);
   listening_.join();
   const std::scoped_lock lock(mutex_);
-  for (const int socket : open_) shutdown(socket, SHUT_RDWR);
+  for (const Socket socket : open_) shutdown(socket, SHUT_RDWR);
 }
 
 void LoopbackServer::answerWith(std::function<Answer(const Received&)> respond) {
@@ -110,7 +104,7 @@ void LoopbackServer::listen() {
   }
 }
 
-void LoopbackServer::serve(int socket) {
+void LoopbackServer::serve(Socket socket) {
   Received request;
   if (receive(socket, request)) {
     std::unique_lock lock(mutex_);

@@ -10,6 +10,8 @@
 #include <thread>
 #include <vector>
 
+#include "tests/support/socket.h"
+
 namespace marbleway::tests {
 
 /// A request as it came over the wire.
@@ -48,7 +50,7 @@ class RefusingPort {
   std::string url(std::string_view scheme = "http") const;
 
  protected:
-  int socket_;
+  Socket socket_;
 };
 
 /// A real HTTP server: one request a connection, each connection on a thread of its own. It stops
@@ -69,13 +71,13 @@ class LoopbackServer : public RefusingPort {
 
  private:
   void listen();
-  void serve(int socket);
+  void serve(Socket socket);
 
   mutable std::mutex mutex_;  // on what follows
   mutable std::condition_variable changed_;
   std::function<Answer(const Received&)> respond_;
   std::vector<Received> requests_;
-  std::set<int> open_;  // the connections' sockets
+  std::set<Socket> open_;  // the connections' sockets
 
   std::list<std::jthread> serving_;  // one a connection
   std::thread listening_;
