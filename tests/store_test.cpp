@@ -173,7 +173,8 @@ TEST_F(StoreTest, OneCallWaitsForAStoreTwoSecondsAtMost) {
   for (const auto& [begin, sleeps, isStartUp] : cases) {
     SCOPED_TRACE(begin + std::to_string(sleeps));
     tests::FailingVfs vfs;
-    std::optional<tools::Database> other(std::in_place, storePath(), SQLITE_OPEN_READWRITE);
+    std::optional<tools::Database> other(std::in_place, storePath().string(),
+                                         SQLITE_OPEN_READWRITE);
     other->execute(begin);
     vfs.onSleep = [&, left = sleeps]() mutable {
       if (left-- == 0) other.reset();

@@ -17,11 +17,13 @@ bool receive(Socket socket, Received& request) {
   }
   const std::size_t length = head.find(kLength);
   if (length != std::string::npos) body.resize(std::stoul(head.substr(length + kLength.size())));
-  return body.empty() || recv(socket, body.data(), body.size(), MSG_WAITALL) == std::ssize(body);
+  const auto size = static_cast<Length>(body.size());
+  return body.empty() || recv(socket, body.data(), size, MSG_WAITALL) == std::ssize(body);
 }
 
 bool sendAll(Socket socket, std::string_view bytes) {
-  return send(socket, bytes.data(), bytes.size(), MSG_NOSIGNAL) == std::ssize(bytes);
+  const auto size = static_cast<Length>(bytes.size());
+  return send(socket, bytes.data(), size, MSG_NOSIGNAL) == std::ssize(bytes);
 }
 
 void sendAnswer(Socket socket, const Answer& answer) {
@@ -56,7 +58,7 @@ RefusingPort::RefusingPort() : socket_(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXE
     throw std::runtime_error("no port on 127.0.0.1");
   }
 }
-RefusingPort::~RefusingPort() { close(socket_); }
+RefusingPort::~RefusingPort() { closesocket(socket_); }
 
 std::string RefusingPort::host() const {
   sockaddr_in address{};
@@ -76,7 +78,8 @@ LoopbackServer::LoopbackServer(const Answer& answer)
 }
 
 LoopbackServer::~LoopbackServer() {
-  shutdown(socket_, SHUT_RDWR);
+  isStopping_ = true;
+  stopListening(socket_);
   listening_.join();
   const std::scoped_lock lock(mutex_);
   for (const Socket socket : open_) shutdown(socket, SHUT_RDWR);
@@ -95,9 +98,9 @@ std::vector<Received> LoopbackServer::waitForRequests(std::size_t count) const {
 
 void LoopbackServer::listen() {
   while (true) {
-    const int socket = accept4(socket_, nullptr, nullptr, SOCK_CLOEXEC);
-    if (socket < 0 && errno == EINVAL) return;  // shut down
-    if (socket < 0) continue;
+    const Socket socket = accept4(socket_, nullptr, nullptr, SOCK_CLOEXEC);
+    if (isStopping_) return static_cast<void>(closesocket(socket));
+    if (socket == static_cast<Socket>(-1)) continue;
     const std::scoped_lock lock(mutex_);
     open_.insert(socket);
     serving_.emplace_back([this, socket] { serve(socket); });
@@ -116,7 +119,7 @@ void LoopbackServer::serve(Socket socket) {
   }
   const std::scoped_lock lock(mutex_);
   open_.erase(socket);
-  close(socket);
+  closesocket(socket);
 }
 
 }  // namespace marbleway::tests

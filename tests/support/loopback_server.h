@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <condition_variable>
 #include <functional>
 #include <list>
@@ -73,6 +74,7 @@ class LoopbackServer : public RefusingPort {
   void listen();
   void serve(Socket socket);
 
+  std::atomic<bool> isStopping_{false};
   mutable std::mutex mutex_;  // on what follows
   mutable std::condition_variable changed_;
   std::function<Answer(const Received&)> respond_;
