@@ -191,13 +191,14 @@ TEST_F(ServiceTest, RefusedMemberIsNamedAndNothingChanges) {
                                     .testURL = "http://a\r\nX: y/v2/"};
   EXPECT_THAT([&] { configure(configuration); },
               ::testing::ThrowsMessage<std::invalid_argument>(::testing::HasSubstr("testURL")));
-  EXPECT_EQ(std::filesystem::path(pathOf(Store::event)).parent_path(), directory.path());
+  const auto documents = std::filesystem::path(pathOf(Store::event)).parent_path();
+  EXPECT_EQ(documents.filename(), directory.path().filename());
 }
 
 TEST_F(ServiceTest, WhatTheHostLeavesOutIsFilledIn) {
   configure({.documentsDirectory = directory.path()});
   const std::string program =
-      std::filesystem::path(::testing::internal::GetArgvs()[0]).filename().string();
+      std::filesystem::path(::testing::internal::GetArgvs()[0]).stem().string();
   beginSession();
   EXPECT_THAT(query(storePath(), "SELECT BundleID, AppVersion FROM mrbw_v2_sessions"),
               ElementsAre(program + "|1.0"));

@@ -8,7 +8,7 @@ namespace {
 constexpr int kMaxFiles = 32;
 
 std::string pathOf(const std::string& directory, int number) {
-  return directory + "/crash-record-" + std::to_string(number) + ".bin";
+  return utf8Of(pathFrom(directory) / ("crash-record-" + std::to_string(number) + ".bin"));
 }
 
 bool readUnreported(const LockedFile& file, CrashRecord& record) {

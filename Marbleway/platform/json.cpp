@@ -2,11 +2,13 @@
 
 #include <rapidjson/reader.h>
 
+#include <algorithm>
 #include <array>
 #include <charconv>
 #include <cmath>
 #include <cstdlib>
 #include <new>
+#include <string_view>
 #include <utility>
 #include <vector>
 
@@ -36,6 +38,20 @@ struct ThrowingAllocator {
   static void Free(void* block) noexcept { std::free(block); }
 };
 
+// Whether a number that no double holds is tiny, not huge: by the power of ten of its first digit.
+bool isTiny(std::string_view number) {
+  const std::size_t mark = std::min(number.find_first_of("eE"), number.size());
+  const std::size_t point = std::min(number.find('.'), mark);
+  std::int64_t power = 0;
+  if (mark < number.size()) {
+    const std::string_view exponent = number.substr(mark + (number[mark + 1] == '+' ? 2 : 1));
+    const char* const end = exponent.data() + exponent.size();
+    if (std::from_chars(exponent.data(), end, power).ec != std::errc()) return exponent[0] == '-';
+  }
+  const std::size_t first = number.find_first_of("123456789");
+  return power + static_cast<std::int64_t>(point) < static_cast<std::int64_t>(first);
+}
+
 // Builds a value from the reader's events. Nesting costs no stack.
 class Builder : public rj::BaseReaderHandler<rj::UTF8<>, Builder> {
  public:
@@ -50,9 +66,7 @@ class Builder : public rj::BaseReaderHandler<rj::UTF8<>, Builder> {
     if (error == std::errc() && last == end) return add(integer);
     double real = 0;
     if (std::from_chars(text, end, real).ec == std::errc()) return add(real);
-    long double wide = 0;  // its range holds all that the reader accepts but the tiniest numbers
-    (void)std::from_chars(text, end, wide);
-    return std::abs(wide) < 1 && add(0.0);
+    return isTiny({text, length}) && add(0.0);
   }
   bool String(const char* text, rj::SizeType length, bool /*copy*/) {
     return isValid({text, length}) && add(std::string_view(text, length));
