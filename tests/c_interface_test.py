@@ -3,6 +3,7 @@
 The environment's MARBLEWAY_LIBRARY is the library, TILL the example in C. Nothing is sent: the server's port is closed.
 """
 
+import ctypes
 import json
 import os
 import pathlib
@@ -24,6 +25,10 @@ class Exports(unittest.TestCase):
         symbols = subprocess.check_output(["nm", "-D", "--defined-only", os.environ["MARBLEWAY_LIBRARY"]], text=True)
         self.assertEqual(declared, {line.split()[-1] for line in symbols.splitlines()})
 
+    def test_nothing_is_recorded_before_the_start(self):
+        library = ctypes.CDLL(os.environ["MARBLEWAY_LIBRARY"])
+        self.assertFalse(library.marbleway_get_tracking_enabled() or library.marbleway_get_uploading_enabled())
+
 
 class Examples(unittest.TestCase):
     def details(self, diagnostics, *command):
@@ -35,7 +40,7 @@ class Examples(unittest.TestCase):
             server = f"http://127.0.0.1:{port.getsockname()[1]}/v2/"
             environment = os.environ | {"MARBLEWAY_DIAGNOSTICS": diagnostics}
             run = subprocess.run([*command, "--once", folder.name, server], check=True, timeout=30, env=environment, stderr=subprocess.PIPE, text=True)
-        reported = re.findall(r"^Marbleway Diagnostic: handshake: no response, .*connect.*" + server, run.stderr, re.M)
+        reported = re.findall(r"^Marbleway Diagnostic: handshake: no response, .*connect to 127.0.0.1 port.*" + server, run.stderr, re.M)
         self.assertEqual(int(diagnostics), len(reported), run.stderr)
         store = sqlite3.connect(pathlib.Path(folder.name, "mrbw-analytics-prod-220.sqlite"))
         select = "SELECT ErrorDetails, EventAttributes FROM mrbw_v2_errors, mrbw_v2_events ORDER BY mrbw_v2_events.id"
