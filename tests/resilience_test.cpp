@@ -4,6 +4,7 @@
 #include <atomic>
 #include <clocale>
 #include <cstdlib>
+#include <fstream>
 #include <locale>
 #include <random>
 #include <set>
@@ -295,6 +296,45 @@ TEST_F(ProcessEndTest, AChildOfAForkStartsItselfAndNeverHangs) {
     EXPECT_EQ(std::ranges::count(names, "before its start"), 0);
   });
   EXPECT_EQ(parent.wait(), "");
+}
+
+TEST_F(ProcessEndTest, TwoProcessesShareRowsAndSettings) {
+  const auto record = [&](const std::string& url, const char* user) {
+    tests::startLibrary(directory.path(), url);
+    EXPECT_TRUE(waitUntilIdle(30s));
+    if (user != nullptr) Marbleway::linkUser(user, "id");
+    for (std::size_t row = 0; row < kRows; ++row) Marbleway::trackEvent(url + std::to_string(row));
+  };
+  Child uploading([&] {
+    const tests::RefusingPort nobody;
+    Child offline([&] { record(nobody.url(), "ann"); });
+    const LoopbackServer server({.body = R"({"Data":{"Config":{"SessionTimeout":300}}})"});
+    record(server.url(), nullptr);
+    EXPECT_EQ(offline.wait(), "");
+    uploadNow();
+    EXPECT_TRUE(waitUntilIdle(30s));
+    EXPECT_THAT(tests::eventsIn(directory.path()), SizeIs(0));
+    const auto requests = server.requests();  // the handshake and one batch
+    ASSERT_THAT(requests, SizeIs(2));
+    const auto document = valueFromJSON(requests[1].body);
+    const auto* arrays = document->as<Dictionary>()->find("BatchData")->as<Dictionary>();
+    const auto sent = [&](const char* array, const char* column) {
+      std::vector<std::string> values;
+      for (const Value& row : *arrays->find(array)->as<Array>()) {
+        values.push_back(*row.as<Dictionary>()->find(column)->as<std::string>());
+      }
+      return values;
+    };
+    const auto events = sent("Events", "EventName"), devices = sent("Sessions", "PlatformDeviceID");
+    EXPECT_THAT(events, SizeIs(2 * kRows));
+    EXPECT_THAT(std::set<std::string>(events.begin(), events.end()), SizeIs(2 * kRows));
+    EXPECT_THAT(devices, ElementsAre(devices.back(), devices.front()));
+    std::ifstream file(directory.path() / "user-defaults.json");
+    const std::string settings{std::istreambuf_iterator<char>(file), {}};
+    EXPECT_THAT(settings, HasSubstr(R"("Marbleway_VendorID":")" + devices.front()));
+    EXPECT_THAT(settings, HasSubstr(R"("Marbleway_UserID":"ann")"));
+  });
+  EXPECT_EQ(uploading.wait(), "");
 }
 
 TEST_F(ProcessEndTest, AForkBeforeTheStartLeavesItsTimers) {
