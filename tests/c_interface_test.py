@@ -32,28 +32,31 @@ class Exports(unittest.TestCase):
 
 class Examples(unittest.TestCase):
     def details(self, diagnostics, *command):
-        """Runs an example and returns its error's details."""
+        """Runs an example and returns its error's details, its event's attributes and its name."""
         folder = tempfile.TemporaryDirectory()
         self.addCleanup(folder.cleanup)
         with socket.socket() as port:  # bound and not listening: whoever connects is refused
             port.bind(("127.0.0.1", 0))
             server = f"http://127.0.0.1:{port.getsockname()[1]}/v2/"
             environment = os.environ | {"MARBLEWAY_DIAGNOSTICS": diagnostics}
-            run = subprocess.run([*command, "--once", folder.name, server], check=True, timeout=30, env=environment, stderr=subprocess.PIPE, text=True)
+            run = subprocess.run([*command, "--once", folder.name, server], check=True, timeout=30, env=environment, capture_output=True, text=True)
         reported = re.findall(r"^Marbleway Diagnostic: handshake: no response, .*connect to 127.0.0.1 port.*" + server, run.stderr, re.M)
         self.assertEqual(int(diagnostics), len(reported), run.stderr)
+        self.assertNotIn("] delivered", run.stdout)
         store = sqlite3.connect(pathlib.Path(folder.name, "mrbw-analytics-prod-220.sqlite"))
-        select = "SELECT ErrorDetails, EventAttributes FROM mrbw_v2_errors, mrbw_v2_events ORDER BY mrbw_v2_events.id"
-        return [json.loads(column) for column in store.execute(select).fetchone()]
+        select = "SELECT ErrorDetails, EventAttributes, BundleID FROM mrbw_v2_errors, mrbw_v2_events, mrbw_v2_sessions ORDER BY mrbw_v2_events.id"
+        error, event, bundle = store.execute(select).fetchone()
+        return json.loads(error), json.loads(event), bundle
 
     def test_in_c(self):
-        error, sale = self.details("1", os.environ["TILL"])
+        error, sale, _ = self.details("1", os.environ["TILL"])
         self.assertEqual({"bread": "Rye", "Value": 4.2}, sale)
         self.assertEqual(("IOError", "No such file or directory"), (error["ExceptionName"], error["ExceptionReason"]))
         self.assertRegex(error["ExceptionCallStackSymbols"][0], r"^0 till ")
 
     def test_in_python(self):
-        error, _ = self.details("0", sys.executable, "-B", str(ROOT / "examples/python/example.py"))
+        error, _, bundle = self.details("0", sys.executable, "-B", str(ROOT / "examples/python/example.py"))
+        self.assertEqual("example", bundle)
         self.assertIn("in total", "".join(error["ExceptionUserInfo"]["traceback"]))
 
 

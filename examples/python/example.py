@@ -1,7 +1,7 @@
 #!/usr/bin/env python3
 """Reads numbers from files and records the results and the errors.
 
-    example.py FILE...                  sends to http://127.0.0.1:8080/v2/
+    example.py FILE...                  sends to http://127.0.0.1:8080/v2/; ends with 0 when the rows were delivered
     example.py --once DOCUMENTS SERVER  records one good and one bad file in that directory, checks the rows, and ends
 """
 
@@ -28,12 +28,15 @@ def read(paths):
 
 
 def record(paths, **configuration):
+    """True when the server has accepted the rows."""
     marbleway.configure(appVersion="1.0", **configuration)
     marbleway.init("my-project", {"SDKEnvironment": 1, "PrivacyMode": False})
     marbleway.wait_until_idle(5)  # for the server's answer to the start
     read(paths)
     marbleway.stop_session()  # begins an upload
-    return marbleway.wait_until_idle(5)
+    marbleway.wait_until_idle(5)
+    batch = marbleway.status()["batch"]
+    return batch is not None and not batch["isFailure"]
 
 
 def once(documents, server):
@@ -41,11 +44,11 @@ def once(documents, server):
         good, bad = pathlib.Path(folder, "good"), pathlib.Path(folder, "bad")
         good.write_text("1 2.5")
         bad.write_text("one")
-        record([good, bad], documentsDirectory=documents, developmentURL=server)
+        delivered = record([good, bad], documentsDirectory=documents, developmentURL=server)
     with sqlite3.connect(pathlib.Path(documents, "mrbw-analytics-prod-220.sqlite")) as store:
         attributes = store.execute("SELECT EventAttributes FROM mrbw_v2_events").fetchall()
         errors = store.execute("SELECT ErrorDetails ->> 'ExceptionName' FROM mrbw_v2_errors").fetchall()
-    print(attributes, errors)
+    print(attributes, errors, "delivered" if delivered else "not delivered")
     return attributes == [('{"lines":2,"Value":3.5}',)] and errors == [("ValueError",)]
 
 

@@ -8,6 +8,8 @@ on the console.
 import ctypes
 import json
 import os
+import pathlib
+import sys
 import traceback
 
 _library = ctypes.CDLL(os.environ.get("MARBLEWAY_LIBRARY", "libmarbleway_c.so.2"))
@@ -41,8 +43,12 @@ _functions = []  # referenced as long as the library may call them
 def configure(diagnostics=None, **members):
     """Sets any of documentsDirectory, developmentURL, testURL, productionURL, bundleIdentifier, appVersion, sites, uploadOnStart.
 
-    `diagnostics` is called with a dictionary for each diagnostic, on one of the library's threads.
+    The bundle identifier is the script's name, if none is given. `diagnostics` is called with a dictionary for each diagnostic, on one of
+    the library's threads.
     """
+    script = pathlib.Path(sys.argv[0]).stem if hasattr(sys, "argv") else ""
+    if not script.startswith("-"):  # as in python3 -c
+        members.setdefault("bundleIdentifier", script)
     _functions.append(diagnostics and _Diagnostics(lambda text, _: diagnostics(json.loads(text))))
     _call("configure_with_diagnostics", _json(members), _functions[-1], None)
 
