@@ -28,6 +28,7 @@ void CALLBACK onHttpStatus(HINTERNET /*handle*/, DWORD_PTR context, DWORD status
       event.value = static_cast<const WINHTTP_ASYNC_RESULT*>(information)->dwError;
       break;
     case WINHTTP_CALLBACK_STATUS_WRITE_COMPLETE:
+    case WINHTTP_CALLBACK_STATUS_DATA_AVAILABLE:
       event.value = *static_cast<const DWORD*>(information);
       break;
     case WINHTTP_CALLBACK_STATUS_READ_COMPLETE:

@@ -128,7 +128,9 @@ bool Transfer::advance(const HttpEvent& event, Time now) {
     case WINHTTP_CALLBACK_STATUS_SENDREQUEST_COMPLETE:
       return writeBody();
     case WINHTTP_CALLBACK_STATUS_HEADERS_AVAILABLE:
-      return readHead() && readBody();
+      return readHead() && awaitBody();
+    case WINHTTP_CALLBACK_STATUS_DATA_AVAILABLE:
+      return event.value > 0 ? readBody(event.value) : receive(0);
     case WINHTTP_CALLBACK_STATUS_READ_COMPLETE:
       return receive(event.value);
     default:
@@ -155,11 +157,15 @@ bool Transfer::readHead() {
   return announcedBytes_ <= kMaxResponseBytes || fail(ERROR_FILE_TOO_LARGE);
 }
 
-bool Transfer::readBody() {
+/// Waits for the next bytes, however few: a read alone would wait until the block is full.
+bool Transfer::awaitBody() {
+  return WinHttpQueryDataAvailable(handle_.get(), nullptr) != 0 || fail(GetLastError());
+}
+
+bool Transfer::readBody(std::size_t available) {
   auto& block = exchange_->block;
-  return WinHttpReadData(handle_.get(), block.data(), static_cast<DWORD>(block.size()), nullptr) !=
-             0 ||
-         fail(GetLastError());
+  const auto size = static_cast<DWORD>(std::min(block.size(), available));
+  return WinHttpReadData(handle_.get(), block.data(), size, nullptr) != 0 || fail(GetLastError());
 }
 
 bool Transfer::receive(std::size_t size) {
@@ -171,7 +177,7 @@ bool Transfer::receive(std::size_t size) {
   if (receivedBytes_ > kMaxResponseBytes) return fail(ERROR_FILE_TOO_LARGE);
   const std::size_t wanted = std::min(size, request_.maxResponseBytes - response_.body.size());
   response_.body.append(exchange_->block.data(), wanted);
-  return readBody();
+  return awaitBody();
 }
 
 /// Notes why there is no response. Returns false.

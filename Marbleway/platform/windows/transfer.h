@@ -41,7 +41,8 @@ class Transfer {
   bool addHeaders();
   bool writeBody();
   bool readHead();
-  bool readBody();
+  bool awaitBody();
+  bool readBody(std::size_t available);
   bool receive(std::size_t size);
   bool fail(unsigned long error);
 
