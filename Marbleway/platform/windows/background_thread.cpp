@@ -4,10 +4,15 @@
 
 #include <utility>
 
+#include "Marbleway/platform/windows/crash_hook.h"
+
 namespace marbleway::platform {
 
 std::thread startBackgroundThread(std::function<void()> body) {
-  return std::thread(std::move(body));
+  return std::thread([body = std::move(body)] {
+    guaranteeStack();
+    body();
+  });
 }
 
 void pinModule() {

@@ -32,9 +32,9 @@ Module moduleOf(std::uintptr_t address) {
       GET_MODULE_HANDLE_EX_FLAG_FROM_ADDRESS | GET_MODULE_HANDLE_EX_FLAG_UNCHANGED_REFCOUNT;
   HMODULE module = nullptr;
   std::array<wchar_t, 1024> path{};
-  if (GetModuleHandleExW(kByAddress, reinterpret_cast<const wchar_t*>(address), &module) == FALSE) {
-    return {};
-  }
+  const auto* const place = reinterpret_cast<const wchar_t*>(address);
+  // Null stands for the program itself.
+  if (place == nullptr || GetModuleHandleExW(kByAddress, place, &module) == FALSE) return {};
   GetModuleFileNameW(module, path.data(), static_cast<DWORD>(path.size()));
   return {module, path.data()};
 }
