@@ -29,9 +29,8 @@ class CrashHookTest : public ::testing::TestWithParam<Crash> {
   // The end of a process that fails as the crash `name` does.
   std::string run(const char* name, int place = 0) const {
     return Child([&] {
-             const fs::path self = fs::read_symlink("/proc/self/exe");
-             execl(self.c_str(), self.c_str(), name, directory().c_str(),
-                   std::to_string(place).c_str(), nullptr);
+             Child::exec("exec " CRASH_PROGRAM " " + std::string(name) + " " +
+                         directory().string() + " " + std::to_string(place));
            })
         .wait();
   }
