@@ -23,7 +23,7 @@ std::string frameLineOf(const CrashRecord& record, std::size_t index, Names name
   const std::uint64_t address = record.frames[index];
   const bool hasFailed = index == 0 && record.signal != 0;
   if (names == Names::ofThisProcess) {
-    return frameLine(index, address,
+    return frameLine(index, static_cast<std::uintptr_t>(address),
                      hasFailed ? AddressKind::faultAddress : AddressKind::returnAddress);
   }
   const auto modules = std::span(record.modules).first(record.moduleCount);

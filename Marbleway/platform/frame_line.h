@@ -14,13 +14,13 @@ inline constexpr std::size_t kMaxFrames = 128;
 enum class AddressKind { returnAddress, faultAddress };
 
 /// The number in hexadecimal after "0x", with at least so many digits.
-std::string hexadecimal(std::uintptr_t number, std::size_t digits = 1);
+std::string hexadecimal(std::uint64_t number, std::size_t digits = 1);
 
 /// One line of a call stack: "2 todo 0x00005570f0a4b1c2 save(int) + 0x62". Where the function is
 /// not known, the module takes its place: "2 todo 0x00005570f0a4b1c2 todo + 0x1b1c2".
 std::string frameLine(std::size_t number, std::uintptr_t address, AddressKind kind);
 
 /// The beginning of such a line: "2 todo 0x00005570f0a4b1c2".
-std::string frameLine(std::size_t number, std::uintptr_t address, const std::string& module);
+std::string frameLine(std::size_t number, std::uint64_t address, const std::string& module);
 
 }  // namespace marbleway::platform

@@ -141,7 +141,8 @@ void awaitRow() {
   if (phase.compare_exchange_strong(present, Phase::final)) sem_post(&begun);
   const auto until = (steady_clock::now() + kReportTimeout).time_since_epoch();
   const auto seconds = std::chrono::floor<std::chrono::seconds>(until);
-  const timespec time{.tv_sec = seconds.count(), .tv_nsec = (until - seconds).count()};
+  const timespec time{.tv_sec = static_cast<time_t>(seconds.count()),
+                      .tv_nsec = static_cast<long>((until - seconds).count())};
   while (sem_clockwait(&done, CLOCK_MONOTONIC, &time) != 0) {
     if (errno != EINTR) return;
   }
