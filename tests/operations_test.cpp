@@ -93,7 +93,7 @@ TEST_F(OperationsTest, ReportIsStoredInAFixedOrder) {
   ErrorReport report;
   report.userInfo = {{"z", 1}, {"a", Array()}};
   report.callStackSymbols = {"0 main", "1 start"};
-  report.callStackReturnAddresses = {1, 140733193388032};
+  report.callStackReturnAddresses = {1, 3221225472};
   report.reason = "";
   report.name = "N";
   Marbleway::logError("Import", nullptr, report);
@@ -101,7 +101,7 @@ TEST_F(OperationsTest, ReportIsStoredInAFixedOrder) {
   EXPECT_THAT(
       rows("mrbw_v2_errors"),
       ElementsAre(::testing::HasSubstr(R"(Import|NULL|{"ExceptionName":"N","ExceptionReason":"",)"
-                                       R"("ExceptionCallStackReturnAddresses":[1,140733193388032],)"
+                                       R"("ExceptionCallStackReturnAddresses":[1,3221225472],)"
                                        R"("ExceptionCallStackSymbols":["0 main","1 start"],)"
                                        R"("ExceptionUserInfo":{"z":1,"a":[]}}|)"),
                   ::testing::HasSubstr("|Import||{}|")));

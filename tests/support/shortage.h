@@ -31,7 +31,7 @@ class NoThreads {
     pthread_attr_t tooLarge;
     pthread_getattr_default_np(&usual_);
     pthread_attr_init(&tooLarge);
-    pthread_attr_setstacksize(&tooLarge, std::size_t{1} << 60U);
+    pthread_attr_setstacksize(&tooLarge, std::size_t{1} << (sizeof(std::size_t) * 8 - 1));
     pthread_setattr_default_np(&tooLarge);
   }
   NoThreads(const NoThreads&) = delete;
