@@ -45,6 +45,9 @@ TEST_F(LinuxStoreTest, WhatCannotBeOpenedCostsTheRowAlone) {
   Marbleway::trackEvent("lost");
   fs::remove(journal);
   EXPECT_THAT(rows("mrbw_v2_events"), IsEmpty());
+  fs::resize_file(storePath(), 3ULL << 30U);  // more than 32 bits with a sign count
+  Marbleway::trackEvent("recorded");
+  EXPECT_THAT(rows("mrbw_v2_events"), SizeIs(1));
   platform::setDocumentsDirectory("/proc/none");
   lines();
   Marbleway::initMarbleway("token");
