@@ -30,8 +30,9 @@ struct Bounds {
 
 // Of the committed part of the calling thread's stack that is above `top`.
 Bounds stackAbove(std::uint64_t top) {
-  const auto* const block = reinterpret_cast<const NT_TIB*>(NtCurrentTeb());
-  return {top, reinterpret_cast<std::uint64_t>(block->StackBase)};
+  ULONG_PTR lowest = 0, end = 0;
+  GetCurrentThreadStackLimits(&lowest, &end);
+  return {top, end};
 }
 
 // Moves `registers` from a function to its caller. False at the end of the stack. A function
