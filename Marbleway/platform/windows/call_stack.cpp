@@ -59,7 +59,7 @@ class Symbols {
         initialize != nullptr && load_ != nullptr && find_ != nullptr &&
         // A handle of its own: a host may use the same library for its process.
         DuplicateHandle(own, own, own, &process_, 0, FALSE, DUPLICATE_SAME_ACCESS) != FALSE &&
-        initialize(process_, nullptr, FALSE) != FALSE;
+        initialize(process_, "", FALSE) != FALSE;  // no server of symbols
   }
 
   /// The function that holds `address` and the offset in it; empty when it is not known.
@@ -70,7 +70,7 @@ class Symbols {
     answer.SizeOfStruct = sizeof(SYMBOL_INFO);
     answer.MaxNameLen = static_cast<ULONG>(answer.rest.size());
     DWORD64 offset = 0;
-    if (!isReady_ || module.base == nullptr) return {};
+    if (!isReady_ || module.base == nullptr || GetTickCount64() > end_) return {};
     load_(process_, nullptr, module.file.c_str(), nullptr, reinterpret_cast<DWORD64>(module.base),
           0, nullptr, 0);  // once; later calls change nothing
     if (find_(process_, address, &offset, &answer) == FALSE) return {};
@@ -80,6 +80,8 @@ class Symbols {
   }
 
  private:
+  // Names take no longer than this: the row comes first.
+  ULONGLONG end_ = GetTickCount64() + 150;  // milliseconds
   bool isReady_ = false;
   HANDLE process_ = nullptr;
   decltype(&SymLoadModuleExW) load_ = nullptr;
