@@ -6,6 +6,7 @@
 #include <climits>
 #include <cmath>
 #include <limits>
+#include <map>
 #include <string>
 #include <tuple>
 
@@ -40,6 +41,14 @@ TEST(ValueTest, IsMadeFromWhatItHolds) {
   EXPECT_EQ(*Value(std::string("a\0b", 3)).as<std::string>(), "a");
   EXPECT_EQ(Value(123456789.0F), Value(123456790.0));
   EXPECT_EQ(Value(-HUGE_VALF), Value(-kInfinity));
+}
+
+TEST(ValueTest, RangesBecomeArraysAndDictionaries) {
+  const std::map<std::string, std::vector<std::string>> bakers{{"Ann", {"Rye", "Oat"}}, {"Bo", {}}};
+  Dictionary breads(std::map<const char*, bool>{{"Rye", true}});
+  for (const auto& [baker, theirs] : bakers) breads.set(baker, Array(theirs));
+  EXPECT_EQ(toJSON(breads), R"({"Rye":true,"Ann":["Rye","Oat"],"Bo":[]})");
+  EXPECT_FALSE((std::is_constructible_v<Array, std::string>));
 }
 
 TEST(DictionaryTest, ALaterEqualKeyReplacesTheValueInPlace) {

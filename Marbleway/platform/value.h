@@ -139,12 +139,34 @@ class MARBLEWAY_EXPORT Value {
   Data data_;
 };
 
+namespace detail {
+
+/// What an array takes its elements from; a text is no such range.
+template <class Range>
+concept RangeOfValues = !std::convertible_to<const Range&, Text> && requires(const Range& range) {
+  Value(*range.begin());
+};
+
+/// What a dictionary takes its pairs from.
+template <class Range>
+concept RangeOfEntries = requires(const Range& range) {
+  std::string(range.begin()->first);
+  Value(range.begin()->second);
+};
+
+}  // namespace detail
+
 /// Values in order.
 class MARBLEWAY_EXPORT Array {
  public:
   Array() noexcept = default;
   /// `Array{1, "two", 3.0}`.
   Array(std::initializer_list<Value> values) : values_(values) {}
+  /// The elements of a range, such as a std::vector<std::string>: `Array(names)`.
+  template <detail::RangeOfValues Range>
+  explicit Array(const Range& range) {
+    for (const auto& each : range) push_back(each);
+  }
 
   /// Adds a value at the end.
   void push_back(Value value) { values_.push_back(std::move(value)); }
@@ -175,6 +197,12 @@ class MARBLEWAY_EXPORT Dictionary {
   Dictionary(std::initializer_list<Entry> entries) {
     entries_.reserve(entries.size());
     for (const Entry& entry : entries) set(entry.first, entry.second);
+  }
+
+  /// The pairs of a range, such as a std::map<std::string, double>: `Dictionary(prices)`.
+  template <detail::RangeOfEntries Range>
+  explicit Dictionary(const Range& range) {
+    for (const auto& [key, value] : range) set(std::string(key), value);
   }
 
   /// Adds a value or replaces the one under an equal key. A key ends at an embedded NUL.
