@@ -32,7 +32,8 @@ endif()
 set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS ON)
 set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS_POLICY ">=")
 
-# Each package has its changelog and the licence's state under /usr/share/doc.
+# Each package has its changelog and the licence's state under /usr/share/doc; an installation without
+# packages has neither.
 file(WRITE ${PROJECT_BINARY_DIR}/debian/triggers "activate-noawait ldconfig\n")
 string(TIMESTAMP date "%a, %d %b %Y %H:%M:%S +0000" UTC)
 function(debian_package component package section summary)
@@ -55,9 +56,9 @@ function(debian_package component package section summary)
 ")
   execute_process(COMMAND gzip -9nf changelog WORKING_DIRECTORY ${folder})
   install(FILES ${PROJECT_SOURCE_DIR}/cmake/copyright
-    DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/${package} COMPONENT ${component})
+    DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/${package} COMPONENT ${component} EXCLUDE_FROM_ALL)
   install(FILES ${folder}/changelog.gz RENAME changelog.Debian.gz
-    DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/${package} COMPONENT ${component})
+    DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/${package} COMPONENT ${component} EXCLUDE_FROM_ALL)
 endfunction()
 
 set(major ${PROJECT_VERSION_MAJOR})

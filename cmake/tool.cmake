@@ -2,6 +2,9 @@
 include(GNUInstallDirs)
 
 function(install_tool name)
+  if(NOT MARBLEWAY_INSTALL)
+    return()
+  endif()
   install(TARGETS ${name} RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT tools)
   execute_process(
     COMMAND gzip -9nc ${CMAKE_CURRENT_SOURCE_DIR}/${name}.1

@@ -1,5 +1,6 @@
 // What another project builds against the library: it records an event, with the recording console
-// that ships with it, and exits with 0 when there is a line and a store.
+// that ships with it, and exits with 0 when there is a line and a store. Its own folder, which it
+// includes from, has files with the names of the library's.
 #include <Marbleway/Host.h>
 #include <Marbleway/Marbleway.h>
 #include <Marbleway/platform/platform.h>
@@ -8,6 +9,10 @@
 #include <cstdlib>
 #include <filesystem>
 #include <memory>
+
+#include "core/state.h"
+#include "json.h"
+#include "platform/value.h"
 
 int main(int count, char** arguments) {
   if (count != 2) return EXIT_FAILURE;

@@ -1,0 +1,2 @@
+// A header of the host, which has the name of one of the library.
+struct HostValue {};
