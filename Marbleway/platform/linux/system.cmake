@@ -6,6 +6,8 @@ set(system_libraries CURL::libcurl PkgConfig::UUID ${CMAKE_DL_LIBS})
 set(system_link_options LINKER:-z,relro,-z,now)
 set(system_shared_link_options LINKER:-z,nodelete)  # threads and exit handlers outlive a dlclose
 if(BUILD_SHARED_LIBS)
+  include(CheckIPOSupported)
+  check_ipo_supported(RESULT has_link_time_optimization OUTPUT ignored LANGUAGES CXX)
   include(CheckLinkerFlag)
   check_linker_flag(CXX LINKER:-z,pack-relative-relocs packs_relative_relocations)
   if(packs_relative_relocations)

@@ -2,5 +2,6 @@
 set(system_libraries winhttp bcrypt ole32 shell32 user32 advapi32 dbghelp ntdll uuid ssp)
 set(system_hardening -fcf-protection)
 set(MARBLEWAY_DESKTOP OFF)
+set(has_link_time_optimization OFF)  # mingw-w64's g++ 12 fails on it
 # Windows 10, and UTF-16 names throughout.
 set(system_definitions _WIN32_WINNT=0x0A00 UNICODE _UNICODE NOMINMAX WIN32_LEAN_AND_MEAN)
