@@ -26,7 +26,7 @@ TEST_F(HttpClientTest, EachServerBehaviourHasItsOutcome) {
       {{.raw = "HTTP/1.1 401 No\r\nWWW-Authenticate: Basic\r\nContent-Length: 2\r\n\r\nno"}, 401, "no"},
       {{.raw = "HTTP/1.1 307 Moved\r\nLocation: " + nobody.url() + "\r\n\r\n"}, 307},
       {{.raw = chunked + "2\r\n{}\r\n0\r\n\r\n"}, 200, "{}"},
-      {{.manner = Manner::trickled, .body = std::string(99, 'x')}, 200, std::string(99, 'x'), 99, 900ms},
+      {{.manner = Manner::trickled, .body = std::string(330, 'x')}, 200, std::string(330, 'x'), 330, 3s},
       {{.body = full}, 200, full},
       {{.body = full}, 200, "xxxxx", 5},
       {{.body = full}, 200, "", 0},
