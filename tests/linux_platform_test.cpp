@@ -28,6 +28,7 @@
 #include "Marbleway/platform/paths.h"
 #include "Marbleway/platform/platform.h"
 #include "Marbleway/platform/services.h"
+#include "Marbleway/platform/settings_failure.h"
 #include "tests/support/fixture.h"
 #include "tests/support/main_loop.h"
 #include "tests/support/shortage.h"
@@ -156,6 +157,8 @@ TEST_F(FileDefaultsTest, WritesLaterWhatCouldNotBeWritten) {
   defaults->setTextIfMissing("user", "new");  // the removed one does not come back
   const int held = open(documents.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
   ASSERT_EQ(flock(held, LOCK_EX), 0);
+  static int failures = 0;
+  settingsFailed = [](std::string_view /*reason*/) noexcept { ++failures; };
   const auto start = std::chrono::steady_clock::now();
   {
     const BusyBudget budget;  // one call, however often it writes
@@ -163,6 +166,8 @@ TEST_F(FileDefaultsTest, WritesLaterWhatCouldNotBeWritten) {
   }
   EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(3500));
   EXPECT_EQ(read(settings), R"({"user":"linked"})");
+  EXPECT_EQ(failures, 3);
+  settingsFailed = nullptr;
   close(held);
   defaults->synchronize();
   EXPECT_EQ(read(settings), R"({"user":"new"})");

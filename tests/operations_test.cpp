@@ -202,6 +202,9 @@ TEST_F(ServiceTest, WhatTheHostLeavesOutIsFilledIn) {
   beginSession();
   EXPECT_THAT(query(storePath(), "SELECT BundleID, AppVersion FROM mrbw_v2_sessions"),
               ElementsAre(program + "|1.0"));
+  for (const Coordinate& site : Configuration().sites) {
+    EXPECT_TRUE(site.latitude == 0 && site.longitude == 0);
+  }
 }
 
 }  // namespace

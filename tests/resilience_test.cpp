@@ -3,6 +3,7 @@
 
 #include <atomic>
 #include <clocale>
+#include <csignal>
 #include <cstdlib>
 #include <fstream>
 #include <locale>
@@ -12,6 +13,7 @@
 
 #include "Marbleway/platform/background_loop.h"
 #include "Marbleway/platform/linux/http_client.h"
+#include "Marbleway/store/file_system.h"
 #include "Marbleway/upload/batch.h"
 #include "tests/support/child.h"
 #include "tests/support/failing_vfs.h"
@@ -335,6 +337,27 @@ TEST_F(ProcessEndTest, TwoProcessesShareRowsAndSettings) {
     EXPECT_THAT(settings, HasSubstr(R"("Marbleway_UserID":"ann")"));
   });
   EXPECT_EQ(uploading.wait(), "");
+}
+
+TEST_F(ProcessEndTest, ShutdownGivesBackWhatWasInstalled) {
+  const tests::RefusingPort nobody;
+  Child child([&] {
+    const auto handler = [] {
+      struct sigaction action {};
+      sigaction(SIGSEGV, nullptr, &action);
+      return action.sa_sigaction;
+    };
+    std::signal(SIGSEGV, SIG_DFL);
+    const auto before = handler();
+    tests::startLibrary(directory.path(), nobody.url());
+    Marbleway::startSession();
+    EXPECT_NE(handler(), before);
+    EXPECT_NE(sqlite3_vfs_find(kStoreFileSystem), nullptr);
+    shutdown();
+    EXPECT_EQ(handler(), before);
+    EXPECT_EQ(sqlite3_vfs_find(kStoreFileSystem), nullptr);
+  });
+  EXPECT_EQ(child.wait(), "");
 }
 
 TEST_F(ProcessEndTest, AForkBeforeTheStartLeavesItsTimers) {

@@ -71,7 +71,8 @@ class Buffer {
     capacity_ = capacity;
   }
 
-  static constexpr std::size_t kFirstSize = 4096;
+  // Below what `malloc` searches and merges its free blocks for; most texts of a row fit.
+  static constexpr std::size_t kFirstSize = 512;
 
   std::unique_ptr<char, Free> block_;
   std::size_t size_ = 0;
