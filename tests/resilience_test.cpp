@@ -12,6 +12,7 @@
 #include <thread>
 
 #include "Marbleway/platform/background_loop.h"
+#include "Marbleway/platform/linux/crash_hook.h"
 #include "Marbleway/platform/linux/http_client.h"
 #include "Marbleway/store/file_system.h"
 #include "Marbleway/upload/batch.h"
@@ -348,6 +349,7 @@ TEST_F(ProcessEndTest, ShutdownGivesBackWhatWasInstalled) {
       return action.sa_sigaction;
     };
     std::signal(SIGSEGV, SIG_DFL);
+    platform::install({.crashHook = platform::makeCrashHook()});
     const auto before = handler();
     tests::startLibrary(directory.path(), nobody.url());
     Marbleway::startSession();
