@@ -211,7 +211,6 @@ class Writer {
 std::optional<Value> valueFromJSON(std::string_view text) {
   // The numbers are read here: the reader takes "0e42" for another number than 0.
   constexpr unsigned kFlags = rj::kParseIterativeFlag | rj::kParseNumbersAsStringsFlag;
-  if (text.starts_with("\xEF\xBB\xBF")) text.remove_prefix(3);  // a byte order mark
   rj::MemoryStream stream(text.data(), text.size());
   rj::GenericReader<rj::UTF8<>, rj::UTF8<>, ThrowingAllocator> reader;
   Builder builder;
