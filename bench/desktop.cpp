@@ -28,10 +28,9 @@ std::string connection() {
 
 // The first call of a process, in as many processes as there are rounds.
 void measureInstall(const std::string& name) {
-  std::vector<double> times;
-  for (int round = 0; round < kRounds; ++round) {
-    times.push_back(
-        inChild([] { return std::vector{timed({.run = [] { desktop::install(); }})}; }).at(0));
+  std::vector<double> times(kRounds);
+  for (double& time : times) {
+    time = inChild([] { return std::vector{timed({.run = [] { desktop::install(); }})}; }).at(0);
   }
   const Spread time = spreadOf(std::move(times));
   print({.name = name,
