@@ -2,6 +2,9 @@
 
 #include <sqlite3.h>
 
+#include <iterator>
+#include <string_view>
+
 #include "Marbleway/platform/paths.h"
 
 namespace marbleway {
@@ -36,6 +39,18 @@ int accessFile(sqlite3_vfs* /*vfs*/, const char* name, int flags, int* result) {
   return SQLITE_OK;
 }
 
+// The name of a store is absolute. The system's function looks for links in each of its folders,
+// which need not be followed here: a store and its journals have the same folder.
+int completeName(sqlite3_vfs* /*vfs*/, const char* name, int size, char* completed) {
+  const std::string_view text(name);
+  const FileKind kind = kindOf(name);
+  if ((kind == FileKind::filled || kind == FileKind::empty) && std::ssize(text) < size) {
+    completed[text.copy(completed, text.size())] = '\0';
+    return SQLITE_OK;
+  }
+  return systemFiles->xFullPathname(systemFiles, name, size, completed);
+}
+
 }  // namespace
 
 void registerStoreFileSystem() {
@@ -45,6 +60,7 @@ void registerStoreFileSystem() {
   storeFiles.zName = kStoreFileSystem;
   storeFiles.xOpen = openFile;
   storeFiles.xAccess = accessFile;
+  storeFiles.xFullPathname = completeName;
   sqlite3_vfs_register(&storeFiles, 0);
 }
 
