@@ -62,8 +62,10 @@ std::filesystem::path defaultDataDirectory() {
 }
 
 void makeDocumentsDirectory() {
+  const std::string directory = documentsDirectory();
+  if (kindOf(directory.c_str()) != FileKind::missing) return;
   std::filesystem::path made;
-  for (const auto& part : std::filesystem::path(documentsDirectory())) {
+  for (const auto& part : std::filesystem::path(directory)) {
     made /= part;
     // What is there already stays as it is; what is made is the owner's whatever the umask.
     if (mkdir(made.c_str(), S_IRWXU) == 0) (void)chmod(made.c_str(), S_IRWXU);
