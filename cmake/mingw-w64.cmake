@@ -19,4 +19,4 @@ endforeach()
 set(ENV{PKG_CONFIG_LIBDIR} ${windows_prefix}/lib/pkgconfig)
 
 set(CMAKE_CROSSCOMPILING_EMULATOR
-  env WINEDEBUG=-all WINEPREFIX=${CMAKE_BINARY_DIR}/wine DISPLAY= /usr/lib/wine/wine64)
+  env WINEDEBUG=-all WINEDLLOVERRIDES=winedbg.exe=d WINEPREFIX=${CMAKE_BINARY_DIR}/wine DISPLAY= /usr/lib/wine/wine64)

@@ -104,6 +104,7 @@ const struct {
 int main(int count, char** arguments) {
   using namespace marbleway::tests;
   if (count != 4) return 2;
+  SetErrorMode(SEM_NOGPFAULTERRORBOX);  // a crash starts no debugger, which might change its end
   directory = arguments[2], url = arguments[3];
   std::ranges::find(kActions, std::string_view(arguments[1]), [](const auto& each) {
     return each.name;
