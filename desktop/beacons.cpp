@@ -95,36 +95,36 @@ void Beacons::search() {
       [this](sd_bus_message* signal) {
         const std::string path = sd_bus_message_get_path(signal);
         const std::string_view interface = changedInterface(signal);
-        if (interface == kAdapter) readAdapter(signal, path);
-        if (interface == kDevice) readDevice(signal, path);
+        readProperties(interface, signal, path);
       });
   service_.call("/", "org.freedesktop.DBus.ObjectManager", "GetManagedObjects",
                 [this](sd_bus_message* reply) {
                   if (!isAnswer(reply)) return;
-                  readDictionary(reply, "oa{sa{sv}}",
-                                 [&](const char* path) { return readInterfaces(reply, path); });
+                  Dictionary objects(reply, "oa{sa{sv}}");
+                  while (objects.next()) readInterfaces(reply, std::string(objects.key()));
                 });
 }
 
-bool Beacons::readInterfaces(sd_bus_message* message, const std::string& path) {
-  return readDictionary(message, "sa{sv}", [&](std::string_view interface) {
-    if (interface == kAdapter) return readAdapter(message, path);
-    return interface == kDevice && readDevice(message, path);
-  });
+void Beacons::readInterfaces(sd_bus_message* message, const std::string& path) {
+  Dictionary interfaces(message, "sa{sv}");
+  while (interfaces.next()) readProperties(interfaces.key(), message, path);
+}
+
+void Beacons::readProperties(std::string_view interface, sd_bus_message* message,
+                             const std::string& path) {
+  if (interface == kAdapter) readAdapter(message, path);
+  if (interface == kDevice) readDevice(message, path);
 }
 
 /// Searches on the adapter, once it is powered.
-bool Beacons::readAdapter(sd_bus_message* message, const std::string& path) {
-  std::optional<bool> isPowered;
-  const bool isRead = readDictionary(message, "sv", [&](std::string_view name) {
-    int value = 0;
-    if (name != "Powered" || !readVariant(message, "b", value)) return false;
-    isPowered = value != 0;
-    return true;
-  });
-  if (isPowered) std::erase(adapters_, path);
-  if (isPowered == true) searchOn(path);
-  return isRead;
+void Beacons::readAdapter(sd_bus_message* message, const std::string& path) {
+  Dictionary properties(message, "sv");
+  while (properties.next()) {
+    int isPowered = 0;
+    if (!properties.read("Powered", "b", &isPowered)) continue;
+    std::erase(adapters_, path);
+    if (isPowered != 0) searchOn(path);
+  }
 }
 
 void Beacons::searchOn(const std::string& adapter) {
@@ -135,26 +135,21 @@ void Beacons::searchOn(const std::string& adapter) {
 }
 
 /// A device that was never heard has no signal strength: it is one that is remembered.
-bool Beacons::readDevice(sd_bus_message* message, const std::string& path) {
+void Beacons::readDevice(sd_bus_message* message, const std::string& path) {
   std::optional<Advertised> beacon;
   std::optional<int> rssi;
-  const bool isRead = readDictionary(message, "sv", [&](std::string_view name) {
+  Dictionary properties(message, "sv");
+  while (properties.next()) {
     std::int16_t strength = 0;
-    if (name == "ManufacturerData") {
-      beacon = readAdvertised(message);
-      return true;
-    }
-    if (name != "RSSI" || !readVariant(message, "n", strength)) return false;
-    rssi = strength;
-    return true;
-  });
+    if (properties.read("RSSI", "n", &strength)) rssi = strength;
+    if (properties.key() == "ManufacturerData") beacon = readAdvertised(message);
+  }
   const auto known = observations_.find(path);
   if (beacon && isWanted(*beacon) &&
       (known != observations_.end() || observations_.size() < kMaxObservations)) {
     observations_[path].beacon = *beacon;
   }
   if (rssi || beacon) recordSignal(path, rssi);
-  return isRead;
 }
 
 void Beacons::recordSignal(const std::string& path, std::optional<int> rssi) {
@@ -170,10 +165,7 @@ void Beacons::recordSignal(const std::string& path, std::optional<int> rssi) {
 /// Reads a variant with a dictionary of companies and their bytes.
 std::optional<Beacons::Advertised> Beacons::readAdvertised(sd_bus_message* message) {
   std::optional<Advertised> beacon;
-  if (sd_bus_message_enter_container(message, 'v', "a{qv}") <= 0) {
-    sd_bus_message_skip(message, "v");
-    return beacon;
-  }
+  if (sd_bus_message_enter_container(message, 'v', "a{qv}") <= 0) return beacon;
   sd_bus_message_enter_container(message, 'a', "{qv}");
   while (sd_bus_message_enter_container(message, 'e', "qv") > 0) {
     std::uint16_t company = 0;

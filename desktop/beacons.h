@@ -49,9 +49,10 @@ class Beacons {
 
   void search();
   void searchOn(const std::string& adapter);
-  bool readInterfaces(sd_bus_message* message, const std::string& path);
-  bool readAdapter(sd_bus_message* message, const std::string& path);
-  bool readDevice(sd_bus_message* message, const std::string& path);
+  void readInterfaces(sd_bus_message* message, const std::string& path);
+  void readProperties(std::string_view interface, sd_bus_message* message, const std::string& path);
+  void readAdapter(sd_bus_message* message, const std::string& path);
+  void readDevice(sd_bus_message* message, const std::string& path);
   void recordSignal(const std::string& path, std::optional<int> rssi);
   void markSeen(const Advertised& beacon);
   void report();

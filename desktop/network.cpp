@@ -36,6 +36,14 @@ int numberOf(std::uint32_t technologies) {
   return best == kTechnologies.end() ? 0 : best->number;
 }
 
+/// Reads the properties of a modem.
+std::uint32_t readTechnologies(sd_bus_message* message) {
+  std::uint32_t technologies = 0;
+  Dictionary properties(message, "sv");
+  while (properties.next()) properties.read("AccessTechnologies", "u", &technologies);
+  return technologies;
+}
+
 }  // namespace
 
 Network::Network(Bus& system, sd_event* event)
@@ -52,16 +60,15 @@ void Network::watchPrimary() {
       "member='PropertiesChanged',arg0='org.freedesktop.NetworkManager'",
       [this](sd_bus_message* signal) {
         changedInterface(signal);
-        readDictionary(signal, "sv", [&](std::string_view name) {
+        Dictionary properties(signal, "sv");
+        while (properties.next()) {
           const char* type = nullptr;
-          const bool isRead = name == "PrimaryConnectionType" && readVariant(signal, "s", type);
-          if (isRead) setPrimary(type);
-          return isRead;
-        });
+          if (properties.read("PrimaryConnectionType", "s", &type)) setPrimary(type);
+        }
       });
   const auto onReply = [this](sd_bus_message* reply) {
     const char* type = nullptr;
-    if (isAnswer(reply) && readVariant(reply, "s", type)) setPrimary(type);
+    if (isAnswer(reply) && readVariant(reply, "s", &type)) setPrimary(type);
   };
   manager_.call(kManagerPath, kProperties, "Get", onReply, "ss", kManager, "PrimaryConnectionType");
 }
@@ -77,10 +84,8 @@ void Network::watchModems() {
   const auto onChange = [this](sd_bus_message* signal) {
     changedInterface(signal);
     bool hasChanged = false;  // the signal's strength changes far more often
-    readDictionary(signal, "sv", [&](std::string_view name) {
-      hasChanged = hasChanged || name == "AccessTechnologies";
-      return false;
-    });
+    Dictionary properties(signal, "sv");
+    while (properties.next()) hasChanged = hasChanged || properties.key() == "AccessTechnologies";
     if (hasChanged) readModems();
   };
   modems_.subscribe(
@@ -99,17 +104,13 @@ void Network::readModems() {
   const auto onReply = [this](sd_bus_message* reply) {
     if (!isAnswer(reply) || !modems_.isStarted()) return;
     std::uint32_t all = 0;
-    const auto readModem = [&](std::string_view name) {
-      std::uint32_t technologies = 0;
-      const bool isRead = name == "AccessTechnologies" && readVariant(reply, "u", technologies);
-      all |= technologies;
-      return isRead;
-    };
-    readDictionary(reply, "oa{sa{sv}}", [&](std::string_view /*path*/) {
-      return readDictionary(reply, "sa{sv}", [&](std::string_view interface) {
-        return interface == kModem && readDictionary(reply, "sv", readModem);
-      });
-    });
+    Dictionary objects(reply, "oa{sa{sv}}");
+    while (objects.next()) {
+      Dictionary interfaces(reply, "sa{sv}");
+      while (interfaces.next()) {
+        if (interfaces.key() == kModem) all |= readTechnologies(reply);
+      }
+    }
     dataNetworkType = numberOf(all);
   };
   modems_.call(kModemsPath, "org.freedesktop.DBus.ObjectManager", "GetManagedObjects", onReply);

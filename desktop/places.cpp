@@ -26,7 +26,7 @@ double distance(const Places::Fix& fix, const platform::CircularRegion& region) 
   return 2 * kEarthRadius * std::asin(std::sqrt(std::clamp(chord, 0.0, 1.0)));
 }
 
-/// False for what is no place on the earth, or is one of unknown accuracy.
+/// False for what is no place on the earth, is one of unknown accuracy, or was not read.
 bool isUsable(const Places::Fix& fix) {
   return std::abs(fix.latitude) <= 90 && std::abs(fix.longitude) <= 180 && fix.accuracy >= 0;
 }
@@ -96,15 +96,15 @@ void Places::startClient(const std::string& path) {
 
 void Places::readFix(const char* path) {
   const auto onReply = [this](sd_bus_message* reply) {
+    if (!isAnswer(reply)) return;
     Fix fix;
-    const auto read = [&](std::string_view name) {
-      double* const value = name == "Latitude"    ? &fix.latitude
-                            : name == "Longitude" ? &fix.longitude
-                            : name == "Accuracy"  ? &fix.accuracy
-                                                  : nullptr;
-      return value != nullptr && readVariant(reply, "d", *value);
-    };
-    if (isAnswer(reply) && readDictionary(reply, "sv", read)) update(fix);
+    Dictionary properties(reply, "sv");
+    while (properties.next()) {
+      properties.read("Latitude", "d", &fix.latitude);
+      properties.read("Longitude", "d", &fix.longitude);
+      properties.read("Accuracy", "d", &fix.accuracy);
+    }
+    update(fix);
   };
   service_.call(path, kProperties, "GetAll", onReply, "s", "org.freedesktop.GeoClue2.Location");
 }

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cmath>
 #include <cstdint>
 #include <string>
 #include <vector>
@@ -15,8 +16,8 @@ class Places {
  public:
   /// A position of the device.
   struct Fix {
-    double latitude = 0, longitude = 0;  // degrees
-    double accuracy = -1;                // metres around it; negative: unknown
+    double latitude = NAN, longitude = NAN;  // degrees
+    double accuracy = -1;                    // metres around it; negative: unknown
   };
 
   Places(Bus& system, sd_event* event, Receiver& receiver, std::string desktopEntry);

@@ -4,16 +4,31 @@
 
 namespace marbleway::desktop {
 
-bool readDictionary(sd_bus_message* message, const char* entry, const Visitor& visit) {
-  const std::string types = std::string("{").append(entry).append("}");
-  if (sd_bus_message_enter_container(message, 'a', types.c_str()) <= 0) return false;
-  while (sd_bus_message_enter_container(message, 'e', entry) > 0) {
-    const char* key = nullptr;
-    if (sd_bus_message_read_basic(message, *entry, &key) <= 0) return false;
-    if (!visit(key) && sd_bus_message_skip(message, entry + 1) < 0) return false;
-    if (sd_bus_message_exit_container(message) < 0) return false;
-  }
-  return sd_bus_message_exit_container(message) >= 0;
+bool Dictionary::next() {
+  const bool isBetweenEntries = key_ == nullptr ? enter() : leaveEntry();
+  if (!isBetweenEntries) return false;
+  const int isEntered = sd_bus_message_enter_container(message_, 'e', entry_);
+  if (isEntered == 0) sd_bus_message_exit_container(message_);
+  return isEntered > 0 && sd_bus_message_read_basic(message_, *entry_, &key_) > 0;
+}
+
+bool Dictionary::enter() {
+  const std::string types = std::string("{").append(entry_).append("}");
+  return sd_bus_message_enter_container(message_, 'a', types.c_str()) > 0;
+}
+
+bool Dictionary::leaveEntry() {
+  const bool isRead = sd_bus_message_at_end(message_, 0) > 0;
+  if (!isRead && sd_bus_message_skip(message_, entry_ + 1) < 0) return false;
+  return sd_bus_message_exit_container(message_) >= 0;
+}
+
+bool Dictionary::read(std::string_view key, const char* type, void* value) {
+  return key == key_ && readVariant(message_, type, value);
+}
+
+bool readVariant(sd_bus_message* message, const char* type, void* value) {
+  return sd_bus_message_read(message, "v", type, value) > 0;
 }
 
 std::string_view changedInterface(sd_bus_message* message) {
