@@ -86,7 +86,7 @@ void Beacons::search() {
       [this](sd_bus_message* signal) {
         const char* path = nullptr;
         if (sd_bus_message_read(signal, "o", &path) <= 0) return;
-        observations_.erase(path);
+        std::erase_if(observations_, [&](const auto& each) { return each.path == path; });
         std::erase(adapters_, path);
       });
   service_.subscribe(
@@ -144,18 +144,18 @@ void Beacons::readDevice(sd_bus_message* message, const std::string& path) {
     if (properties.read("RSSI", "n", &strength)) rssi = strength;
     if (properties.key() == "ManufacturerData") beacon = readAdvertised(message);
   }
-  const auto known = observations_.find(path);
-  if (beacon && isWanted(*beacon) &&
-      (known != observations_.end() || observations_.size() < kMaxObservations)) {
-    observations_[path].beacon = *beacon;
+  auto known = std::ranges::find(observations_, path, &Observation::path);
+  if (beacon && isWanted(*beacon)) {
+    if (known == observations_.end() && observations_.size() < kMaxObservations) {
+      observations_.push_back({path, {}, {}, false});
+      known = observations_.end() - 1;
+    }
+    if (known != observations_.end()) known->beacon = *beacon;
   }
-  if (rssi || beacon) recordSignal(path, rssi);
+  if (known != observations_.end() && (rssi || beacon)) recordSignal(*known, rssi);
 }
 
-void Beacons::recordSignal(const std::string& path, std::optional<int> rssi) {
-  const auto known = observations_.find(path);
-  if (known == observations_.end()) return;
-  Observation& observation = known->second;
+void Beacons::recordSignal(Observation& observation, std::optional<int> rssi) {
   if (rssi) observation.rssi = rssi;
   if (!observation.rssi) return;
   observation.isUnreported = true;
@@ -218,14 +218,14 @@ void Beacons::markSeen(const Advertised& beacon) {
 
 void Beacons::report() {
   for (const auto& region : ranged_) reportRanged(region);
-  for (auto& [path, observation] : observations_) observation.isUnreported = false;
+  for (Observation& observation : observations_) observation.isUnreported = false;
   isReportDue_ = false;
   leaveRegions(steady_clock::now());
 }
 
 void Beacons::reportRanged(const platform::BeaconRegion& region) const {
   std::vector<platform::Beacon> beacons;
-  for (const auto& [path, observation] : observations_) {
+  for (const Observation& observation : observations_) {
     if (!observation.isUnreported || !isOf(observation.beacon, region)) continue;
     const auto& [uuid, major, minor] = observation.beacon;
     std::array<char, 128> text{};

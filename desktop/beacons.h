@@ -2,9 +2,9 @@
 
 #include <chrono>
 #include <cstdint>
-#include <map>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "desktop/peer.h"
@@ -32,6 +32,7 @@ class Beacons {
     std::uint16_t major = 0, minor = 0;
   };
   struct Observation {
+    std::string path;  // the device's
     Advertised beacon;
     std::optional<int> rssi;    // the last one, dBm; absent: never heard
     bool isUnreported = false;  // heard since the last report
@@ -53,7 +54,7 @@ class Beacons {
   void readProperties(std::string_view interface, sd_bus_message* message, const std::string& path);
   void readAdapter(sd_bus_message* message, const std::string& path);
   void readDevice(sd_bus_message* message, const std::string& path);
-  void recordSignal(const std::string& path, std::optional<int> rssi);
+  void recordSignal(Observation& observation, std::optional<int> rssi);
   void markSeen(const Advertised& beacon);
   void report();
   void reportRanged(const platform::BeaconRegion& region) const;
@@ -62,9 +63,9 @@ class Beacons {
   Receiver& receiver_;
   std::vector<platform::BeaconRegion> ranged_;
   std::vector<Monitored> monitored_;
-  std::map<std::string, Observation, std::less<>> observations_;  // by the device's path
-  std::vector<std::string> adapters_;                             // that search
-  bool isReportDue_ = false;                                      // within a second
+  std::vector<Observation> observations_;
+  std::vector<std::string> adapters_;  // that search
+  bool isReportDue_ = false;           // within a second
   Timer timer_;
   Peer service_;
 };
