@@ -3,14 +3,12 @@
 #include <sys/epoll.h>
 #include <sys/eventfd.h>
 
-#include <new>
-
 namespace marbleway::desktop {
 namespace {
 
 Event makeEvent() {
   sd_event* event = nullptr;
-  if (sd_event_new(&event) < 0) throw std::bad_alloc();
+  sd_event_new(&event);
   return Event(event);
 }
 
@@ -22,7 +20,7 @@ int drain(sd_event_source* /*source*/, int descriptor, std::uint32_t /*events*/,
 
 Source watch(sd_event* event, int wakeUp) {
   sd_event_source* source = nullptr;
-  if (sd_event_add_io(event, &source, wakeUp, EPOLLIN, drain, nullptr) < 0) throw std::bad_alloc();
+  sd_event_add_io(event, &source, wakeUp, EPOLLIN, drain, nullptr);
   return Source(source);
 }
 

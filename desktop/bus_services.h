@@ -13,9 +13,11 @@ namespace marbleway::desktop {
 
 /// The objects of the bus thread. It makes them at its start and destroys them at its end.
 struct BusServices {
-  /// Throws std::bad_alloc without an event loop. `wakeUp` is an eventfd that ends a wait.
+  /// `wakeUp` is an eventfd that ends a wait.
   BusServices(const Setting& setting, int wakeUp);
 
+  /// False without an event loop: nothing can be used then.
+  bool isUsable() const { return wakeUp != nullptr; }
   bool isNeeded() const { return system.isNeeded() || session.isNeeded(); }
   /// Between two waits.
   void maintain();

@@ -62,7 +62,7 @@ void BusThread::run() {
   bool hasEnded = false;
   catchAll([&] {
     BusServices services(setting_, wakeUp_);
-    while (true) {
+    while (services.isUsable()) {
       const auto tasks = takeTasks(services.isNeeded());
       hasEnded = !tasks;
       if (hasEnded) return;
