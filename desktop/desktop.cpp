@@ -111,18 +111,6 @@ void shutdown() noexcept {
   services->thread.end(kShutdownTimeout);
 }
 
-std::shared_ptr<const platform::View> StatusBar::view() {
-  const int type = thread_.isInThisProcess() ? dataNetworkType.load() : 0;
-  if (type == 0) return nullptr;
-  platform::View item{"UIStatusBarDataNetworkItemView", {}, {}, type, nullptr, nullptr};
-  auto foreground = std::make_shared<platform::View>();
-  foreground->subviews.push_back(std::move(item));
-  auto bar = std::make_shared<platform::View>();
-  bar->className = "UIStatusBar";
-  bar->foregroundView = std::move(foreground);
-  return bar;
-}
-
 }  // namespace marbleway::desktop
 
 void marbleway_desktop_install() { marbleway::desktop::install(); }

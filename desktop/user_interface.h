@@ -12,6 +12,9 @@ namespace marbleway::desktop {
 class UserInterface final : public platform::UserInterface {
  public:
   explicit UserInterface(BusThread& thread) : thread_(thread) {}
+  UserInterface(const UserInterface&) = delete;
+  UserInterface& operator=(const UserInterface&) = delete;
+  ~UserInterface() override;
 
   void setBadgeNumber(int number) override;
   void openURL(std::string_view url) override;
