@@ -5,10 +5,16 @@
 
 namespace tools {
 
+/// Lets the system write the bytes of standard output as they are, newlines too.
+void makeOutputBinary();
+
 /// Standard output, in writes of 64 kB, which knows why one failed.
 class Output : public std::streambuf {
  public:
-  Output() { setp(bytes_.data(), bytes_.data() + bytes_.size()); }
+  Output() {
+    makeOutputBinary();
+    setp(bytes_.data(), bytes_.data() + bytes_.size());
+  }
   Output(const Output&) = delete;
   Output& operator=(const Output&) = delete;
   ~Output() override { write(); }

@@ -1,9 +1,12 @@
 #include <sys/ioctl.h>
 #include <unistd.h>
 
+#include "tools/common/output.h"
 #include "tools/common/terminal.h"
 
 namespace tools {
+
+void makeOutputBinary() {}
 
 std::optional<int> terminalColumns() {
   if (isatty(STDOUT_FILENO) == 0) return std::nullopt;
