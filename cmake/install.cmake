@@ -9,6 +9,7 @@ target_include_directories(marbleway INTERFACE $<INSTALL_INTERFACE:${include_roo
 # What a program needs to run, what is needed to build one, and the programs that look inside.
 set(CMAKE_INSTALL_DEFAULT_COMPONENT_NAME development)
 install(TARGETS marbleway EXPORT MarblewayTargets
+  RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT runtime
   LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT runtime NAMELINK_COMPONENT development
   ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR})
 install(FILES Marbleway/Marbleway.h Marbleway/Host.h Marbleway/version.h
@@ -21,7 +22,9 @@ install(FILES ${platform_headers} DESTINATION ${include_root}/Marbleway/platform
 if(TARGET marbleway_c)
   target_include_directories(marbleway_c INTERFACE $<INSTALL_INTERFACE:${include_root}>)
   install(TARGETS marbleway_c EXPORT MarblewayTargets
-    LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT c NAMELINK_COMPONENT development)
+    RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT c
+    LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT c NAMELINK_COMPONENT development
+    ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR})
   install(FILES Marbleway/marbleway_c.h DESTINATION ${include_root}/Marbleway)
 endif()
 if(TARGET marbleway_desktop)
@@ -30,8 +33,8 @@ if(TARGET marbleway_desktop)
     ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR})
   install(FILES Marbleway/desktop.h DESTINATION ${include_root}/Marbleway)
 endif()
-install(FILES Marbleway/platform/linux/http_client.h
-  DESTINATION ${include_root}/Marbleway/platform/linux)
+install(FILES Marbleway/platform/${system}/http_client.h
+  DESTINATION ${include_root}/Marbleway/platform/${system})
 install(DIRECTORY Marbleway/platform/testing DESTINATION ${include_root}/Marbleway/platform)
 
 set_target_properties(marbleway PROPERTIES EXPORT_NAME Marbleway)
@@ -52,7 +55,7 @@ if(BUILD_SHARED_LIBS)
   set(MARBLEWAY_PC_REQUIRES Requires.private)
 else()
   set(MARBLEWAY_PC_REQUIRES Requires)
-  set(MARBLEWAY_PC_STATIC_LIBS "-lstdc++ -lpthread -ldl")
+  set(MARBLEWAY_PC_STATIC_LIBS ${system_static_libraries})
   set(MARBLEWAY_PC_SYSTEMD " libsystemd")
 endif()
 configure_file(cmake/marbleway.pc.in marbleway.pc @ONLY)

@@ -1,4 +1,4 @@
-# Installs a program with its man page and its completion for bash, which lie beside its sources.
+# Installs a program; on Linux also its man page and its completion for bash, which lie beside its sources.
 include(GNUInstallDirs)
 
 function(install_tool name)
@@ -6,6 +6,9 @@ function(install_tool name)
     return()
   endif()
   install(TARGETS ${name} RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT tools)
+  if(WIN32)
+    return()
+  endif()
   execute_process(
     COMMAND gzip -9nc ${CMAKE_CURRENT_SOURCE_DIR}/${name}.1
     OUTPUT_FILE ${CMAKE_CURRENT_BINARY_DIR}/${name}.1.gz)

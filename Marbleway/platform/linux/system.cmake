@@ -2,6 +2,9 @@
 find_package(CURL REQUIRED)
 pkg_check_modules(UUID REQUIRED IMPORTED_TARGET uuid)
 set(system_libraries CURL::libcurl PkgConfig::UUID ${CMAKE_DL_LIBS})
+# The same for pkg-config: modules, and what no module names.
+set(system_modules "libcurl uuid")
+set(system_static_libraries "-lstdc++ -lpthread -ldl")
 
 set(system_link_options LINKER:-z,relro,-z,now)
 set(system_shared_link_options LINKER:-z,nodelete)  # threads and exit handlers outlive a dlclose
