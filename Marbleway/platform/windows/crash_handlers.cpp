@@ -34,10 +34,6 @@ void reportFatal(const Cause& cause) {
   awaitRow();
 }
 
-// A throw of this compiler that nothing catches comes here first; where the run-time's filter says
-// so, it goes on to std::terminate.
-bool isThrow(DWORD code) { return (code & 0x20FFFFFFU) == 0x20474343U; }
-
 Cause causeOf(const EXCEPTION_POINTERS& exception) {
   const EXCEPTION_RECORD& facts = *exception.ExceptionRecord;
   Cause cause{.code = static_cast<std::int32_t>(facts.ExceptionCode),
@@ -50,17 +46,12 @@ Cause causeOf(const EXCEPTION_POINTERS& exception) {
   return cause;
 }
 
+// The run-time throws by an exception, too. Where nothing catches it, its filter continues, and
+// std::terminate follows with a record of its own.
 LONG WINAPI onException(EXCEPTION_POINTERS* exception) {
-  const auto former = formerFilter.load();
-  const auto decide = [&] {
-    return former != nullptr ? former(exception) : EXCEPTION_CONTINUE_SEARCH;
-  };
-  LONG decision = EXCEPTION_CONTINUE_SEARCH;
-  const bool isThrown = isThrow(exception->ExceptionRecord->ExceptionCode);
-  if (isThrown) decision = decide();
-  if (isThrown && decision == EXCEPTION_CONTINUE_EXECUTION) return decision;
   recordFailure(causeOf(*exception));
-  if (!isThrown) decision = decide();  // it may end the process itself
+  const auto former = formerFilter.load();  // it may end the process itself
+  const LONG decision = former != nullptr ? former(exception) : EXCEPTION_CONTINUE_SEARCH;
   decision == EXCEPTION_CONTINUE_EXECUTION ? withdrawRecord() : awaitRow();
   return decision;
 }

@@ -63,6 +63,10 @@ void* volatile badAddress = reinterpret_cast<void*>(16);  // NOLINT(performance-
 volatile int one = 1, zero = 0;
 void divide() { one = std::div(one, zero).quot; }
 void writeToBadAddress() { *static_cast<volatile int*>(badAddress) = 1; }
+void throwError() { throw std::runtime_error("disk on fire"); }
+LONG WINAPI endProcess(EXCEPTION_POINTERS* /*failure*/) {
+  return TerminateProcess(GetCurrentProcess(), 7);
+}
 
 const struct {
   std::string_view name;
@@ -77,13 +81,15 @@ const struct {
     {"Divide", [] { start(), divide(); }},
     {"IllegalInstruction", [] { start(), __builtin_trap(); }},
     {"Abort", [] { start(), std::abort(); }},
-    {"Throw", [] { start(), throw std::runtime_error("disk on fire"); }},
+    {"Throw", [] { start(), throwError(); }},
     {"PureCall", [] { start(), Concrete(); }},
-    {"FilterExits",
+    {"FilterExits", [] { SetUnhandledExceptionFilter(endProcess), start(), writeToBadAddress(); }},
+    {"ThrowFilterExits",
      [] {
-       SetUnhandledExceptionFilter(
-           [](EXCEPTION_POINTERS*) -> LONG { return TerminateProcess(GetCurrentProcess(), 7); });
-       start(), writeToBadAddress();
+       SetUnhandledExceptionFilter(endProcess), start();
+       // The compiler's own threads, and main, turn a throw into std::terminate.
+       const auto body = [](void*) -> DWORD { return throwError(), 0; };
+       WaitForSingleObject(CreateThread(nullptr, 0, body, nullptr, 0, nullptr), INFINITE);
      }},
     {"FilterRepairs",
      [] {
