@@ -226,6 +226,14 @@ void useSmallStack() {
   smallStack.fill(0xA5);
 }
 
+void restartWithAChain() {
+  static std::terminate_handler former = nullptr;
+  startHere();
+  former = std::set_terminate([] { former(); });
+  shutdown();
+  startHere();
+}
+
 void refuseThreads() {
   const rlimit none{0, 0};
   setrlimit(RLIMIT_NPROC, &none);
@@ -291,6 +299,7 @@ const Crash kCrashes[] = {
     {"HandlerJumpsThenAbort", inTurn<recoverByJump, std::abort>, kAborted, kAbort, "abort + ", setHandler<jumpAway, SA_ONSTACK>},
     {"HandlerRepairsThenDivide", inTurn<recoverByRepair, divideByZero>, kDivided, "Signal 8 (SIGFPE): ", "main + ", setHandler<repair>},
     {"FormerTerminate", throwError, "ended with 3", kError, "failing::throwError() + ", [] { std::set_terminate([] { _exit(3); }); }},
+    {"TerminateChainAfterARestart", throwError, kAborted, kError, "failing::throwError() + ", [] {}, restartWithAChain},
     {"Ignored", raiseSignal<SIGABRT>, "", nullptr, nullptr, [] { std::signal(SIGABRT, SIG_IGN); }},
     {"Cancel", cancelInOperation, "", nullptr, nullptr},
 };

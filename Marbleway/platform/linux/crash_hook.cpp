@@ -1,5 +1,7 @@
 #include "Marbleway/platform/linux/crash_hook.h"
 
+#include <unistd.h>
+
 #include <atomic>
 #include <exception>
 #include <mutex>
@@ -14,13 +16,17 @@ namespace marbleway::platform {
 namespace {
 
 constinit ForkSafeMutex installMutex;
-constinit std::atomic<std::terminate_handler> formerHandler{nullptr};
+// A host's handler that was installed while the library ran outlasts its end, and may call the
+// library's: after a restart the two would call each other. Then the first is called.
+constinit std::atomic<std::terminate_handler> formerHandler{nullptr}, firstHandler{nullptr};
+constinit std::atomic<pid_t> terminatingThread{0};
 
 /// Runs on the thread that failed, with its stack as it was.
 void onTerminate() {
   recover();
   report({}, {.address = __builtin_return_address(0)}, Outcome::fatal);
-  if (const auto former = formerHandler.load()) former();
+  const bool isNested = terminatingThread.exchange(gettid()) == gettid();
+  if (const auto former = isNested ? firstHandler.load() : formerHandler.load()) former();
   // The caller aborts.
 }
 
@@ -31,6 +37,7 @@ class LinuxCrashHook final : public CrashHook {
     const std::scoped_lock lock(installMutex);  // no thread returns before crashes are captured
     if (!startReporter(handler)) return;
     if (std::get_terminate() != onTerminate) formerHandler = std::set_terminate(onTerminate);
+    if (firstHandler == nullptr) firstHandler = formerHandler.load();
     captureFatalSignals();
   }
   void useRecords(const std::string& directory, const char* (*session)(),
