@@ -89,6 +89,7 @@ INSTANTIATE_TEST_SUITE_P(Ways, WindowsProcessTest, ::testing::Values(
     Crash{"PureCall", EXCEPTION_ACCESS_VIOLATION, "Exception 0xc0000005 (EXCEPTION_ACCESS_VIOLATION) executing at address 0x0\n0 ? "},  // as this compiler has it
     Crash{"FilterExits", 7, "Exception 0xc0000005 (EXCEPTION_ACCESS_VIOLATION) writing at address 0x10\n0 "},
     Crash{"ThrowFilterExits", 7, "Exception 0x20474343 (C++ exception) at address 0x"},
+    Crash{"ChainAfterARestart", EXCEPTION_ACCESS_VIOLATION, "Exception 0xc0000005 (EXCEPTION_ACCESS_VIOLATION) writing at address 0x10\n0 "},
     Crash{"FilterRepairs", 0, nullptr}),
     [](const auto& way) { return std::string(way.param.name); });
 // clang-format on

@@ -16,11 +16,45 @@ namespace {
 
 using SignalHandler = void (*)(int);
 
-constinit std::atomic<LPTOP_LEVEL_EXCEPTION_FILTER> formerFilter{nullptr};
-constinit std::atomic<std::terminate_handler> formerTerminate{nullptr};
-constinit std::atomic<SignalHandler> formerAbort{SIG_DFL};
-constinit std::atomic<_invalid_parameter_handler> formerInvalidParameter{nullptr};
-constinit std::atomic<_purecall_handler> formerPureCall{nullptr};
+/// What stood in the place of a handler. A host's handler that was installed while the library ran
+/// outlasts its end, and may call the library's: after a restart the two would call each other.
+template <class Handler>
+struct Former {
+  std::atomic<Handler> latest{}, first{};
+  std::atomic<DWORD> thread{0};  // on which the library's handler runs; 0: on none
+
+  void set(Handler former) {
+    Handler none{};
+    first.compare_exchange_strong(none, former);
+    latest = former;
+  }
+};
+constinit Former<LPTOP_LEVEL_EXCEPTION_FILTER> formerFilter;
+constinit Former<std::terminate_handler> formerTerminate;
+constinit Former<SignalHandler> formerAbort;  // SIG_DFL is null
+constinit Former<_invalid_parameter_handler> formerInvalidParameter;
+constinit Former<_purecall_handler> formerPureCall;
+
+/// A run of the library's handler. One that is called by the latest handler goes on to the first.
+template <class Handler>
+class Run {
+ public:
+  explicit Run(Former<Handler>& former)
+      : former_(former),
+        isNested_(former.thread.exchange(GetCurrentThreadId()) == GetCurrentThreadId()) {}
+  Run(const Run&) = delete;
+  Run& operator=(const Run&) = delete;
+  ~Run() {
+    if (!isNested_) former_.thread = 0;
+  }
+
+  bool isNested() const { return isNested_; }
+  Handler next() const { return isNested_ ? former_.first : former_.latest; }
+
+ private:
+  Former<Handler>& former_;
+  const bool isNested_;
+};
 
 // Whether the run-time ends the process after an invalid parameter, or else returns an error.
 #if defined(_UCRT)
@@ -50,27 +84,32 @@ Cause causeOf(const EXCEPTION_POINTERS& exception) {
 // std::terminate follows with a record of its own.
 LONG WINAPI onException(EXCEPTION_POINTERS* exception) {
   recordFailure(causeOf(*exception));
-  const auto former = formerFilter.load();  // it may end the process itself
+  const Run run(formerFilter);
+  const auto former = run.next();  // it may end the process itself
   const LONG decision = former != nullptr ? former(exception) : EXCEPTION_CONTINUE_SEARCH;
+  if (run.isNested()) return decision;
   decision == EXCEPTION_CONTINUE_EXECUTION ? withdrawRecord() : awaitRow();
   return decision;
 }
 
 void onTerminate() {
   reportFatal({.caller = __builtin_return_address(0)});
-  if (const auto former = formerTerminate.load()) former();
+  const Run run(formerTerminate);
+  if (const auto former = run.next()) former();
   // The caller aborts.
 }
 
 void onAbort(int number) {
   reportFatal({.code = number, .caller = __builtin_return_address(0)});
-  std::signal(number, formerAbort);
+  const Run run(formerAbort);
+  std::signal(number, run.next());
   std::raise(number);
 }
 
 void onInvalidParameter(const wchar_t* expression, const wchar_t* function, const wchar_t* source,
                         unsigned line, std::uintptr_t reserved) {
-  const auto former = formerInvalidParameter.load();
+  const Run run(formerInvalidParameter);
+  const auto former = run.next();
   if (former == nullptr && !kInvalidParameterEnds) return;
   recordFailure({.code = kInvalidParameter, .caller = __builtin_return_address(0)});
   if (former != nullptr) {
@@ -83,7 +122,8 @@ void onInvalidParameter(const wchar_t* expression, const wchar_t* function, cons
 
 void onPureCall() {
   reportFatal({.code = kPureCall, .caller = __builtin_return_address(0)});
-  if (const auto former = formerPureCall.load()) former();
+  const Run run(formerPureCall);
+  if (const auto former = run.next()) former();
   // The caller aborts.
 }
 
@@ -95,22 +135,24 @@ void release(Handler ours, Handler former, Set set) {
 }  // namespace
 
 void captureFailures() {
-  formerFilter = SetUnhandledExceptionFilter(onException);
-  formerTerminate = std::set_terminate(onTerminate);
-  formerAbort = std::signal(SIGABRT, onAbort);
-  if (formerAbort == SIG_IGN || formerAbort == SIG_ERR) std::signal(SIGABRT, formerAbort);
-  formerInvalidParameter = _set_invalid_parameter_handler(onInvalidParameter);
-  formerPureCall = _set_purecall_handler(onPureCall);
+  formerFilter.set(SetUnhandledExceptionFilter(onException));
+  formerTerminate.set(std::set_terminate(onTerminate));
+  formerAbort.set(std::signal(SIGABRT, onAbort));
+  const SignalHandler abort = formerAbort.latest;
+  if (abort == SIG_IGN || abort == SIG_ERR) std::signal(SIGABRT, abort);
+  formerInvalidParameter.set(_set_invalid_parameter_handler(onInvalidParameter));
+  formerPureCall.set(_set_purecall_handler(onPureCall));
 }
 
 void releaseFailures() {
-  release<LPTOP_LEVEL_EXCEPTION_FILTER>(onException, formerFilter, SetUnhandledExceptionFilter);
-  release<std::terminate_handler>(onTerminate, formerTerminate, std::set_terminate);
-  release<SignalHandler>(onAbort, formerAbort,
+  release<LPTOP_LEVEL_EXCEPTION_FILTER>(onException, formerFilter.latest,
+                                        SetUnhandledExceptionFilter);
+  release<std::terminate_handler>(onTerminate, formerTerminate.latest, std::set_terminate);
+  release<SignalHandler>(onAbort, formerAbort.latest,
                          [](SignalHandler handler) { return std::signal(SIGABRT, handler); });
-  release<_invalid_parameter_handler>(onInvalidParameter, formerInvalidParameter,
+  release<_invalid_parameter_handler>(onInvalidParameter, formerInvalidParameter.latest,
                                       _set_invalid_parameter_handler);
-  release<_purecall_handler>(onPureCall, formerPureCall, _set_purecall_handler);
+  release<_purecall_handler>(onPureCall, formerPureCall.latest, _set_purecall_handler);
 }
 
 }  // namespace marbleway::platform

@@ -91,6 +91,15 @@ const struct {
        const auto body = [](void*) -> DWORD { return throwError(), 0; };
        WaitForSingleObject(CreateThread(nullptr, 0, body, nullptr, 0, nullptr), INFINITE);
      }},
+    {"ChainAfterARestart",
+     [] {
+       start();
+       static LPTOP_LEVEL_EXCEPTION_FILTER former = nullptr;
+       former =
+           SetUnhandledExceptionFilter([](EXCEPTION_POINTERS* failure) { return former(failure); });
+       shutdown();
+       start(), writeToBadAddress();
+     }},
     {"FilterRepairs",
      [] {
        SetUnhandledExceptionFilter([](EXCEPTION_POINTERS* failure) -> LONG {
