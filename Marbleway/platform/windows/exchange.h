@@ -6,10 +6,10 @@
 #include <array>
 #include <condition_variable>
 #include <cstdint>
-#include <deque>
 #include <memory>
 #include <mutex>
 #include <type_traits>
+#include <vector>
 
 #include "Marbleway/platform/buffer.h"
 
@@ -35,7 +35,7 @@ struct HttpInbox {
 
   std::mutex mutex;  // guards the rest
   std::condition_variable changed;
-  std::deque<HttpEvent> events;
+  std::vector<HttpEvent> events;
   bool hasFailed = false;  // an event is lost for want of memory
 };
 

@@ -1,7 +1,6 @@
 #include "Marbleway/platform/windows/transfer_loop.h"
 
 #include <algorithm>
-#include <deque>
 #include <iterator>
 #include <string>
 #include <utility>
@@ -38,7 +37,7 @@ void TransferLoop::stop() noexcept {
 bool TransferLoop::step() {
   const auto until = std::min(nextDeadline(), Transfer::Clock::now() + kMaxWait);
   Transfers arrived;
-  std::deque<HttpEvent> events;
+  std::vector<HttpEvent> events;
   bool isStopping = false;
   bool hasFailed = false;
   {
@@ -65,16 +64,19 @@ void TransferLoop::admit(const Transfers& arrived) {
                                  WINHTTP_NO_PROXY_NAME, WINHTTP_NO_PROXY_BYPASS,
                                  WINHTTP_FLAG_ASYNC));
     }
-    const auto place = active_.emplace(++lastNumber_, transfer).first;
     bool hasBegun = false;
     catchAll([&] {
+      active_.emplace(++lastNumber_, transfer);
       hasBegun = transfer->begin(session_.get(), inbox_, lastNumber_, Transfer::Clock::now());
     });
-    if (!hasBegun) finish(place, {});
+    if (hasBegun) continue;
+    active_.erase(lastNumber_);
+    transfer->end({});
+    transfer->complete();
   }
 }
 
-void TransferLoop::dispatch(const std::deque<HttpEvent>& events) {
+void TransferLoop::dispatch(const std::vector<HttpEvent>& events) {
   for (const HttpEvent& event : events) {
     const auto found = active_.find(event.transfer);
     if (found == active_.end()) continue;  // has ended meanwhile

@@ -28,7 +28,7 @@ class TransferLoop : public Work {
 
   bool step();
   void admit(const Transfers& arrived);
-  void dispatch(const std::deque<HttpEvent>& events);
+  void dispatch(const std::vector<HttpEvent>& events);
   void expire();
   Transfer::Time nextDeadline() const;
   void finish(std::map<std::uint64_t, std::shared_ptr<Transfer>>::iterator transfer,
