@@ -76,8 +76,7 @@ void endReport() {
 
 unsigned __stdcall runReporter(void* /*unused*/) {
   guaranteeStack();
-  WaitForSingleObject(begun, INFINITE);
-  if (isStopping) return 0;
+  if (WaitForSingleObject(begun, INFINITE) != WAIT_OBJECT_0 || isStopping) return 0;
   reportingThread = GetCurrentThreadId();
   catchAll([] {
     Failure failure = failureOf(record, Names::ofThisProcess);
