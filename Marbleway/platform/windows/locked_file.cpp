@@ -2,6 +2,7 @@
 
 #include "Marbleway/platform/crash_file.h"
 #include "Marbleway/platform/paths.h"
+#include "Marbleway/platform/windows/owner_only.h"
 
 namespace marbleway::platform {
 namespace {
@@ -18,9 +19,10 @@ OVERLAPPED placeAt(std::size_t offset) {
 
 // Others may read the file; an open for writing of theirs, or a second one here, fails.
 bool LockedFile::open(const std::string& path, bool create) {
-  const HANDLE handle = CreateFileW(pathFrom(path).c_str(), GENERIC_READ | GENERIC_WRITE,
-                                    FILE_SHARE_READ, nullptr, create ? OPEN_ALWAYS : OPEN_EXISTING,
-                                    FILE_ATTRIBUTE_NORMAL | FILE_FLAG_OPEN_REPARSE_POINT, nullptr);
+  const HANDLE handle =
+      CreateFileW(pathFrom(path).c_str(), GENERIC_READ | GENERIC_WRITE, FILE_SHARE_READ,
+                  ownerOnly(), create ? OPEN_ALWAYS : OPEN_EXISTING,
+                  FILE_ATTRIBUTE_NORMAL | FILE_FLAG_OPEN_REPARSE_POINT, nullptr);
   if (handle == INVALID_HANDLE_VALUE) return false;
   BY_HANDLE_FILE_INFORMATION facts{};
   constexpr DWORD kNoFile = FILE_ATTRIBUTE_REPARSE_POINT | FILE_ATTRIBUTE_DIRECTORY;
