@@ -2,8 +2,10 @@
 
 #include <chrono>
 #include <condition_variable>
+#include <memory>
 #include <mutex>
 #include <string>
+#include <string_view>
 #include <system_error>
 
 #include "Marbleway/platform/background_thread.h"
@@ -17,8 +19,10 @@ namespace {
 /// reader reads; those that come meanwhile are lost.
 constexpr std::chrono::milliseconds kLineTimeout{20};
 
+// A null file stands for the debugger, whose output may wait ten seconds for its reader.
 void write(HANDLE file, const std::string& line) {
   DWORD written = 0;
+  if (file == nullptr) return OutputDebugStringW(wide(line).c_str());
   if (DWORD mode = 0; GetConsoleMode(file, &mode) != 0) {
     const std::wstring text = wide(line);
     (void)WriteConsoleW(file, text.data(), static_cast<DWORD>(text.size()), &written, nullptr);
@@ -39,12 +43,13 @@ class LineWriter : public std::enable_shared_from_this<LineWriter> {
     if (!isStarted_) start();
     if (isBusy_ && isStalled_) return;
     const auto isIdle = [this] { return !isBusy_; };
-    if (changed_.wait_for(lock, kLineTimeout, isIdle)) {
+    const auto until = std::chrono::steady_clock::now() + kLineTimeout;
+    if (changed_.wait_until(lock, until, isIdle)) {
       line_ = std::move(line);
       isBusy_ = true;
       changed_.notify_all();
     }
-    isStalled_ = !changed_.wait_for(lock, kLineTimeout, isIdle);
+    isStalled_ = !changed_.wait_until(lock, until, isIdle);
   }
 
  private:
@@ -83,7 +88,7 @@ class StandardError final : public Console {
     std::string whole;
     whole.reserve(line.size() + 1);
     whole.append(line).push_back('\n');
-    if (type_ == FILE_TYPE_UNKNOWN) return OutputDebugStringW(wide(whole).c_str());
+    if (type_ == FILE_TYPE_UNKNOWN) return writer_->take(std::move(whole));
     // The number of a handle that the host has closed may be that of another object.
     if (GetStdHandle(STD_ERROR_HANDLE) != handle_ || GetFileType(handle_) != type_) return;
     if (type_ == FILE_TYPE_DISK) return write(handle_, whole);
@@ -93,7 +98,8 @@ class StandardError final : public Console {
  private:
   const HANDLE handle_ = GetStdHandle(STD_ERROR_HANDLE);
   const DWORD type_ = handle_ != nullptr ? GetFileType(handle_) : FILE_TYPE_UNKNOWN;
-  const std::shared_ptr<LineWriter> writer_ = std::make_shared<LineWriter>(handle_);
+  const std::shared_ptr<LineWriter> writer_ =
+      std::make_shared<LineWriter>(type_ != FILE_TYPE_UNKNOWN ? handle_ : nullptr);
 };
 
 }  // namespace
