@@ -54,7 +54,7 @@ bool leaveFunction(CONTEXT& registers, const Bounds& stack) {
 }
 
 void copyName(CrashRecord::Module& module, std::uint64_t base) {
-  static constinit std::array<std::byte, 1024> answer{};  // of the one failing thread
+  alignas(UNICODE_STRING) static constinit std::array<std::byte, 1024> answer{};
   const QueryMemory query = queryMemory;
   copyText(module.name, "?");
   SIZE_T length = 0;
@@ -67,9 +67,14 @@ void copyName(CrashRecord::Module& module, std::uint64_t base) {
   const std::span text(path.Buffer, path.Length / sizeof(wchar_t));
   const auto last = std::find(text.rbegin(), text.rend(), L'\\').base();
   const auto room = static_cast<int>(module.name.size()) - 1;
-  const int count = WideCharToMultiByte(CP_UTF8, 0, &*last, static_cast<int>(text.end() - last),
-                                        module.name.data(), room, nullptr, nullptr);
-  module.name[static_cast<std::size_t>(std::max(count, 0))] = '\0';
+  int count = 0;
+  // As many characters as there is room for: the conversion of more fails.
+  for (int units = std::min(static_cast<int>(text.end() - last), room); units > 0 && count == 0;
+       --units) {
+    count =
+        WideCharToMultiByte(CP_UTF8, 0, &*last, units, module.name.data(), room, nullptr, nullptr);
+  }
+  module.name[static_cast<std::size_t>(count)] = '\0';
 }
 
 // The size in memory that a module's header gives.
