@@ -54,7 +54,14 @@ class WindowsInterface final : public UserInterface {
     detach([name = wide(url)] {  // starting a program takes time, and runs code of the shell
       const bool isReady =
           SUCCEEDED(CoInitializeEx(nullptr, COINIT_APARTMENTTHREADED | COINIT_DISABLE_OLE1DDE));
-      (void)ShellExecuteW(nullptr, L"open", name.c_str(), nullptr, nullptr, SW_SHOWNORMAL);
+      SHELLEXECUTEINFOW link{};
+      link.cbSize = sizeof(link);
+      link.fMask =
+          SEE_MASK_NOASYNC | SEE_MASK_FLAG_NO_UI;  // this thread ends; failures are ignored
+      link.lpVerb = L"open";
+      link.lpFile = name.c_str();
+      link.nShow = SW_SHOWNORMAL;
+      (void)ShellExecuteExW(&link);
       if (isReady) CoUninitialize();
     });
   }
