@@ -9,6 +9,7 @@
 #include "Marbleway/platform/services.h"
 #include "Marbleway/platform/windows/user_interface.h"
 #include "Marbleway/store/store.h"
+#include "tests/support/fixture.h"
 
 namespace marbleway::platform {
 namespace {
@@ -27,8 +28,8 @@ TEST(WindowsPlatformTest, OpensAbsoluteLinksOnly) {
 }
 
 TEST(WindowsPlatformTest, StoresLieInLongAndUnicodePaths) {
-  const fs::path root = fs::temp_directory_path() / std::to_string(GetCurrentProcessId());
-  setDocumentsDirectory(root / L"\u00E4\u65E5\U0001F600" / std::wstring(120, L'a') /
+  const marbleway::testing::TemporaryDirectory folder;
+  setDocumentsDirectory(folder.path() / L"\u00E4\u65E5\U0001F600" / std::wstring(120, L'a') /
                         std::wstring(120, L'b'));
   makeDocumentsDirectory();
   createStores();
