@@ -4,6 +4,7 @@
 #include <filesystem>
 #include <string>
 
+#include "Marbleway/platform/files.h"
 #include "Marbleway/platform/paths.h"
 #include "Marbleway/platform/platform.h"
 #include "Marbleway/platform/services.h"
@@ -22,7 +23,7 @@ TEST(WindowsPlatformTest, OpensAbsoluteLinksOnly) {
   }
   for (const char* url :
        {"", "cmd", "c:/windows/system32/cmd.exe", "FILE:///c:/a.exe", "\\\\host\\a", "a b://c",
-        "https://a\"b", "javascript:alert(1)", "search-ms:a"}) {
+        "https://a\"b", "javascript:alert(1)", "search-ms://a", "ms-msdt:/id", "mk:@a"}) {
     EXPECT_FALSE(isOpenable(url)) << url;
   }
 }

@@ -15,10 +15,12 @@
 
 namespace marbleway::platform {
 
-// A name without a scheme, or with the scheme of a drive, would run a program of that name.
+// A name without a scheme, or with the scheme of a drive, would run a program of that name. Many
+// schemes of the system's own programs need no "//": of those only these are opened.
 bool isOpenable(std::string_view url) {
-  constexpr std::array<std::string_view, 6> kRefused{"file", "javascript", "vbscript",
-                                                     "data", "shell",      "search-ms"};
+  constexpr std::array<std::string_view, 3> kOpaque{"mailto", "tel", "sms"};
+  constexpr std::array<std::string_view, 7> kRefused{"file",  "javascript", "vbscript", "data",
+                                                     "shell", "search-ms",  "search"};
   const std::size_t end = url.find(':');
   if (end == std::string_view::npos || end < 2) return false;
   std::string scheme(url.substr(0, end));
@@ -30,7 +32,10 @@ bool isOpenable(std::string_view url) {
       scheme.front() >= 'a';
   const bool hasControls =
       std::ranges::any_of(url, [](unsigned char c) { return c <= 0x20 || c == 0x7F || c == '"'; });
-  return isScheme && !hasControls && std::ranges::find(kRefused, scheme) == kRefused.end();
+  const bool isAllowed = url.substr(end).starts_with("://")
+                             ? std::ranges::find(kRefused, scheme) == kRefused.end()
+                             : std::ranges::find(kOpaque, scheme) != kOpaque.end();
+  return isScheme && !hasControls && isAllowed;
 }
 
 namespace {

@@ -11,7 +11,8 @@ namespace marbleway::platform {
 /// no badge.
 std::shared_ptr<UserInterface> makeWindowsInterface();
 
-/// True for an absolute URL whose scheme neither names a file nor runs a script.
+/// True for an absolute URL with "//" whose scheme neither names a file nor runs a script, and for
+/// addresses of mail and telephone.
 bool isOpenable(std::string_view url);
 
 }  // namespace marbleway::platform
