@@ -46,6 +46,15 @@ TEST(WindowsPlatformTest, StoresLieInLongAndUnicodePaths) {
   }
 }
 
+TEST(WindowsPlatformTest, ALockFileHeldByAnotherProgramIsBusy) {
+  const marbleway::testing::TemporaryDirectory folder;
+  const std::wstring name = (folder.path() / "lock").native();
+  HANDLE other = CreateFileW(name.c_str(), GENERIC_READ, 0, nullptr, CREATE_NEW, 0, nullptr);
+  EXPECT_TRUE(DirectoryLock(folder.path()).isBusy());
+  CloseHandle(other);
+  EXPECT_TRUE(DirectoryLock(folder.path()).isHeld());
+}
+
 TEST(WindowsPlatformTest, LinesThatNobodyReadsBlockNobody) {
   HANDLE reader = nullptr, writer = nullptr, former = GetStdHandle(STD_ERROR_HANDLE);
   ASSERT_NE(CreatePipe(&reader, &writer, nullptr, 4096), 0);

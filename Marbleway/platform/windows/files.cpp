@@ -4,6 +4,8 @@
 
 #include <array>
 #include <bit>
+#include <functional>
+#include <string>
 #include <thread>
 
 #include "Marbleway/platform/busy_budget.h"
@@ -37,6 +39,20 @@ bool fill(HANDLE file, std::string_view bytes) {
 
 bool rename(const std::wstring& from, const std::wstring& to, DWORD flags) noexcept {
   return MoveFileExW(from.c_str(), to.c_str(), flags | MOVEFILE_WRITE_THROUGH) != 0;
+}
+
+/// The file that is locked. Another program may hold it open alone for a moment.
+HANDLE openLock(const std::filesystem::path& name) {
+  const BusyBudget budget;
+  for (;;) {
+    const HANDLE file = CreateFileW(name.c_str(), GENERIC_READ | GENERIC_WRITE, kShared,
+                                    ownerOnly(), OPEN_ALWAYS, FILE_ATTRIBUTE_HIDDEN, nullptr);
+    if (file != INVALID_HANDLE_VALUE || GetLastError() != ERROR_SHARING_VIOLATION) return file;
+    if (!BusyBudget::wait([](auto interval) { std::this_thread::sleep_for(interval); })) {
+      SetLastError(ERROR_SHARING_VIOLATION);
+      return file;
+    }
+  }
 }
 
 /// Repeats a change of a file that another program (a virus scanner) holds open for a moment.
@@ -83,15 +99,15 @@ FileContent readFile(const std::filesystem::path& file, std::size_t maxBytes) {
 }
 
 DirectoryLock::DirectoryLock(const std::filesystem::path& directory)
-    : directory_(std::bit_cast<Handle>(
-          CreateFileW((directory / kLockName).c_str(), GENERIC_READ | GENERIC_WRITE, kShared,
-                      ownerOnly(), OPEN_ALWAYS, FILE_ATTRIBUTE_HIDDEN, nullptr))),
+    : directory_(std::bit_cast<Handle>(openLock(directory / kLockName))),
       state_(lock(directory_)) {}
 
 // Tries again after each interval: a wait in the system would have no limit.
 DirectoryLock::State DirectoryLock::lock(Handle directory) {
   const HANDLE file = std::bit_cast<HANDLE>(directory);
-  if (file == INVALID_HANDLE_VALUE) return State::unsupported;
+  if (file == INVALID_HANDLE_VALUE) {
+    return GetLastError() == ERROR_SHARING_VIOLATION ? State::busy : State::unsupported;
+  }
   const BusyBudget budget;
   OVERLAPPED place{};
   while (LockFileEx(file, LOCKFILE_EXCLUSIVE_LOCK | LOCKFILE_FAIL_IMMEDIATELY, 0, 1, 0, &place) ==
