@@ -32,6 +32,7 @@ constinit std::atomic<bool> isCapturing{false}, isStopping{false};
 enum class Phase { none, recording, recorded, final };
 constinit std::atomic<Phase> phase{Phase::none};
 constinit std::atomic<DWORD> failingThread{0}, reportingThread{0};
+constinit std::atomic<ULONGLONG> waitEnd{0};  // of the first wait for the row; 0: none has begun
 constinit CrashRecord record{};
 constinit CrashFile file;
 
@@ -112,6 +113,7 @@ bool startReporter(FailureHandler handler) {
   failureHandler = handler;
   phase = Phase::none;
   failingThread = reportingThread = 0;
+  waitEnd = 0;
   isStopping = false;
   begun = CreateEventW(nullptr, FALSE, FALSE, nullptr);
   done = CreateEventW(nullptr, TRUE, FALSE, nullptr);  // all failing threads wait for it
@@ -162,12 +164,15 @@ void recordFailure(const Cause& cause) {
 
 void awaitRow() {
   if (!isCapturing || thread == nullptr) return;
+  ULONGLONG end = 0;
+  if (waitEnd.compare_exchange_strong(end, GetTickCount64() + kReportTimeout)) end = waitEnd;
   // A thread that fails while it records goes on here with what it has.
   Phase present = failingThread == GetCurrentThreadId() ? phase.load() : Phase::recorded;
   if (present != Phase::final && phase.compare_exchange_strong(present, Phase::final)) {
     SetEvent(begun);
   }
-  WaitForSingleObject(done, kReportTimeout);
+  const ULONGLONG now = GetTickCount64();
+  WaitForSingleObject(done, now < end ? static_cast<DWORD>(end - now) : 0);
 }
 
 void withdrawRecord() {
@@ -176,6 +181,7 @@ void withdrawRecord() {
   if (!phase.compare_exchange_strong(present, Phase::recording)) return;
   file.writeState(CrashRecord::State::empty);
   failingThread = 0;
+  waitEnd = 0;
   phase = Phase::none;
 }
 
