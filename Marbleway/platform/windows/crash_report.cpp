@@ -6,6 +6,7 @@
 #include <exception>
 #include <optional>
 
+#include "Marbleway/platform/background_thread.h"
 #include "Marbleway/platform/call_stack.h"
 #include "Marbleway/platform/catch_all.h"
 #include "Marbleway/platform/crash_file.h"
@@ -110,6 +111,7 @@ bool startReporter(FailureHandler handler) {
     file.open(directory);
   }
   prepareWalk();
+  pinModule();  // handlers and the thread outlast a host that unloads the library
   failureHandler = handler;
   phase = Phase::none;
   failingThread = reportingThread = 0;
