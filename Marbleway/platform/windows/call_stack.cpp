@@ -14,7 +14,7 @@
 #include <typeinfo>
 
 #include "Marbleway/platform/frame_line.h"
-#include "Marbleway/platform/paths.h"
+#include "Marbleway/platform/windows/text.h"
 
 namespace marbleway::platform {
 namespace {
@@ -24,7 +24,7 @@ struct Module {
   HMODULE base = nullptr;
   std::filesystem::path file = "?";
 
-  std::string name() const { return utf8Of(file.filename()); }
+  std::string name() const { return narrow(file.filename().native()); }
 };
 
 Module moduleOf(std::uintptr_t address) {

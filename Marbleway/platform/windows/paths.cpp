@@ -61,7 +61,7 @@ std::string executableName() {
     }
     name.resize(2 * name.size());
   }
-  return utf8Of(std::filesystem::path(name).stem());
+  return narrow(std::filesystem::path(name).stem().native());
 }
 
 std::string_view environment(const char* name) {
