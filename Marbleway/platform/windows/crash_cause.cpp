@@ -36,11 +36,15 @@ constexpr Name kExceptions[] = {
 };
 
 const char* accessOf(const CrashRecord& record) {
-  if (static_cast<std::uint32_t>(record.signal) != EXCEPTION_ACCESS_VIOLATION) return "";
+  if (!isAccess(static_cast<std::uint32_t>(record.signal))) return "";
   return record.code == 0 ? "reading " : record.code == 1 ? "writing " : "executing ";
 }
 
 }  // namespace
+
+bool isAccess(std::uint32_t code) {
+  return code == EXCEPTION_ACCESS_VIOLATION || code == EXCEPTION_IN_PAGE_ERROR;
+}
 
 std::string causeOf(const CrashRecord& record) {
   if (record.signal == SIGABRT) return "Signal 22 (SIGABRT): Aborted";

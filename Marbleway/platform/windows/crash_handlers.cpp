@@ -73,7 +73,7 @@ Cause causeOf(const EXCEPTION_POINTERS& exception) {
   Cause cause{.code = static_cast<std::int32_t>(facts.ExceptionCode),
               .address = reinterpret_cast<std::uint64_t>(facts.ExceptionAddress),
               .registers = exception.ContextRecord};
-  if (facts.ExceptionCode == EXCEPTION_ACCESS_VIOLATION && facts.NumberParameters >= 2) {
+  if (isAccess(facts.ExceptionCode) && facts.NumberParameters >= 2) {
     cause.access = static_cast<std::int32_t>(facts.ExceptionInformation[0]);
     cause.address = facts.ExceptionInformation[1];
   }
