@@ -76,7 +76,7 @@ constexpr Zone kZones[] = {
 std::string nameFromICU(std::wstring_view zone) {
   using Find = std::int32_t(const wchar_t* zone, std::int32_t size, const char* region,
                             wchar_t* name, std::int32_t capacity, std::int32_t* error);
-  const HMODULE library = LoadLibraryExW(L"icu.dll", nullptr, LOAD_LIBRARY_SEARCH_SYSTEM32);
+  static const HMODULE library = LoadLibraryExW(L"icu.dll", nullptr, LOAD_LIBRARY_SEARCH_SYSTEM32);
   if (library == nullptr) return {};
   auto* find = reinterpret_cast<Find*>(
       reinterpret_cast<void*>(GetProcAddress(library, "ucal_getTimeZoneIDForWindowsID")));
@@ -90,7 +90,6 @@ std::string nameFromICU(std::wstring_view zone) {
     size = find(zone.data(), static_cast<std::int32_t>(zone.size()), narrow(region.data()).c_str(),
                 name.data(), static_cast<std::int32_t>(name.size()), &error);
   }
-  FreeLibrary(library);
   const bool isFound = error <= 0 && size > 0 && size < std::ssize(name);
   return isFound ? narrow({name.data(), static_cast<std::size_t>(size)}) : std::string();
 }
