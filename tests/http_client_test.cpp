@@ -59,6 +59,21 @@ TEST_F(HttpClientTest, EachServerBehaviourHasItsOutcome) {
 }
 // clang-format on
 
+TEST_F(HttpClientTest, SendsItsHeadersButNoControlCharacters) {
+  using namespace std::string_literals;
+  const std::string url = "http://a%40b:c@" + server.host() + "/v2/";
+  for (const std::string& body : {"{}"s, ""s, std::string(3 << 20, '\0')}) {
+    HttpRequest request = requestTo(url, body);
+    request.headers = {{"Accept", "a/b"}, {"empty", ""},      {"a", "a\r\nX-Smuggled: 1"},
+                       {"b", "a\nb"},     {"c", "a\0b"s},     {"d", "\x7F"},
+                       {"e\r\nX", "1"},   {"token", "t \xFF"}};
+    EXPECT_TRUE(responseTo(std::move(request)));
+    const Received received = server.requests().back();
+    EXPECT_EQ(received.head, "POST /v2/ HTTP/1.1\r\n" + headersOf(server.host(), body.size()));
+    EXPECT_TRUE(received.body == body);
+  }
+}
+
 TEST_F(HttpClientTest, RequestsOverlapAndNoneEndsAnother) {
   constexpr std::size_t kRequests = 80;
   server.answerWith([&](const Received& request) {

@@ -7,6 +7,7 @@
 #include <utility>
 
 #include "Marbleway/platform/catch_all.h"
+#include "Marbleway/platform/windows/credentials.h"
 #include "Marbleway/platform/windows/text.h"
 
 namespace marbleway::platform {
@@ -80,9 +81,15 @@ bool Transfer::open(HINTERNET session, bool& isSecure) {
   URL_COMPONENTS parts{};
   parts.dwStructSize = sizeof(parts);
   parts.dwHostNameLength = parts.dwUrlPathLength = parts.dwExtraInfoLength = ULONG_MAX;
+  parts.dwUserNameLength = parts.dwPasswordLength = ULONG_MAX;
   if (WinHttpCrackUrl(url.c_str(), static_cast<DWORD>(url.size()), 0, &parts) == 0) return false;
   isSecure = parts.nScheme == INTERNET_SCHEME_HTTPS;
   const std::wstring host(parts.lpszHostName, parts.dwHostNameLength);
+  if (parts.dwUserNameLength > 0) {
+    request_.headers.emplace_back(
+        "Authorization", basicCredentials(narrow({parts.lpszUserName, parts.dwUserNameLength}),
+                                          narrow({parts.lpszPassword, parts.dwPasswordLength})));
+  }
   std::wstring path(parts.lpszUrlPath, parts.dwUrlPathLength);
   path.append(parts.lpszExtraInfo, parts.dwExtraInfoLength);
   path.resize(std::min(path.size(), path.find(L'#')));
