@@ -108,7 +108,7 @@ bool Transfer::setOptions() {
                               WINHTTP_DISABLE_AUTHENTICATION | WINHTTP_DISABLE_KEEP_ALIVE;
   // The loop has the time limits; WinHTTP's own would end an exchange earlier.
   (void)WinHttpSetTimeouts(handle_.get(), 0, 0, 0, 0);
-  (void)set(handle_.get(), WINHTTP_OPTION_RECEIVE_RESPONSE_TIMEOUT, DWORD{0});
+  (void)set(handle_.get(), WINHTTP_OPTION_RECEIVE_RESPONSE_TIMEOUT, DWORD{INFINITE});
   (void)WinHttpSetOption(handle_.get(), WINHTTP_OPTION_CLIENT_CERT_CONTEXT,
                          WINHTTP_NO_CLIENT_CERT_CONTEXT, 0);
   return set(handle_.get(), WINHTTP_OPTION_DISABLE_FEATURE, kDisabled);
