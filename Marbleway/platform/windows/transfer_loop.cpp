@@ -13,6 +13,21 @@ namespace {
 /// The longest wait; a longer one would overflow where the clock is converted.
 constexpr std::chrono::hours kMaxWait{1};
 
+InternetHandle openSession() {
+  InternetHandle session(WinHttpOpen(nullptr, WINHTTP_ACCESS_TYPE_AUTOMATIC_PROXY,
+                                     WINHTTP_NO_PROXY_NAME, WINHTTP_NO_PROXY_BYPASS,
+                                     WINHTTP_FLAG_ASYNC));
+  // TLS 1.2 or later; a Windows that has no TLS 1.3 refuses both together.
+  for (DWORD protocols : {WINHTTP_FLAG_SECURE_PROTOCOL_TLS1_2 | WINHTTP_FLAG_SECURE_PROTOCOL_TLS1_3,
+                          WINHTTP_FLAG_SECURE_PROTOCOL_TLS1_2}) {
+    if (session && WinHttpSetOption(session.get(), WINHTTP_OPTION_SECURE_PROTOCOLS, &protocols,
+                                    sizeof(protocols)) != 0) {
+      break;
+    }
+  }
+  return session;
+}
+
 }  // namespace
 
 void TransferLoop::run() {
@@ -59,11 +74,7 @@ bool TransferLoop::step() {
 
 void TransferLoop::admit(const Transfers& arrived) {
   for (const auto& transfer : arrived) {
-    if (!session_) {
-      session_.reset(WinHttpOpen(nullptr, WINHTTP_ACCESS_TYPE_AUTOMATIC_PROXY,
-                                 WINHTTP_NO_PROXY_NAME, WINHTTP_NO_PROXY_BYPASS,
-                                 WINHTTP_FLAG_ASYNC));
-    }
+    if (!session_) session_ = openSession();
     bool hasBegun = false;
     catchAll([&] {
       active_.emplace(++lastNumber_, transfer);
