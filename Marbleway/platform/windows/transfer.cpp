@@ -118,10 +118,10 @@ bool Transfer::addHeaders() {
   for (const auto& [name, value] : request_.headers) {
     if (hasControlCharacter(name) || hasControlCharacter(value)) continue;
     const std::wstring line = wide(name) + L": " + wide(value);
-    if (WinHttpAddRequestHeaders(handle_.get(), line.c_str(), static_cast<DWORD>(line.size()),
-                                 WINHTTP_ADDREQ_FLAG_ADD) == 0) {
-      return false;
-    }
+    const bool isAdded =
+        WinHttpAddRequestHeaders(handle_.get(), line.c_str(), static_cast<DWORD>(line.size()),
+                                 WINHTTP_ADDREQ_FLAG_ADD) != 0;
+    if (!isAdded && !value.empty()) return false;  // a refused header without a value is left out
   }
   return true;
 }
