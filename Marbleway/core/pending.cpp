@@ -5,6 +5,7 @@
 #include <thread>
 
 #include "Marbleway/Host.h"
+#include "Marbleway/platform/fork.h"
 #include "Marbleway/platform/guarded.h"
 
 namespace marbleway {
@@ -42,6 +43,7 @@ bool waitUntilIdle(std::chrono::milliseconds atMost) noexcept {
   constexpr std::chrono::milliseconds kMax = std::chrono::hours(24 * 365);
   const auto end = steady_clock::now() + std::clamp(atMost, std::chrono::milliseconds(0), kMax);
   while (!isIdle()) {
+    if (platform::isUnusableChild()) return false;  // no thread is left to end what is pending
     if (steady_clock::now() >= end) return false;
     std::this_thread::sleep_for(kRetryInterval);
   }
