@@ -36,7 +36,7 @@ TEST(ValueTest, IsMadeFromWhatItHolds) {
   EXPECT_TRUE(Value().isNull());
   EXPECT_TRUE(Value(static_cast<const char*>(nullptr)).isNull());
   EXPECT_EQ(Value(true).as<std::int64_t>(), nullptr);
-  EXPECT_EQ(*Value(7U).as<std::int64_t>(), 7);
+  EXPECT_EQ(*Value(std::uint64_t{INT64_MAX}).as<std::int64_t>(), INT64_MAX);
   EXPECT_EQ(*Value(std::numeric_limits<std::uint64_t>::max()).as<double>(), 18446744073709551616.0);
   EXPECT_EQ(*Value(std::string("a\0b", 3)).as<std::string>(), "a");
   EXPECT_EQ(Value(123456789.0F), Value(123456790.0));
