@@ -15,14 +15,12 @@
 namespace marbleway::platform {
 namespace {
 
-namespace fs = std::filesystem;
-
 TEST(WindowsPlatformTest, OpensAbsoluteLinksOnly) {
   for (const char* url : {"https://example.com/a?b#c", "todo://list", "mailto:a@example.com"}) {
     EXPECT_TRUE(isOpenable(url)) << url;
   }
   for (const char* url :
-       {"", "cmd", "c:/windows/system32/cmd.exe", "FILE:///c:/a.exe", "\\\\host\\a", "a b://c",
+       {"", "cmd", "c:/windows/system32/cmd.exe", "FILE:///c:/a.exe", R"(\\host\a)", "a b://c",
         "https://a\"b", "javascript:alert(1)", "search-ms://a", "ms-msdt:/id", "mk:@a"}) {
     EXPECT_FALSE(isOpenable(url)) << url;
   }

@@ -29,7 +29,7 @@ struct Crash {
 class WindowsProcessTest : public ::testing::TestWithParam<Crash> {
  protected:
   fs::path round(int number) const {
-    const fs::path own = folder_.path() / std::to_string(number);
+    fs::path own = folder_.path() / std::to_string(number);
     fs::create_directory(own);
     return own;
   }

@@ -104,7 +104,7 @@ DirectoryLock::DirectoryLock(const std::filesystem::path& directory)
 
 // Tries again after each interval: a wait in the system would have no limit.
 DirectoryLock::State DirectoryLock::lock(Handle directory) {
-  const HANDLE file = std::bit_cast<HANDLE>(directory);
+  const auto file = std::bit_cast<HANDLE>(directory);
   if (file == INVALID_HANDLE_VALUE) {
     return GetLastError() == ERROR_SHARING_VIOLATION ? State::busy : State::unsupported;
   }
@@ -122,7 +122,7 @@ DirectoryLock::State DirectoryLock::lock(Handle directory) {
 }
 
 DirectoryLock::~DirectoryLock() {
-  const HANDLE file = std::bit_cast<HANDLE>(directory_);
+  const auto file = std::bit_cast<HANDLE>(directory_);
   if (file == INVALID_HANDLE_VALUE) return;
   OVERLAPPED place{};
   // Closing would release it too, but later.

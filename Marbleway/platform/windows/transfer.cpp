@@ -61,7 +61,8 @@ bool Transfer::begin(HINTERNET session, const std::shared_ptr<HttpInbox>& inbox,
   exchange->body = std::move(request_.body);
   const std::size_t size = exchange->body.size();
   if (size > ULONG_MAX) return fail(ERROR_FILE_TOO_LARGE);
-  if (!set(handle_.get(), WINHTTP_OPTION_CONTEXT_VALUE, exchange.get()) ||
+  if (!set(handle_.get(), WINHTTP_OPTION_CONTEXT_VALUE,
+           reinterpret_cast<DWORD_PTR>(exchange.get())) ||
       WinHttpSetStatusCallback(handle_.get(), &onHttpStatus,
                                WINHTTP_CALLBACK_FLAG_ALL_NOTIFICATIONS,
                                0) == WINHTTP_INVALID_STATUS_CALLBACK) {

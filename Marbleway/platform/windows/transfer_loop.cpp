@@ -18,8 +18,9 @@ InternetHandle openSession() {
                                      WINHTTP_NO_PROXY_NAME, WINHTTP_NO_PROXY_BYPASS,
                                      WINHTTP_FLAG_ASYNC));
   // TLS 1.2 or later; a Windows that has no TLS 1.3 refuses both together.
-  for (DWORD protocols : {WINHTTP_FLAG_SECURE_PROTOCOL_TLS1_2 | WINHTTP_FLAG_SECURE_PROTOCOL_TLS1_3,
-                          WINHTTP_FLAG_SECURE_PROTOCOL_TLS1_2}) {
+  for (DWORD protocols :
+       {DWORD{WINHTTP_FLAG_SECURE_PROTOCOL_TLS1_2 | WINHTTP_FLAG_SECURE_PROTOCOL_TLS1_3},
+        DWORD{WINHTTP_FLAG_SECURE_PROTOCOL_TLS1_2}}) {
     if (session && WinHttpSetOption(session.get(), WINHTTP_OPTION_SECURE_PROTOCOLS, &protocols,
                                     sizeof(protocols)) != 0) {
       break;
