@@ -14,6 +14,7 @@
 #include <chrono>
 #include <csignal>
 #include <cstdlib>
+#include <ctime>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
@@ -25,6 +26,7 @@
 #include "Marbleway/platform/busy_budget.h"
 #include "Marbleway/platform/linux/fatal_signals.h"
 #include "Marbleway/platform/linux/time_zone.h"
+#include "Marbleway/platform/manual_loop.h"
 #include "Marbleway/platform/paths.h"
 #include "Marbleway/platform/platform.h"
 #include "Marbleway/platform/services.h"
@@ -258,6 +260,15 @@ TEST(MainLoopTest, WithoutAThreadATaskIsDropped) {
   }
   EXPECT_TRUE(fires(*loop, 3));
   EXPECT_FALSE(ran);
+}
+
+TEST(MainLoopTest, WaitsWithoutProcessorTime) {
+  const auto loop = makeBackgroundLoop();
+  const auto timer = loop->repeat(std::chrono::hours(1), [] {});
+  const std::clock_t before = std::clock();
+  ManualLoop().pumpFor(std::chrono::milliseconds(200));
+  EXPECT_LT(std::clock() - before, CLOCKS_PER_SEC / 10);
+  timer->invalidate();
 }
 
 TEST(MainLoopTest, BlocksAllButFatalSignals) {
