@@ -27,3 +27,5 @@ if(SYSTEMD_FOUND AND PROJECT_IS_TOP_LEVEL)
   set(has_systemd ON)
 endif()
 option(MARBLEWAY_DESKTOP "Build the services of a Linux desktop" ${has_systemd})
+# What names the frames of a call stack.
+set(system_call_stack call_stack.cpp)
