@@ -8,6 +8,8 @@
 #include "Marbleway/platform/paths.h"
 #include "Marbleway/platform/platform.h"
 #include "Marbleway/platform/services.h"
+#include "Marbleway/platform/windows/text.h"
+#include "Marbleway/platform/windows/time_zone.h"
 #include "Marbleway/platform/windows/user_interface.h"
 #include "Marbleway/store/store.h"
 #include "tests/support/fixture.h"
@@ -24,6 +26,19 @@ TEST(WindowsPlatformTest, OpensAbsoluteLinksOnly) {
         "https://a\"b", "javascript:alert(1)", "search-ms://a", "ms-msdt:/id", "mk:@a"}) {
     EXPECT_FALSE(isOpenable(url)) << url;
   }
+}
+
+TEST(WindowsPlatformTest, NoTextOfUnicodeIsLostInConversions) {
+  EXPECT_EQ(wide("\u00E4\U0001F600"), L"\u00E4\U0001F600");
+  EXPECT_EQ(narrow(L"\u00E4\U0001F600"), "\u00E4\U0001F600");
+  EXPECT_EQ(wide("a\xFFz"), L"a\uFFFDz");
+  EXPECT_EQ(narrow(std::wstring(L"a") + wchar_t{0xD83D} + L"z"), "a\uFFFDz");
+}
+
+TEST(WindowsPlatformTest, ZonesHaveTheirIANANames) {
+  EXPECT_EQ(timeZoneName(), "Asia/Calcutta");  // of TZ=Asia/Kolkata, which the build sets for Wine
+  EXPECT_EQ(knownTimeZone(L"W. Europe Standard Time"), "Europe/Berlin");
+  EXPECT_EQ(knownTimeZone(L"Other Standard Time"), "");
 }
 
 TEST(WindowsPlatformTest, StoresLieInLongAndUnicodePaths) {
