@@ -1,6 +1,5 @@
 #include "Marbleway/platform/call_stack.h"
 
-#include <cxxabi.h>
 // clang-format off
 #include <windows.h>
 #include <dbghelp.h>  // needs the one above
@@ -8,10 +7,9 @@
 
 #include <algorithm>
 #include <array>
-#include <cstdlib>
 #include <filesystem>
-#include <memory>
-#include <typeinfo>
+#include <iterator>
+#include <string>
 
 #include "Marbleway/platform/frame_line.h"
 #include "Marbleway/platform/windows/text.h"
@@ -99,20 +97,6 @@ std::string lineWith(std::size_t number, std::uintptr_t address, const Module& m
 
 }  // namespace
 
-std::string demangled(const char* name) {
-  struct Free {
-    void operator()(char* text) const { std::free(text); }
-  };
-  int status = 0;
-  const std::unique_ptr<char, Free> text(abi::__cxa_demangle(name, nullptr, nullptr, &status));
-  return text ? text.get() : name;
-}
-
-const char* currentExceptionType() {
-  const std::type_info* const type = abi::__cxa_current_exception_type();
-  return type != nullptr ? type->name() : nullptr;
-}
-
 std::string frameLine(std::size_t number, std::uintptr_t address, AddressKind kind) {
   static const Symbols symbols;
   // A call that never returns may be the last instruction of its function.
@@ -125,10 +109,9 @@ std::string frameLine(std::size_t number, std::uintptr_t address, AddressKind ki
 std::vector<std::uintptr_t> returnAddresses(const void* caller) {
   std::array<void*, kMaxFrames> frames{};
   const auto count =
-      CaptureStackBackTrace(0, static_cast<DWORD>(frames.size()), frames.data(), nullptr);
+      CaptureStackBackTrace(1, static_cast<DWORD>(frames.size()), frames.data(), nullptr);
   const auto end = frames.begin() + count;
   auto first = std::find(frames.begin(), end, caller);
-  if (first == end) first = std::find(frames.begin(), end, __builtin_return_address(0));
   if (first == end) first = frames.begin();
 
   std::vector<std::uintptr_t> addresses;

@@ -10,6 +10,7 @@
 
 #include "Marbleway/platform/windows/crash_cause.h"
 #include "Marbleway/platform/windows/crash_report.h"
+#include "Marbleway/platform/windows/crash_stack.h"
 
 namespace marbleway::platform {
 namespace {
@@ -93,14 +94,14 @@ LONG WINAPI onException(EXCEPTION_POINTERS* exception) {
 }
 
 void onTerminate() {
-  reportFatal({.caller = __builtin_return_address(0)});
+  reportFatal({.caller = callersReturnAddress()});
   const Run run(formerTerminate);
   if (const auto former = run.next()) former();
   // The caller aborts.
 }
 
 void onAbort(int number) {
-  reportFatal({.code = number, .caller = __builtin_return_address(0)});
+  reportFatal({.code = number, .caller = callersReturnAddress()});
   const Run run(formerAbort);
   std::signal(number, run.next());
   std::raise(number);
@@ -111,7 +112,7 @@ void onInvalidParameter(const wchar_t* expression, const wchar_t* function, cons
   const Run run(formerInvalidParameter);
   const auto former = run.next();
   if (former == nullptr && !kInvalidParameterEnds) return;
-  recordFailure({.code = kInvalidParameter, .caller = __builtin_return_address(0)});
+  recordFailure({.code = kInvalidParameter, .caller = callersReturnAddress()});
   if (former != nullptr) {
     former(expression, function, source, line, reserved);
     return withdrawRecord();  // the call returns an error
@@ -121,7 +122,7 @@ void onInvalidParameter(const wchar_t* expression, const wchar_t* function, cons
 }
 
 void onPureCall() {
-  reportFatal({.code = kPureCall, .caller = __builtin_return_address(0)});
+  reportFatal({.code = kPureCall, .caller = callersReturnAddress()});
   const Run run(formerPureCall);
   if (const auto former = run.next()) former();
   // The caller aborts.

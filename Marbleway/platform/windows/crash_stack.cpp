@@ -103,6 +103,12 @@ void recordFramesFrom(CrashRecord& record, const CONTEXT& registers) {
   } while (record.depth < record.frames.size() && leaveFunction(present, stack));
 }
 
+const void* callersReturnAddress() {
+  void* address = nullptr;  // above this function and the one that calls it
+  CaptureStackBackTrace(2, 1, &address, nullptr);
+  return address;
+}
+
 void recordFramesHere(CrashRecord& record, const void* caller) {
   static constinit std::array<void*, kMaxFrames> frames{};
   const auto count =

@@ -13,6 +13,9 @@ void prepareWalk();
 /// stack is damaged. It allocates nothing, nor does the next one.
 void recordFramesFrom(CrashRecord& record, const CONTEXT& registers);
 
+/// The address to which the function returns that calls this one.
+const void* callersReturnAddress();
+
 /// Notes those of the calling thread, from `caller` on if it is among them.
 void recordFramesHere(CrashRecord& record, const void* caller);
 
