@@ -92,7 +92,7 @@ std::string lineWith(std::size_t number, std::uintptr_t address, const Module& m
   if (!function.empty()) return line.append(" ").append(function);
   if (module.base == nullptr) return line;
   const std::uintptr_t offset = address - reinterpret_cast<std::uintptr_t>(module.base);
-  return line.append(" " + module.name() + " + ").append(hexadecimal(offset));
+  return line.append(" ").append(module.name()).append(" + ").append(hexadecimal(offset));
 }
 
 }  // namespace
