@@ -226,12 +226,24 @@ void useSmallStack() {
   smallStack.fill(0xA5);
 }
 
+template <void (*install)()>
 void restartWithAChain() {
-  static std::terminate_handler former = nullptr;
   startHere();
-  former = std::set_terminate([] { former(); });
+  install();
   shutdown();
   startHere();
+}
+std::terminate_handler formerTerminate = nullptr;
+void chainTerminate() {
+  formerTerminate = std::set_terminate([] { formerTerminate(); });
+}
+struct sigaction formerAction {};
+void callFormer(int number, siginfo_t* info, void* context) {
+  formerAction.sa_sigaction(number, info, context);
+}
+void chainHandler() {
+  sigaction(SIGSEGV, nullptr, &formerAction);
+  setHandler<callFormer>();
 }
 
 void refuseThreads() {
@@ -299,7 +311,8 @@ const Crash kCrashes[] = {
     {"HandlerJumpsThenAbort", inTurn<recoverByJump, std::abort>, kAborted, kAbort, "abort + ", setHandler<jumpAway, SA_ONSTACK>},
     {"HandlerRepairsThenDivide", inTurn<recoverByRepair, divideByZero>, kDivided, "Signal 8 (SIGFPE): ", "main + ", setHandler<repair>},
     {"FormerTerminate", throwError, "ended with 3", kError, "failing::throwError() + ", [] { std::set_terminate([] { _exit(3); }); }},
-    {"TerminateChainAfterARestart", throwError, kAborted, kError, "failing::throwError() + ", [] {}, restartWithAChain},
+    {"TerminateChainAfterARestart", throwError, kAborted, kError, "failing::throwError() + ", [] {}, restartWithAChain<chainTerminate>},
+    {"HandlerChainAfterARestart", writeToBadAddress, kFaulted, kBadWrite, "failing::writeToBadAddress() + ", [] {}, restartWithAChain<chainHandler>},
     {"Ignored", raiseSignal<SIGABRT>, "", nullptr, nullptr, [] { std::signal(SIGABRT, SIG_IGN); }},
     {"Cancel", cancelInOperation, "", nullptr, nullptr},
 };

@@ -5,9 +5,11 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <bit>
 #include <cerrno>
 #include <cstddef>
+#include <optional>
 
 #include "Marbleway/platform/linux/crash_report.h"
 #include "Marbleway/platform/linux/recoverable.h"
@@ -17,9 +19,13 @@ namespace {
 
 using Action = struct sigaction;
 
+// A host's handler that was installed while the library ran outlasts its end, and may call the
+// library's: after a restart the two would pass a signal to each other. Then `first` takes it.
 struct Chain {
-  Action former{};   // what the signal is passed on to
-  Action present{};  // what is installed again once the host has recovered
+  Action former{};                // what the signal is passed on to
+  Action present{};               // what is installed again once the host has recovered
+  std::optional<Action> first{};  // what stood there before the library's first start
+  std::atomic<pid_t> thread{0};   // whose signal `former` takes; 0: none
 };
 constinit std::array<Chain, kFatalSignals.size()> chains{};
 
@@ -92,6 +98,7 @@ Chain* chainOfMarker(const siginfo_t& info) {
 // action, such as SIG_DFL, means that to take the signal.
 void resumeCapture(Chain& chain) {
   const int number = kFatalSignals[static_cast<std::size_t>(&chain - chains.data())];
+  chain.thread = 0;
   withdrawReport();
   Action now{};
   sigaction(number, nullptr, &now);
@@ -108,13 +115,14 @@ void passOn(int number, siginfo_t* info, void* context, Outcome outcome) {
   pthread_sigmask(SIG_SETMASK, &all, nullptr);  // until the return
 
   Chain& chain = chainOf(number);
-  Action next = chain.former;
+  const bool isNested = chain.thread.exchange(gettid()) == gettid();
+  Action next = isNested ? chain.first.value_or(Action{}) : chain.former;
   if (!hasHandler(next)) next.sa_handler = SIG_DFL;
   const int marker = outcome == Outcome::open ? markerFor(number, context) : 0;
   if (marker != 0) sigaddset(&next.sa_mask, marker);
   Action present{};
   sigaction(number, &next, &present);
-  if (present.sa_handler != next.sa_handler) chain.present = present;
+  if (!isNested && present.sa_handler != next.sa_handler) chain.present = present;
   if (marker != 0) queueMarker(marker, chain);
   queue(number, info);
 }
@@ -148,6 +156,7 @@ void captureFatalSignals() {
     Action present{};
     sigaction(number, nullptr, &present);
     if (!isOurs(present)) chain.former = present;  // in a fork's child it may be ours
+    if (!chain.first) chain.first = chain.former;
     chain.present = action;
     if (!isOurs(present)) sigaction(number, &action, nullptr);
   }
