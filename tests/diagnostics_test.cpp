@@ -39,6 +39,7 @@ TEST_F(DiagnosticsTest, NameEachFailureButNoValue) {
       {[&] { start(); answer(401); uploadNow(); }, R"(batch: not begun, "no handshake has been answered", initMarbleway;handshake: rejected, status 401, http://host/v2/mobile/init, bytes 42;batch: not begun, "the project is refused", uploadNow)"},
       {[&] { start(); answer(200, R"({"Data":{"Config":{"SessionTimeout":300}}})"); }, R"(batch: not begun, "no row is pending", initMarbleway;handshake: accepted, status 200, http://host/v2/mobile/init, bytes 42)"},
       {[] { Marbleway::linkUser("secret", "phone"); }, R"(refusal: unknown identifier type, linkUser "phone")"},
+      {[] { Marbleway::setUserAttribute("Company", "secret"); }, R"(refusal: only linkCompany records the company, setUserAttribute "Company")"},
       {[] { Marbleway::setUserAttribute("Phone", "secret"); }, R"(refusal: Phone Number Invalid, Could Not Set User Attribute, setUserAttribute "Phone")"},
       {[&] { deleteRows(); uploadNow(); }, R"(batch: not begun, "no row is pending", uploadNow)"},
       {[&] { Marbleway::linkCompany("secret"); uploadNow(); answer(500); }, R"(batch: rejected, status 500, http://host/v2/mobile/batch, rows 1, bytes 382)"},
