@@ -11,6 +11,7 @@
 #include <cerrno>
 #include <chrono>
 #include <optional>
+#include <ratio>
 
 #include "Marbleway/platform/call_stack.h"
 #include "Marbleway/platform/catch_all.h"
@@ -46,6 +47,7 @@ constinit std::atomic<pid_t> failingThread{0};
 constinit CrashRecord record{};
 constinit CrashFile file;
 constinit sem_t begun{}, done{};
+constinit std::atomic<steady_clock::rep> waitEnd{0};  // of all that wait for the row; 0: none has
 constinit std::atomic<pid_t> reportingThread{0};
 
 // Makes this thread the one whose failure is recorded. False when another's is final, or when this
@@ -134,15 +136,17 @@ void recordFailure(const Cause& cause, const Place& place) {
   recordFrames(place);
 }
 
-// Hands the record to the reporting thread, if none has been, and waits for the row.
+// Hands the record to the reporting thread, if none has been, and waits for the row: also from
+// std::abort, after std::terminate has waited.
 void awaitRow() {
   if (!hasThread) return;
   Phase present = Phase::recorded;
   if (phase.compare_exchange_strong(present, Phase::final)) sem_post(&begun);
-  const auto until = (steady_clock::now() + kReportTimeout).time_since_epoch();
-  const auto seconds = std::chrono::floor<std::chrono::seconds>(until);
-  const timespec time{.tv_sec = static_cast<time_t>(seconds.count()),
-                      .tv_nsec = static_cast<long>((until - seconds).count())};
+  const auto latest = (steady_clock::now() + kReportTimeout).time_since_epoch().count();
+  steady_clock::rep end = 0;
+  if (waitEnd.compare_exchange_strong(end, latest)) end = latest;
+  const timespec time{.tv_sec = static_cast<time_t>(end / std::nano::den),
+                      .tv_nsec = static_cast<long>(end % std::nano::den)};
   while (sem_clockwait(&done, CLOCK_MONOTONIC, &time) != 0) {
     if (errno != EINTR) return;
   }
@@ -204,6 +208,7 @@ bool startReporter(FailureHandler handler) {
   failureHandler = handler;
   phase = Phase::none;
   failingThread = reportingThread = recoverableThread = 0;
+  waitEnd = 0;
   isStopping = false;
   sem_init(&begun, 0, 0);
   sem_init(&done, 0, 0);
