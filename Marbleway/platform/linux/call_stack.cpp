@@ -1,17 +1,13 @@
 #include "Marbleway/platform/call_stack.h"
 
-#include <cxxabi.h>
 #include <dlfcn.h>
 #include <execinfo.h>
 
 #include <algorithm>
 #include <array>
 #include <bit>
-#include <cstdlib>
 #include <iterator>
-#include <memory>
 #include <string_view>
-#include <typeinfo>
 
 #include "Marbleway/platform/frame_line.h"
 
@@ -32,20 +28,6 @@ std::string functionName(std::string_view symbol) {
 std::uintptr_t addressOf(const void* pointer) { return reinterpret_cast<std::uintptr_t>(pointer); }
 
 }  // namespace
-
-std::string demangled(const char* name) {
-  struct Free {
-    void operator()(char* text) const { std::free(text); }
-  };
-  int status = 0;
-  const std::unique_ptr<char, Free> text(abi::__cxa_demangle(name, nullptr, nullptr, &status));
-  return text ? text.get() : name;
-}
-
-const char* currentExceptionType() {
-  const std::type_info* const type = abi::__cxa_current_exception_type();
-  return type != nullptr ? type->name() : nullptr;
-}
 
 std::string frameLine(std::size_t number, std::uintptr_t address, AddressKind kind) {
   // A call that never returns may be the last instruction of its function.

@@ -13,4 +13,4 @@ set(has_link_time_optimization OFF)  # mingw-w64's g++ 12 fails on it
 # Windows 10, and UTF-16 names throughout.
 set(system_definitions _WIN32_WINNT=0x0A00 UNICODE _UNICODE NOMINMAX WIN32_LEAN_AND_MEAN)
 # What names the frames of a call stack.
-set(system_call_stack call_stack.cpp cxx_types.cpp text.cpp)
+set(system_call_stack call_stack.cpp text.cpp)

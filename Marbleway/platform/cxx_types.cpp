@@ -6,7 +6,7 @@
 
 #include "Marbleway/platform/call_stack.h"
 
-// The one file that knows the compiler: g++ and Clang for mingw-w64 have these functions.
+// By functions of the C++ run-time that g++ and Clang have, on Windows for mingw-w64.
 namespace marbleway::platform {
 
 std::string demangled(const char* name) {
