@@ -6,7 +6,7 @@
 
 #include "Marbleway/platform/call_stack.h"
 
-// By functions of the C++ run-time that g++ and Clang have, on Windows for mingw-w64.
+// The C++ run-time of g++ and Clang has these functions, on Windows that of mingw-w64.
 namespace marbleway::platform {
 
 std::string demangled(const char* name) {

@@ -39,8 +39,8 @@ int accessFile(sqlite3_vfs* /*vfs*/, const char* name, int flags, int* result) {
   return SQLITE_OK;
 }
 
-// The name of a store is absolute. The system's function looks for links in each of its folders,
-// which need not be followed here: a store and its journals have the same folder.
+// A store's name is absolute. SQLite's own function looks for a link in each folder of the name.
+// Links of folders need not be resolved: a store and its journals are in the same folder.
 int completeName(sqlite3_vfs* /*vfs*/, const char* name, int size, char* completed) {
   const std::string_view text(name);
   const FileKind kind = kindOf(name);
